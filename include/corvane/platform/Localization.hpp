@@ -1,0 +1,23 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace corvane::platform {
+
+/// Localized texts of the library, through gettext (domain "corvane"), from the resource bundle
+/// "Corvane.framework": <resource dir>/locale/<language>/LC_MESSAGES/corvane.mo.
+class Localization {
+ public:
+  /// The text for `key` in the process's current locale (LC_MESSAGES and LANGUAGE), looked up on
+  /// every call; the key itself when no translation exists. Never throws but for allocation.
+  [[nodiscard]] static std::string localizedString(std::string_view key);
+  /// $CORVANE_RESOURCE_DIR when set, else the installed "<datadir>/Corvane.framework".
+  [[nodiscard]] static std::filesystem::path resourceDirectory();
+  /// Tells gettext that the language changed (after setenv("LANGUAGE") or setlocale), so that
+  /// the next look-up does not answer from its cache.
+  static void languageChanged() noexcept;
+};
+
+}  // namespace corvane::platform
