@@ -11,14 +11,20 @@ namespace {
 
 std::string_view kindName(const boost::json::value& v) noexcept {
   switch (v.kind()) {
-    case boost::json::kind::null: return "null";
-    case boost::json::kind::bool_: return "a boolean";
+    case boost::json::kind::null:
+      return "null";
+    case boost::json::kind::bool_:
+      return "a boolean";
     case boost::json::kind::int64:
     case boost::json::kind::uint64:
-    case boost::json::kind::double_: return "a number";
-    case boost::json::kind::string: return "a string";
-    case boost::json::kind::array: return "an array";
-    case boost::json::kind::object: return "an object";
+    case boost::json::kind::double_:
+      return "a number";
+    case boost::json::kind::string:
+      return "a string";
+    case boost::json::kind::array:
+      return "an array";
+    case boost::json::kind::object:
+      return "an object";
   }
   return "an unknown value";
 }
@@ -37,7 +43,8 @@ void throwTypeMismatch(std::string_view expected, const boost::json::value& foun
                        const CodingPath& path) {
   const auto kind =
       found.is_null() ? CodingError::Kind::valueNotFound : CodingError::Kind::typeMismatch;
-  throwError(kind, path, fmt::format("Expected {} but found {} instead.", expected, kindName(found)));
+  throwError(kind, path,
+             fmt::format("Expected {} but found {} instead.", expected, kindName(found)));
 }
 
 void throwInvalidNumberOfKeys(const CodingPath& path) {

@@ -15,11 +15,16 @@ CodingError::CodingError(Kind kind, std::string codingPath, std::string descript
 
 std::string_view toString(CodingError::Kind kind) noexcept {
   switch (kind) {
-    case CodingError::Kind::keyNotFound: return "keyNotFound";
-    case CodingError::Kind::valueNotFound: return "valueNotFound";
-    case CodingError::Kind::typeMismatch: return "typeMismatch";
-    case CodingError::Kind::dataCorrupted: return "dataCorrupted";
-    case CodingError::Kind::invalidValue: return "invalidValue";
+    case CodingError::Kind::keyNotFound:
+      return "keyNotFound";
+    case CodingError::Kind::valueNotFound:
+      return "valueNotFound";
+    case CodingError::Kind::typeMismatch:
+      return "typeMismatch";
+    case CodingError::Kind::dataCorrupted:
+      return "dataCorrupted";
+    case CodingError::Kind::invalidValue:
+      return "invalidValue";
   }
   return "unknown";
 }

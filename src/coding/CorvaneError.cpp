@@ -26,20 +26,28 @@ std::error_code make_error_code(CorvaneError error) noexcept {
 
 std::string_view caseName(CorvaneError error) noexcept {
   switch (error) {
-    case CorvaneError::unrecoverableError: return "unrecoverableError";
-    case CorvaneError::networkError: return "networkError";
-    case CorvaneError::deviceNotManaged: return "deviceNotManaged";
-    case CorvaneError::unsupportedPlatform: return "unsupportedPlatform";
+    case CorvaneError::unrecoverableError:
+      return "unrecoverableError";
+    case CorvaneError::networkError:
+      return "networkError";
+    case CorvaneError::deviceNotManaged:
+      return "deviceNotManaged";
+    case CorvaneError::unsupportedPlatform:
+      return "unsupportedPlatform";
   }
   return "unknown";
 }
 
 std::string_view localizationKey(CorvaneError error) noexcept {
   switch (error) {
-    case CorvaneError::unrecoverableError: return "error.unrecoverableError";
-    case CorvaneError::networkError: return "error.networkError";
-    case CorvaneError::deviceNotManaged: return "error.deviceNotManaged";
-    case CorvaneError::unsupportedPlatform: return "error.unsupportedPlatform";
+    case CorvaneError::unrecoverableError:
+      return "error.unrecoverableError";
+    case CorvaneError::networkError:
+      return "error.networkError";
+    case CorvaneError::deviceNotManaged:
+      return "error.deviceNotManaged";
+    case CorvaneError::unsupportedPlatform:
+      return "error.unsupportedPlatform";
   }
   return "error.unknown";
 }

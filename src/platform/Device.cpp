@@ -3,7 +3,6 @@
 #include <corvane/platform/Random.hpp>
 
 #include <boost/uuid/random_generator.hpp>
-#include <sys/random.h>
 
 #include <cerrno>
 #include <charconv>
@@ -13,6 +12,7 @@
 #include <mutex>
 #include <random>
 #include <string_view>
+#include <sys/random.h>
 
 namespace corvane::platform {
 namespace {
@@ -33,8 +33,8 @@ std::optional<double> parseScale(const char* text) noexcept {
   const std::string_view view(text);
   double value = 0;
   const auto [end, ec] = std::from_chars(view.data(), view.data() + view.size(), value);
-  if (ec != std::errc() || end != view.data() + view.size() || !std::isfinite(value) ||
-      value <= 0) {
+  if (ec != std::errc() || end != view.data() + view.size() || !std::isfinite(value)
+      || value <= 0) {
     return std::nullopt;
   }
   return value;

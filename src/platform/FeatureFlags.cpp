@@ -2,7 +2,6 @@
 #include <corvane/platform/LogCategory.hpp>
 
 #include <boost/json/parse.hpp>
-#include <sys/stat.h>
 
 #include <cctype>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 
 namespace corvane::platform {
 namespace {

@@ -1,8 +1,7 @@
 #include <corvane/platform/Localization.hpp>
 
-#include <libintl.h>
-
 #include <cstdlib>
+#include <libintl.h>
 #include <mutex>
 
 // glibc's counter of loaded catalogues; bumping it invalidates gettext's look-up cache.
@@ -36,6 +35,8 @@ std::string Localization::localizedString(std::string_view key) {
   return ::dgettext(domain, id.c_str());
 }
 
-void Localization::languageChanged() noexcept { ++_nl_msg_cat_cntr; }
+void Localization::languageChanged() noexcept {
+  ++_nl_msg_cat_cntr;
+}
 
 }  // namespace corvane::platform

@@ -2,7 +2,6 @@
 #include <corvane/platform/LogCategory.hpp>
 
 #include <systemd/sd-journal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -10,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <unistd.h>
 
 namespace corvane::platform {
 
@@ -25,8 +25,8 @@ LogLevel levelFromEnvironment() noexcept {
   const char* value = std::getenv("CORVANE_LOG_LEVEL");  // NOLINT(concurrency-mt-unsafe)
   if (value == nullptr) return LogLevel::notice;
   const std::string_view text(value);
-  for (auto level : {LogLevel::debug, LogLevel::info, LogLevel::notice, LogLevel::error,
-                     LogLevel::fault}) {
+  for (auto level :
+       {LogLevel::debug, LogLevel::info, LogLevel::notice, LogLevel::error, LogLevel::fault}) {
     if (text == toString(level)) return level;
   }
   return LogLevel::notice;
@@ -51,11 +51,16 @@ Captures& captures() noexcept {
 
 int syslogPriority(LogLevel level) noexcept {
   switch (level) {
-    case LogLevel::debug: return 7;
-    case LogLevel::info: return 6;
-    case LogLevel::notice: return 5;
-    case LogLevel::error: return 3;
-    case LogLevel::fault: return 2;
+    case LogLevel::debug:
+      return 7;
+    case LogLevel::info:
+      return 6;
+    case LogLevel::notice:
+      return 5;
+    case LogLevel::error:
+      return 3;
+    case LogLevel::fault:
+      return 2;
   }
   return 6;
 }
@@ -73,11 +78,10 @@ void writeToSystem(LogLevel level, const std::string& subsystem, const std::stri
                    std::string_view message) noexcept {
   const int length = static_cast<int>(std::min<std::size_t>(message.size(), 1U << 30U));
   if (journalAvailable()) {
-    const int rc = sd_journal_send("MESSAGE=%.*s", length, message.data(), "PRIORITY=%i",
-                                   syslogPriority(level), "SYSLOG_IDENTIFIER=%s",
-                                   program_invocation_short_name, "CORVANE_SUBSYSTEM=%s",
-                                   subsystem.c_str(), "CORVANE_CATEGORY=%s", category.c_str(),
-                                   nullptr);
+    const int rc = sd_journal_send(
+        "MESSAGE=%.*s", length, message.data(), "PRIORITY=%i", syslogPriority(level),
+        "SYSLOG_IDENTIFIER=%s", program_invocation_short_name, "CORVANE_SUBSYSTEM=%s",
+        subsystem.c_str(), "CORVANE_CATEGORY=%s", category.c_str(), nullptr);
     if (rc >= 0) return;
   }
   // One fprintf call per line keeps concurrent lines whole.
@@ -89,11 +93,16 @@ void writeToSystem(LogLevel level, const std::string& subsystem, const std::stri
 
 std::string_view toString(LogLevel level) noexcept {
   switch (level) {
-    case LogLevel::debug: return "debug";
-    case LogLevel::info: return "info";
-    case LogLevel::notice: return "notice";
-    case LogLevel::error: return "error";
-    case LogLevel::fault: return "fault";
+    case LogLevel::debug:
+      return "debug";
+    case LogLevel::info:
+      return "info";
+    case LogLevel::notice:
+      return "notice";
+    case LogLevel::error:
+      return "error";
+    case LogLevel::fault:
+      return "fault";
   }
   return "info";
 }
@@ -102,8 +111,8 @@ Log::Log(std::string subsystem, std::string category)
     : subsystem_(std::move(subsystem)), category_(std::move(category)) {}
 
 bool Log::isEnabled(LogLevel level) const noexcept {
-  return captures().active.load(std::memory_order_acquire) > 0 ||
-         level >= thresholdCell().load(std::memory_order_relaxed);
+  return captures().active.load(std::memory_order_acquire) > 0
+         || level >= thresholdCell().load(std::memory_order_relaxed);
 }
 
 void Log::write(LogLevel level, std::string_view message) const noexcept {
@@ -133,8 +142,12 @@ void Log::write(LogLevel level, std::string_view message) const noexcept {
   writeToSystem(level, subsystem_, category_, message);
 }
 
-void Log::setThreshold(LogLevel level) noexcept { thresholdCell().store(level); }
-LogLevel Log::threshold() noexcept { return thresholdCell().load(); }
+void Log::setThreshold(LogLevel level) noexcept {
+  thresholdCell().store(level);
+}
+LogLevel Log::threshold() noexcept {
+  return thresholdCell().load();
+}
 
 ScopedLogCapture::ScopedLogCapture() : state_(std::make_shared<State>()) {
   auto& all = captures();
@@ -171,18 +184,18 @@ std::size_t ScopedLogCapture::count(LogLevel level, std::string_view message) co
 bool ScopedLogCapture::waitFor(const std::function<bool(const LogRecord&)>& predicate,
                                std::chrono::milliseconds timeout) const {
   std::unique_lock lock(state_->mutex);
-  return state_->changed.wait_for(
-      lock, timeout, [&] { return std::ranges::any_of(state_->records, predicate); });
+  return state_->changed.wait_for(lock, timeout,
+                                  [&] { return std::ranges::any_of(state_->records, predicate); });
 }
 
 }  // namespace corvane::platform
 
 namespace corvane {
 
-#define CORVANE_LOG_CATEGORY(handle, name)                                   \
-  const platform::Log& LogCategory::handle() {                               \
+#define CORVANE_LOG_CATEGORY(handle, name)                                     \
+  const platform::Log& LogCategory::handle() {                                 \
     static const platform::Log log(std::string(LogCategory::subsystem), name); \
-    return log;                                                              \
+    return log;                                                                \
   }
 CORVANE_LOG_CATEGORY(appLaunch, "App Launch")
 CORVANE_LOG_CATEGORY(daemon, "Daemon")

@@ -12,10 +12,14 @@
 
 namespace corvane::testing {
 
-inline boost::json::value parseJson(std::string_view text) { return boost::json::parse(text); }
+inline boost::json::value parseJson(std::string_view text) {
+  return boost::json::parse(text);
+}
 inline boost::json::value parseJson(const Bytes& buffer) {
   return boost::json::parse(buffer.view());
 }
-inline Bytes bytesOf(std::string_view text) { return Bytes(text); }
+inline Bytes bytesOf(std::string_view text) {
+  return Bytes(text);
+}
 
 }  // namespace corvane::testing

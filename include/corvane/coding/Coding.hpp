@@ -75,7 +75,8 @@ template <class T>
 concept CaseKeyed = requires(const T& value) {
   typename T::Cases;
   { value.cases() } -> std::convertible_to<const typename T::Cases&>;
-} && std::constructible_from<T, typename T::Cases>;
+  requires std::constructible_from<T, typename T::Cases>;
+};
 
 template <class T>
 struct Coding;
@@ -107,6 +108,12 @@ struct IsOptional<std::optional<T>> : std::true_type {};
 template <class T>
 concept Described = boost::describe::has_describe_members<T>::value;
 
+template <class T>
+concept Integer = std::integral<T> && !std::same_as<T, bool> && !std::same_as<T, char>;
+
+template <class E>
+concept DescribedEnum = std::is_enum_v<E> && boost::describe::has_describe_enumerators<E>::value;
+
 inline constexpr unsigned allMembers =
     boost::describe::mod_public | boost::describe::mod_protected | boost::describe::mod_private;
 
@@ -114,7 +121,9 @@ inline constexpr unsigned allMembers =
 
 /// True when the type's coding contributes no value at all (the field or element is skipped).
 template <class T>
-inline constexpr bool writesNothing = requires { requires Coding<T>::writesNothing; };
+inline constexpr bool writesNothing = requires {
+  requires Coding<T>::writesNothing;
+};
 
 /// Encodes one value as a JSON value.
 template <class T>
@@ -206,8 +215,7 @@ struct Coding<bool> {
   }
 };
 
-template <std::integral T>
-  requires(!std::same_as<T, bool> && !std::same_as<T, char>)
+template <detail::Integer T>
 struct Coding<T> {
   static void encode(T value, boost::json::value& out) {
     if constexpr (std::is_signed_v<T>) {
@@ -321,8 +329,7 @@ struct Coding<std::shared_ptr<const T>> {
 
 // ---- described enums ----
 
-template <class E>
-  requires std::is_enum_v<E> && boost::describe::has_describe_enumerators<E>::value
+template <detail::DescribedEnum E>
 struct Coding<E> {
   static void encode(E value, boost::json::value& out) {
     if constexpr (enumCoding<E> == EnumCoding::integerRawValue) {
@@ -429,8 +436,12 @@ struct Coding<T> {
 
 // ---- described records ----
 
+namespace detail {
 template <class T>
-  requires detail::Described<T> && std::is_class_v<T> && (!CaseKeyed<T>)
+concept DescribedRecord = Described<T> && std::is_class_v<T> && !CaseKeyed<T>;
+}  // namespace detail
+
+template <detail::DescribedRecord T>
 struct Coding<T> {
   static void encode(const T& value, boost::json::value& out) {
     encodeMembers(value, out.emplace_object());

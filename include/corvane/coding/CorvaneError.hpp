@@ -46,7 +46,9 @@ class Error : public std::system_error {
 
   [[nodiscard]] CorvaneError error() const noexcept { return error_; }
   /// The localized description, looked up afresh on every call.
-  [[nodiscard]] std::string localizedDescription() const { return corvane::localizedDescription(error_); }
+  [[nodiscard]] std::string localizedDescription() const {
+    return corvane::localizedDescription(error_);
+  }
   /// The error kinds carry no reason, suggestion or help anchor.
   [[nodiscard]] std::optional<std::string> failureReason() const { return std::nullopt; }
   [[nodiscard]] std::optional<std::string> recoverySuggestion() const { return std::nullopt; }
@@ -56,7 +58,8 @@ class Error : public std::system_error {
   /// Recovery never succeeds.
   [[nodiscard]] bool attemptRecovery(std::size_t /*optionIndex*/) const noexcept { return false; }
   /// Calls `completion` once, on the calling thread, with false.
-  void attemptRecovery(std::size_t /*optionIndex*/, const std::function<void(bool)>& completion) const {
+  void attemptRecovery(std::size_t /*optionIndex*/,
+                       const std::function<void(bool)>& completion) const {
     if (completion) completion(false);
   }
 

@@ -31,12 +31,12 @@ struct TetherDecoder {
   [[nodiscard]] static std::tuple<Ts...> decode(std::span<const std::byte> buffer) {
     boost::json::monotonic_resource scratch;
     boost::json::value document;
-    const auto& list =
-        coding::detail::parseEnvelope(buffer, document, &scratch, sizeof...(Ts));
+    const auto& list = coding::detail::parseEnvelope(buffer, document, &scratch, sizeof...(Ts));
     const coding::CodingPath root;
     return [&]<std::size_t... I>(std::index_sequence<I...>) {
       return std::tuple<Ts...>{decodeAt<Ts>(list, I, root)...};
-    }(std::index_sequence_for<Ts...>{});
+    }
+    (std::index_sequence_for<Ts...>{});
   }
   [[nodiscard]] static std::tuple<Ts...> decode(const Bytes& buffer) {
     return decode(buffer.span());

@@ -24,7 +24,8 @@ struct TetherEncoder {
     list.reserve(sizeof...(Ts));
     (
         [&] {
-          if constexpr (!coding::writesNothing<Ts>) coding::encode(values, list.emplace_back(nullptr));
+          if constexpr (!coding::writesNothing<Ts>)
+            coding::encode(values, list.emplace_back(nullptr));
         }(),
         ...);
     return coding::detail::serialize(envelope);

@@ -71,15 +71,13 @@ TEST(Envelope, SeveralValuesKeepTheirOrderAndExtraElementsAreNotRead) {
   const auto [list, id] = TetherDecoder<std::vector<std::string>, std::string>::decode(pair);
   EXPECT_EQ(list, (std::vector<std::string>{"x", "y"}));
   EXPECT_EQ(id, "id");
-  EXPECT_EQ(decodeOne<std::vector<std::string>>(pair.view()),
-            (std::vector<std::string>{"x", "y"}));
+  EXPECT_EQ(decodeOne<std::vector<std::string>>(pair.view()), (std::vector<std::string>{"x", "y"}));
 }
 
 TEST(Envelope, RecordWithOnlyEmptyOptionalsIsAnEmptyContainer) {
   EXPECT_EQ(parseJson(TetherEncoder::encode(Inner{"", std::nullopt}).view()),
             parseJson(R"([{"name": ""}])"));
-  EXPECT_EQ(parseJson(TetherEncoder::encode(std::optional<Inner>()).view()),
-            parseJson("[null]"));
+  EXPECT_EQ(parseJson(TetherEncoder::encode(std::optional<Inner>()).view()), parseJson("[null]"));
 }
 
 struct Failure {
@@ -90,7 +88,9 @@ struct Failure {
   const char* description;  // a fragment of the description, or nullptr
 };
 
-void PrintTo(const Failure& f, std::ostream* os) { *os << f.name; }
+void PrintTo(const Failure& f, std::ostream* os) {
+  *os << f.name;
+}
 
 class EnvelopeFailures : public ::testing::TestWithParam<Failure> {};
 
@@ -114,14 +114,12 @@ INSTANTIATE_TEST_SUITE_P(
         Failure{"TrailingGarbage", "[] x", Kind::dataCorrupted, "", nullptr},
         Failure{"TopLevelNotAList", R"({"title": "t"})", Kind::typeMismatch, "", "an array"},
         Failure{"EmptyList", "[]", Kind::valueNotFound, "[0]", nullptr},
-        Failure{"MissingRequiredKey", R"([{"items": []}])", Kind::keyNotFound, "[0]",
-                "\"title\""},
+        Failure{"MissingRequiredKey", R"([{"items": []}])", Kind::keyNotFound, "[0]", "\"title\""},
         Failure{"NullForRequired", R"([{"title": null}])", Kind::valueNotFound, "[0].title",
                 nullptr},
         Failure{"WrongKind", R"([{"title": 5}])", Kind::typeMismatch, "[0].title",
                 "Expected a string but found a number"},
-        Failure{"NestedElement",
-                R"([{"title": "t", "items": [{"name": "a"}, {"count": 2}]}])",
+        Failure{"NestedElement", R"([{"title": "t", "items": [{"name": "a"}, {"count": 2}]}])",
                 Kind::keyNotFound, "[0].items[1]", "\"name\""},
         Failure{"TwoCaseKeys",
                 R"([{"title": "t", "items": [], "choice": {"nothing": {}, "number": {"_0": 1}}}])",
@@ -131,8 +129,8 @@ INSTANTIATE_TEST_SUITE_P(
         Failure{"OnlyUnknownKey", R"([{"title": "t", "items": [], "choice": {"other": {}}}])",
                 Kind::typeMismatch, "[0].choice", "Invalid number of keys found, expected one."},
         Failure{"CasePayloadNotAContainer",
-                R"([{"title": "t", "items": [], "choice": {"nothing": true}}])",
-                Kind::typeMismatch, "[0].choice.nothing", "an object"},
+                R"([{"title": "t", "items": [], "choice": {"nothing": true}}])", Kind::typeMismatch,
+                "[0].choice.nothing", "an object"},
         Failure{"MissingUnlabelledPayload",
                 R"([{"title": "t", "items": [], "choice": {"number": {}}}])", Kind::keyNotFound,
                 "[0].choice.number", "\"_0\""},
@@ -144,7 +142,8 @@ INSTANTIATE_TEST_SUITE_P(
                      "colour": "red"}}}])",
                 Kind::typeMismatch, "[0].choice.pair.colour", "an object"},
         Failure{"UnknownStringRawValue",
-                R"([{"title": "t", "items": [], )" R"("choice": {"nothing": {}}, "shade": "Dark"}])",
+                R"([{"title": "t", "items": [], )"
+                R"("choice": {"nothing": {}}, "shade": "Dark"}])",
                 Kind::dataCorrupted, "[0].shade", "\"Dark\""},
         Failure{"UnknownIntegerRawValue",
                 R"([{"title": "t", "items": [], "choice": {"nothing": {}}, "shade": "dark",
@@ -158,7 +157,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Records, UnknownKeysAreIgnoredAndNullOptionalsAreEmpty) {
   const auto s = decodeOne<Sample>(std::string(R"([{"title": "t", "extra": [1, 2], "note": null,
-      "items": [], "spare": null, )") + kChoice + R"(, "shade": "light", "level": 1,
+      "items": [], "spare": null, )")
+                                   + kChoice + R"(, "shade": "light", "level": 1,
       "flag": false}])");
   EXPECT_EQ(s.title, "t");
   EXPECT_FALSE(s.note.has_value());
@@ -184,8 +184,7 @@ TEST(Numbers, IntegersAreCheckedNeverWrapped) {
             std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(decodeOne<std::int32_t>("[-7]"), -7);
   for (const char* bad : {"[9223372036854775808]", "[5.5]", "[1e300]", "[\"5\"]", "[true]"}) {
-    EXPECT_EQ(codingErrorOf([&] { (void)decodeOne<std::int64_t>(bad); }).kind(),
-              Kind::typeMismatch)
+    EXPECT_EQ(codingErrorOf([&] { (void)decodeOne<std::int64_t>(bad); }).kind(), Kind::typeMismatch)
         << bad;
   }
   for (const char* bad : {"[-1]", "[1.5]"}) {

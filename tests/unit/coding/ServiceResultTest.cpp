@@ -59,8 +59,7 @@ TEST(ServiceResult, DecodedFailureRaisesTheDaemonsError) {
 }
 
 TEST(ServiceResult, SuccessYieldsTheValue) {
-  EXPECT_EQ(decodeReply<Strings>(R"([{"success": {"_0": ["a"]}}])").valueOrThrow(),
-            Strings{"a"});
+  EXPECT_EQ(decodeReply<Strings>(R"([{"success": {"_0": ["a"]}}])").valueOrThrow(), Strings{"a"});
   EXPECT_EQ(decodeReply<None>(R"([{"success": {"_0": null}}])").valueOrThrow(), None{});
 }
 
@@ -96,8 +95,8 @@ TEST(CorvaneErrorMapping, AnythingButACorvaneErrorIsUnrecoverable) {
             CorvaneError::unsupportedPlatform);
   EXPECT_EQ(toCorvaneError(std::make_exception_ptr(std::runtime_error("x"))),
             CorvaneError::unrecoverableError);
-  EXPECT_EQ(toCorvaneError(std::make_exception_ptr(
-                CodingError(CodingError::Kind::dataCorrupted, "", "bad"))),
+  EXPECT_EQ(toCorvaneError(
+                std::make_exception_ptr(CodingError(CodingError::Kind::dataCorrupted, "", "bad"))),
             CorvaneError::unrecoverableError);
   EXPECT_EQ(toCorvaneError(std::make_exception_ptr(42)), CorvaneError::unrecoverableError);
   EXPECT_EQ(toCorvaneError(nullptr), CorvaneError::unrecoverableError);

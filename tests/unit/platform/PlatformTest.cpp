@@ -8,7 +8,6 @@
 
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <clocale>
 #include <cstdlib>
@@ -16,6 +15,7 @@
 #include <fstream>
 #include <set>
 #include <thread>
+#include <unistd.h>
 
 namespace corvane::platform {
 namespace {
@@ -72,14 +72,19 @@ TEST(Log, ThresholdAppliesWithoutCapture) {
 }
 
 TEST(Log, CategoriesAreOneHandleEachWithTheirNames) {
-  const std::pair<const Log& (*)(), const char*> table[] = {
-      {&LogCategory::appLaunch, "App Launch"}, {&LogCategory::daemon, "Daemon"},
-      {&LogCategory::ddm, "DDM"},              {&LogCategory::download, "Download"},
-      {&LogCategory::general, "General"},      {&LogCategory::install, "Install"},
-      {&LogCategory::library, "Library"},      {&LogCategory::oauth, "OAuth"},
-      {&LogCategory::progress, "Progress"},    {&LogCategory::scheduler, "Scheduler"},
-      {&LogCategory::updates, "Updates"},      {&LogCategory::vpp, "VPP"},
-      {&LogCategory::tether, "Tether"}};
+  const std::pair<const Log& (*)(), const char*> table[] = {{&LogCategory::appLaunch, "App Launch"},
+                                                            {&LogCategory::daemon, "Daemon"},
+                                                            {&LogCategory::ddm, "DDM"},
+                                                            {&LogCategory::download, "Download"},
+                                                            {&LogCategory::general, "General"},
+                                                            {&LogCategory::install, "Install"},
+                                                            {&LogCategory::library, "Library"},
+                                                            {&LogCategory::oauth, "OAuth"},
+                                                            {&LogCategory::progress, "Progress"},
+                                                            {&LogCategory::scheduler, "Scheduler"},
+                                                            {&LogCategory::updates, "Updates"},
+                                                            {&LogCategory::vpp, "VPP"},
+                                                            {&LogCategory::tether, "Tether"}};
   for (const auto& [handle, name] : table) {
     EXPECT_EQ(handle().category(), name);
     EXPECT_EQ(&handle(), &handle());
@@ -103,8 +108,8 @@ TEST(Log, ConcurrentWritersAreAllRecordedAndWaitForWakesUp) {
 
 class FeatureFlagsTest : public ::testing::Test {
  protected:
-  std::filesystem::path file_ = std::filesystem::temp_directory_path() /
-                                ("corvane-flags-" + std::to_string(::getpid()) + ".json");
+  std::filesystem::path file_ = std::filesystem::temp_directory_path()
+                                / ("corvane-flags-" + std::to_string(::getpid()) + ".json");
   ScopedEnv fileEnv_{"CORVANE_FEATURES_FILE", file_.c_str()};
   ScopedEnv serviceEnv_{"CORVANE_FEATURE_CORVANE_SERVICE", nullptr};
 
@@ -187,10 +192,14 @@ TEST(DeviceInfo, ScreenScaleFromOverrideOrEnvironment) {
     const char* gdk;
     std::optional<double> expected;
   };
-  const Case cases[] = {{nullptr, nullptr, std::nullopt}, {"2", "3", 2.0},
-                        {nullptr, "3", 3.0},              {"1.5", nullptr, 1.5},
-                        {"abc", "3", std::nullopt},       {"nan", nullptr, std::nullopt},
-                        {"-2", nullptr, std::nullopt},    {"2x", nullptr, std::nullopt}};
+  const Case cases[] = {{nullptr, nullptr, std::nullopt},
+                        {"2", "3", 2.0},
+                        {nullptr, "3", 3.0},
+                        {"1.5", nullptr, 1.5},
+                        {"abc", "3", std::nullopt},
+                        {"nan", nullptr, std::nullopt},
+                        {"-2", nullptr, std::nullopt},
+                        {"2x", nullptr, std::nullopt}};
   for (const auto& c : cases) {
     const ScopedEnv corvane("CORVANE_SCREEN_SCALE", c.corvane);
     const ScopedEnv gdk("GDK_SCALE", c.gdk);
@@ -207,8 +216,8 @@ TEST(DeviceInfo, ScreenScaleFromOverrideOrEnvironment) {
 }
 
 TEST(BuildVariant, InternalOnlyWhenSetToOne) {
-  for (const auto& [value, expected] : {std::pair<const char*, bool>{nullptr, false},
-                                        {"1", true}, {"0", false}, {"yes", false}}) {
+  for (const auto& [value, expected] :
+       {std::pair<const char*, bool>{nullptr, false}, {"1", true}, {"0", false}, {"yes", false}}) {
     const ScopedEnv env("CORVANE_INTERNAL_BUILD", value);
     EXPECT_EQ(BuildVariant::isInternal(), expected);
   }
