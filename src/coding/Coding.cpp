@@ -2,9 +2,12 @@
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/coding/TetherEncoder.hpp>
 
-#include <boost/json/parse.hpp>
+#include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/serializer.hpp>
+#include <boost/json/value_stack.hpp>
 #include <fmt/format.h>
+
+#include <charconv>
 
 namespace corvane::coding::detail {
 namespace {
@@ -33,7 +36,116 @@ std::string_view kindName(const boost::json::value& v) noexcept {
 // that decoding recursion can never exhaust a thread's stack.
 constexpr std::size_t maxDocumentDepth = 128;
 
+// Builds a document like boost::json::parser does, except that floating-point numbers are
+// converted from their text by std::from_chars: Boost.JSON 1.81's own conversion is not always
+// correctly rounded (8.888888888888889E40 comes out one unit in the last place off), which would
+// change values on their way through the connection.
+class DocumentBuilder {
+ public:
+  static constexpr std::size_t max_object_size = boost::json::object::max_size();
+  static constexpr std::size_t max_array_size = boost::json::array::max_size();
+  static constexpr std::size_t max_key_size = boost::json::string::max_size();
+  static constexpr std::size_t max_string_size = boost::json::string::max_size();
+
+  explicit DocumentBuilder(boost::json::storage_ptr storage) : storage_(std::move(storage)) {}
+
+  boost::json::value release() { return stack_.release(); }
+
+  bool on_document_begin(boost::system::error_code& /*ec*/) {
+    stack_.reset(storage_);
+    return true;
+  }
+  bool on_document_end(boost::system::error_code& /*ec*/) { return true; }
+  bool on_object_begin(boost::system::error_code& /*ec*/) { return true; }
+  bool on_object_end(std::size_t n, boost::system::error_code& /*ec*/) {
+    stack_.push_object(n);
+    return true;
+  }
+  bool on_array_begin(boost::system::error_code& /*ec*/) { return true; }
+  bool on_array_end(std::size_t n, boost::system::error_code& /*ec*/) {
+    stack_.push_array(n);
+    return true;
+  }
+  bool on_key_part(std::string_view s, std::size_t /*n*/, boost::system::error_code& /*ec*/) {
+    stack_.push_chars(s);
+    return true;
+  }
+  bool on_key(std::string_view s, std::size_t /*n*/, boost::system::error_code& /*ec*/) {
+    stack_.push_key(s);
+    return true;
+  }
+  bool on_string_part(std::string_view s, std::size_t /*n*/, boost::system::error_code& /*ec*/) {
+    stack_.push_chars(s);
+    return true;
+  }
+  bool on_string(std::string_view s, std::size_t /*n*/, boost::system::error_code& /*ec*/) {
+    stack_.push_string(s);
+    return true;
+  }
+  bool on_number_part(std::string_view s, boost::system::error_code& /*ec*/) {
+    number_.append(s);
+    return true;
+  }
+  bool on_int64(std::int64_t i, std::string_view /*s*/, boost::system::error_code& /*ec*/) {
+    number_.clear();
+    stack_.push_int64(i);
+    return true;
+  }
+  bool on_uint64(std::uint64_t u, std::string_view /*s*/, boost::system::error_code& /*ec*/) {
+    number_.clear();
+    stack_.push_uint64(u);
+    return true;
+  }
+  bool on_double(double d, std::string_view s, boost::system::error_code& /*ec*/) {
+    number_.append(s);
+    double exact = 0;
+    const auto [end, ec] = std::from_chars(number_.data(), number_.data() + number_.size(), exact);
+    // Out of range keeps the parser's answer (an infinity or zero), which decoding rejects or
+    // accepts like any other value.
+    stack_.push_double(ec == std::errc() && end == number_.data() + number_.size() ? exact : d);
+    number_.clear();
+    return true;
+  }
+  bool on_bool(bool b, boost::system::error_code& /*ec*/) {
+    stack_.push_bool(b);
+    return true;
+  }
+  bool on_null(boost::system::error_code& /*ec*/) {
+    stack_.push_null();
+    return true;
+  }
+  bool on_comment_part(std::string_view /*s*/, boost::system::error_code& /*ec*/) { return true; }
+  bool on_comment(std::string_view /*s*/, boost::system::error_code& /*ec*/) { return true; }
+
+ private:
+  boost::json::storage_ptr storage_;  // where the document's values live
+  boost::json::value_stack stack_;    // scratch space while building
+  std::string number_;
+};
+
 }  // namespace
+}  // namespace corvane::coding::detail
+
+namespace corvane::coding {
+
+boost::json::value parseDocument(std::string_view text, boost::json::storage_ptr storage) {
+  boost::json::parse_options options;
+  options.max_depth = detail::maxDocumentDepth;
+  boost::json::basic_parser<detail::DocumentBuilder> parser(options, std::move(storage));
+  boost::system::error_code ec;
+  const std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
+  if (!ec && used != text.size()) ec = boost::json::error::extra_data;
+  if (ec) {
+    throw CodingError(
+        CodingError::Kind::dataCorrupted, "",
+        fmt::format("The given data was not a valid JSON document: {}.", ec.message()));
+  }
+  return parser.handler().release();
+}
+
+}  // namespace corvane::coding
+
+namespace corvane::coding::detail {
 
 void throwError(CodingError::Kind kind, const CodingPath& path, std::string description) {
   throw CodingError(kind, path.toString(), std::move(description));
@@ -152,17 +264,10 @@ Bytes serialize(const boost::json::value& envelope) {
 const boost::json::array& parseEnvelope(std::span<const std::byte> buffer,
                                         boost::json::value& document,
                                         boost::json::storage_ptr storage, std::size_t expected) {
-  boost::json::parse_options options;
-  options.max_depth = maxDocumentDepth;
-  boost::system::error_code ec;
   const std::string_view text(reinterpret_cast<const char*>(buffer.data()),  // NOLINT: byte view
                               buffer.size());
-  document = boost::json::parse(text, ec, std::move(storage), options);
+  document = parseDocument(text, std::move(storage));
   const CodingPath root;
-  if (ec) {
-    throwError(CodingError::Kind::dataCorrupted, root,
-               fmt::format("The given data was not a valid JSON document: {}.", ec.message()));
-  }
   const auto& list = expectArray(document, root);
   if (list.size() < expected) {
     const CodingPath missing(root, list.size());

@@ -8,10 +8,19 @@
 
 #include <cstddef>
 #include <span>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
 namespace corvane {
+
+namespace coding {
+/// Parses one JSON document (the whole text; trailing data is an error), nested at most 128
+/// deep, with correctly rounded floating-point numbers. Throws `CodingError` (dataCorrupted, path
+/// "") for anything else.
+[[nodiscard]] boost::json::value parseDocument(std::string_view text,
+                                               boost::json::storage_ptr storage = {});
+}  // namespace coding
 
 namespace coding::detail {
 /// Parses a buffer into a document and checks that its top level is a list of at least

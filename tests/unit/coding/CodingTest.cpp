@@ -209,6 +209,18 @@ TEST(Numbers, DoublesMustBeFinite) {
   EXPECT_EQ(codingErrorOf([&] { (void)TetherEncoder::encode(s); }).kind(), Kind::invalidValue);
 }
 
+TEST(Numbers, DoublesSurviveTheRoundTripExactly) {
+  // Each of these is the shortest text of its double; the parser must give back the same bits.
+  for (const char* text : {"8.888888888888889E40", "8.888888888888889E102", "0.30000000000000004",
+                           "2.2250738585072014E-308", "4.9406564584124654E-324",
+                           "1.7976931348623157E308", "0.4567", "123456789012345680000"}) {
+    const double expected = std::strtod(text, nullptr);
+    const double decoded = decodeOne<double>(std::string("[") + text + "]");
+    EXPECT_EQ(decoded, expected) << text;
+    EXPECT_EQ(decodeOne<double>(TetherEncoder::encode(decoded).view()), decoded) << text;
+  }
+}
+
 TEST(Robustness, DeepNestingFailsCleanly) {
   std::string deep(100000, '[');
   EXPECT_EQ(codingErrorOf([&] { (void)decodeOne<Sample>(deep); }).kind(), Kind::dataCorrupted);
