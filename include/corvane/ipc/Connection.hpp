@@ -1,0 +1,104 @@
+#pragma once
+
+#include <corvane/ipc/ExportedObject.hpp>
+#include <corvane/ipc/InterfaceDescription.hpp>
+#include <corvane/ipc/RemoteProxy.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace corvane::ipc {
+
+namespace detail {
+class ConnectionCore;
+}
+
+/// The runtime directory of named services: `$CORVANE_RUNTIME_DIR` if set and not empty, else
+/// "/run/corvane".
+[[nodiscard]] std::filesystem::path defaultRuntimeDirectory();
+
+/// The socket path of `serviceName` in `runtimeDirectory` (the default one when empty).
+/// Throws std::invalid_argument for an empty name, a name containing '/', "." or "..", or a path
+/// too long for a Unix-domain socket address.
+[[nodiscard]] std::filesystem::path servicePath(const std::string& serviceName,
+                                                const std::filesystem::path& runtimeDirectory = {});
+
+/// Options of a client connection.
+struct ConnectionOptions {
+  /// Where the service's socket lives; empty = `defaultRuntimeDirectory()`.
+  std::filesystem::path runtimeDirectory;
+  /// When set, the service's uid (SO_PEERCRED) must be this one; checked at each connect, and a
+  /// mismatch invalidates the connection.
+  std::optional<std::uint32_t> requiredServiceUid;
+};
+
+/// A client connection to a named service over a Unix-domain socket.
+///
+/// Configure (exported interface/object, remote interface, handlers), then `resume()`. The socket
+/// is connected lazily by the first message after `resume`; a connect that fails fails that
+/// message only, and the next message tries again. If the service goes away while connected, every
+/// call in flight fails with `interrupted`, the interruption handler runs once, and the next
+/// message reconnects. `invalidate()`, a HELLO that does not match, a service that breaks the
+/// protocol or one with the wrong uid invalidate the connection for good: calls in flight and all
+/// later calls fail with `invalidated`, and the invalidation handler runs once.
+///
+/// Threads: the connection owns one I/O thread (sockets) and one delivery thread, which runs the
+/// handlers of asynchronous calls, incoming calls on the exported object and the interruption and
+/// invalidation handlers, one at a time in arrival order. Every member function may be called from
+/// any thread at once, including from a delivery callback (destruction excepted: never destroy a
+/// Connection from one of its own callbacks). Destruction invalidates the connection, runs the
+/// error handlers of calls still in flight and joins both threads.
+class Connection {
+ public:
+  /// Throws std::invalid_argument for an invalid service name (see `servicePath`).
+  explicit Connection(std::string serviceName, ConnectionOptions options = {});
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// The socket path this connection connects to.
+  [[nodiscard]] const std::filesystem::path& path() const noexcept;
+
+  /// The interface of the exported object; incoming calls outside it are answered with a FAULT.
+  /// Takes effect at the next connect (set it before `resume`).
+  void setExportedInterface(InterfaceDescription interface);
+  /// The object incoming CALLs and MESSAGEs are dispatched to. Takes effect at the next connect.
+  void setExportedObject(std::shared_ptr<ExportedObject> object);
+  /// The interface outgoing calls are checked against (see `RemoteProxy`); proxies made
+  /// afterwards use it.
+  void setRemoteObjectInterface(InterfaceDescription interface);
+  /// Runs on the delivery thread after each interruption, once the calls in flight have failed.
+  void setInterruptionHandler(std::function<void()> handler);
+  /// Runs once, on the delivery thread, when the connection is invalidated.
+  void setInvalidationHandler(std::function<void()> handler);
+
+  /// Allows messages to be sent (the first one connects). Idempotent.
+  void resume();
+  /// Invalidates the connection (final); idempotent. When it returns, the error handlers of the
+  /// calls in flight are queued on the delivery thread.
+  void invalidate();
+
+  /// A proxy whose calls return at once; handlers run on the delivery thread.
+  [[nodiscard]] RemoteProxy remoteObjectProxy(ErrorHandler errorHandler) const;
+  /// A proxy whose calls return after their handler ran on the calling thread.
+  [[nodiscard]] RemoteProxy synchronousRemoteObjectProxy(ErrorHandler errorHandler) const;
+
+  /// Typed forms of the two proxies (see `ProtocolProxy`).
+  template <class Protocol>
+  [[nodiscard]] Protocol remoteObjectProxy(ErrorHandler errorHandler) const {
+    return Protocol(remoteObjectProxy(std::move(errorHandler)));
+  }
+  template <class Protocol>
+  [[nodiscard]] Protocol synchronousRemoteObjectProxy(ErrorHandler errorHandler) const {
+    return Protocol(synchronousRemoteObjectProxy(std::move(errorHandler)));
+  }
+
+ private:
+  std::shared_ptr<detail::ConnectionCore> core_;
+};
+
+}  // namespace corvane::ipc

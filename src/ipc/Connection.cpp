@@ -1,0 +1,312 @@
+#include "ipc/detail/Channel.hpp"
+#include "ipc/detail/Runtime.hpp"
+
+#include <corvane/ipc/Connection.hpp>
+#include <corvane/platform/LogCategory.hpp>
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace corvane::ipc {
+
+std::filesystem::path defaultRuntimeDirectory() {
+  const char* fromEnvironment = std::getenv("CORVANE_RUNTIME_DIR");  // NOLINT: read-only use
+  if (fromEnvironment != nullptr && *fromEnvironment != '\0') return fromEnvironment;
+  return "/run/corvane";
+}
+
+std::filesystem::path servicePath(const std::string& serviceName,
+                                  const std::filesystem::path& runtimeDirectory) {
+  if (serviceName.empty() || serviceName == "." || serviceName == ".."
+      || serviceName.find('/') != std::string::npos
+      || serviceName.find('\0') != std::string::npos) {
+    throw std::invalid_argument("invalid service name \"" + serviceName + "\"");
+  }
+  auto path =
+      (runtimeDirectory.empty() ? defaultRuntimeDirectory() : runtimeDirectory) / serviceName;
+  if (path.native().size() >= sizeof(sockaddr_un::sun_path)) {
+    throw std::invalid_argument("socket path too long: " + path.native());
+  }
+  return path;
+}
+
+namespace detail {
+
+namespace {
+
+/// A socket fd that closes itself unless released.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) noexcept : fd_(fd) {}
+  ~UniqueFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  [[nodiscard]] int get() const noexcept { return fd_; }
+  int release() noexcept { return std::exchange(fd_, -1); }
+
+ private:
+  int fd_;
+};
+
+std::string systemMessage(int error) {
+  return std::error_code(error, std::system_category()).message();
+}
+
+}  // namespace
+
+/// The state behind a Connection; proxies keep it alive, the Connection owns its threads.
+class ConnectionCore final : public ChannelOwner,
+                             public ProxyTarget,
+                             public std::enable_shared_from_this<ConnectionCore> {
+ public:
+  ConnectionCore(std::filesystem::path path, ConnectionOptions options)
+      : path_(std::move(path)),
+        options_(std::move(options)),
+        runtime_(std::make_shared<Runtime>()) {}
+
+  [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+
+  template <class Field, class Value>
+  void set(Field ConnectionCore::*field, Value value) {
+    const std::lock_guard state(mutex_);
+    this->*field = std::move(value);
+  }
+
+  void resume() {
+    const std::lock_guard state(mutex_);
+    if (state_ == State::idle) state_ = State::resumed;
+  }
+
+  void invalidate(const std::string& reason) {
+    std::shared_ptr<Channel> channel;
+    {
+      const std::lock_guard state(mutex_);
+      if (state_ == State::invalidated) return;
+      state_ = State::invalidated;
+      channel = std::move(channel_);
+    }
+    // Close on the I/O thread and wait, so the calls in flight have their error handlers queued
+    // before the invalidation handler.
+    const bool ran = runtime_->runOnIo([&] {
+      if (channel) channel->closeNow(CloseReason::invalidated, reason);
+    });
+    if (!ran && channel) channel->closeNow(CloseReason::invalidated, reason);
+    announceInvalidation();
+  }
+
+  void shutdown() {
+    invalidate("the connection was destroyed");
+    runtime_->stop();
+  }
+
+  RemoteProxy proxy(ErrorHandler errorHandler, bool synchronous) {
+    std::optional<InterfaceDescription> remote;
+    {
+      const std::lock_guard state(mutex_);
+      remote = remoteInterface_;
+    }
+    return {shared_from_this(), std::move(errorHandler), std::move(remote), synchronous};
+  }
+
+  void send(Outgoing outgoing) noexcept override {
+    try {
+      std::optional<CallError> error;
+      auto channel = acquireChannel(error);
+      if (!channel) {
+        refuse(std::move(outgoing), std::move(*error));
+        return;
+      }
+      channel->send(std::move(outgoing));
+    } catch (const std::exception& e) {
+      refuse(std::move(outgoing), {ConnectionError::connectFailed, e.what()});
+    }
+  }
+
+  void refuse(Outgoing outgoing, CallError error) noexcept override {
+    failOutgoing(*runtime_, outgoing, std::move(error));
+  }
+
+  void channelClosed(const std::shared_ptr<Channel>& channel, CloseReason reason,
+                     const std::string& detail) override {
+    bool interrupted = false;
+    bool invalidated = false;
+    {
+      const std::lock_guard state(mutex_);
+      if (channel_ != channel) return;  // an older channel, or invalidate() took it already
+      channel_.reset();
+      if (reason == CloseReason::peerLost) {
+        interrupted = state_ == State::resumed;
+      } else if (state_ != State::invalidated) {
+        state_ = State::invalidated;
+        invalidated = true;
+      }
+    }
+    if (interrupted) {
+      LogCategory::tether().info("Connection to {} interrupted: {}", path_.native(), detail);
+      runtime_->deliver([self = shared_from_this()] {
+        std::function<void()> handler;
+        {
+          const std::lock_guard state(self->mutex_);
+          handler = self->interruptionHandler_;
+        }
+        if (handler) runUserCode("interruption handler", handler);
+      });
+    }
+    if (invalidated) {
+      LogCategory::tether().error("Connection to {} invalidated: {}", path_.native(), detail);
+      announceInvalidation();
+    }
+  }
+
+  std::optional<InterfaceDescription> exportedInterface_;
+  std::shared_ptr<ExportedObject> exportedObject_;
+  std::optional<InterfaceDescription> remoteInterface_;
+  std::function<void()> interruptionHandler_;
+  std::function<void()> invalidationHandler_;
+
+ private:
+  enum class State { idle, resumed, invalidated };
+
+  std::shared_ptr<Channel> currentChannel(std::optional<CallError>& error) {
+    const std::lock_guard state(mutex_);
+    if (state_ == State::invalidated) {
+      error.emplace(ConnectionError::invalidated, "");
+    } else if (state_ == State::idle) {
+      error.emplace(ConnectionError::notResumed, "call resume() before sending");
+    }
+    return channel_;
+  }
+
+  std::shared_ptr<Channel> acquireChannel(std::optional<CallError>& error) {
+    if (auto channel = currentChannel(error); channel || error) return channel;
+    // One connect at a time; whoever comes second uses the first one's channel.
+    const std::lock_guard connecting(connectMutex_);
+    if (auto channel = currentChannel(error); channel || error) return channel;
+
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) {
+      error.emplace(ConnectionError::connectFailed, "socket: " + systemMessage(errno));
+      return nullptr;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path_.native().copy(address.sun_path, sizeof address.sun_path - 1);
+    int result = 0;
+    do {
+      result = ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address),  // NOLINT: C API
+                         sizeof address);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+      error.emplace(ConnectionError::connectFailed, path_.native() + ": " + systemMessage(errno));
+      return nullptr;
+    }
+    if (options_.requiredServiceUid) {
+      ucred cred{};
+      socklen_t size = sizeof cred;
+      if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0
+          || cred.uid != *options_.requiredServiceUid) {
+        const auto reason = fmt::format("{} is served by uid {}, not {}", path_.native(), cred.uid,
+                                        *options_.requiredServiceUid);
+        invalidate(reason);
+        error.emplace(ConnectionError::serviceNotTrusted, reason);
+        return nullptr;
+      }
+    }
+
+    auto channel = std::make_shared<Channel>(runtime_, fd.release(), Role::client, weak_from_this(),
+                                             std::numeric_limits<std::size_t>::max());
+    {
+      const std::lock_guard state(mutex_);
+      channel->setExportedInterface(exportedInterface_);
+      channel->setExportedObject(exportedObject_);
+      if (state_ == State::invalidated) {
+        error.emplace(ConnectionError::invalidated, "");
+        return nullptr;  // the channel closes its descriptor as it goes
+      }
+      channel_ = channel;
+    }
+    channel->start();
+    return channel;
+  }
+
+  void announceInvalidation() {
+    runtime_->deliver([self = shared_from_this()] {
+      std::function<void()> handler;
+      {
+        const std::lock_guard state(self->mutex_);
+        handler = std::move(self->invalidationHandler_);
+        self->invalidationHandler_ = nullptr;
+      }
+      if (handler) runUserCode("invalidation handler", handler);
+    });
+  }
+
+  const std::filesystem::path path_;
+  const ConnectionOptions options_;
+  std::shared_ptr<Runtime> runtime_;
+  std::mutex mutex_;
+  std::mutex connectMutex_;
+  State state_ = State::idle;
+  std::shared_ptr<Channel> channel_;
+};
+
+}  // namespace detail
+
+Connection::Connection(std::string serviceName, ConnectionOptions options)
+    : core_(std::make_shared<detail::ConnectionCore>(
+        servicePath(serviceName, options.runtimeDirectory), options)) {}
+
+Connection::~Connection() {
+  core_->shutdown();
+}
+
+const std::filesystem::path& Connection::path() const noexcept {
+  return core_->path();
+}
+
+void Connection::setExportedInterface(InterfaceDescription interface) {
+  core_->set(&detail::ConnectionCore::exportedInterface_,
+             std::optional<InterfaceDescription>(std::move(interface)));
+}
+
+void Connection::setExportedObject(std::shared_ptr<ExportedObject> object) {
+  core_->set(&detail::ConnectionCore::exportedObject_, std::move(object));
+}
+
+void Connection::setRemoteObjectInterface(InterfaceDescription interface) {
+  core_->set(&detail::ConnectionCore::remoteInterface_,
+             std::optional<InterfaceDescription>(std::move(interface)));
+}
+
+void Connection::setInterruptionHandler(std::function<void()> handler) {
+  core_->set(&detail::ConnectionCore::interruptionHandler_, std::move(handler));
+}
+
+void Connection::setInvalidationHandler(std::function<void()> handler) {
+  core_->set(&detail::ConnectionCore::invalidationHandler_, std::move(handler));
+}
+
+void Connection::resume() {
+  core_->resume();
+}
+
+void Connection::invalidate() {
+  core_->invalidate("invalidated by its owner");
+}
+
+RemoteProxy Connection::remoteObjectProxy(ErrorHandler errorHandler) const {
+  return core_->proxy(std::move(errorHandler), false);
+}
+
+RemoteProxy Connection::synchronousRemoteObjectProxy(ErrorHandler errorHandler) const {
+  return core_->proxy(std::move(errorHandler), true);
+}
+
+}  // namespace corvane::ipc

@@ -1,0 +1,314 @@
+#include "ipc/detail/Channel.hpp"
+#include "ipc/detail/Runtime.hpp"
+
+#include <corvane/ipc/Connection.hpp>
+#include <corvane/ipc/Listener.hpp>
+#include <corvane/platform/LogCategory.hpp>
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <set>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace corvane::ipc {
+
+namespace detail {
+
+namespace {
+
+[[noreturn]] void throwSystem(int error, const std::string& what) {
+  throw std::system_error(error, std::system_category(), what);
+}
+
+sockaddr_un socketAddress(const std::filesystem::path& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.native().copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
+/// Whether something answers on `path` (a live service rather than a stale socket file).
+bool isLive(const std::filesystem::path& path) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  const auto address = socketAddress(path);
+  const bool live = ::connect(fd, reinterpret_cast<const sockaddr*>(&address),  // NOLINT: C API
+                              sizeof address)
+                    == 0;
+  ::close(fd);
+  return live;
+}
+
+/// Inherited sockets taken by a listener of this process, so that two listeners never share one.
+std::mutex adoptedMutex;
+std::set<int> adoptedFds;
+
+int adoptActivatedSocket(const std::filesystem::path& path) {
+  const int count = sd_listen_fds(0);
+  if (count <= 0) return -1;
+  const std::lock_guard adopted(adoptedMutex);
+  int fallback = -1;
+  for (int fd = SD_LISTEN_FDS_START; fd < SD_LISTEN_FDS_START + count; ++fd) {
+    if (adoptedFds.contains(fd)) continue;
+    if (sd_is_socket_unix(fd, SOCK_STREAM, 1, path.c_str(), 0) > 0) {
+      adoptedFds.insert(fd);
+      return fd;
+    }
+    if (fallback < 0 && sd_is_socket_unix(fd, SOCK_STREAM, 1, nullptr, 0) > 0) fallback = fd;
+  }
+  if (fallback >= 0) adoptedFds.insert(fallback);
+  return fallback;
+}
+
+int bindSocket(const std::filesystem::path& path) {
+  std::error_code error;
+  std::filesystem::create_directories(path.parent_path(), error);
+  if (error) throwSystem(error.value(), "creating " + path.parent_path().native());
+  if (std::filesystem::is_socket(std::filesystem::symlink_status(path, error))) {
+    if (isLive(path)) throwSystem(EADDRINUSE, path.native() + " is served already");
+    std::filesystem::remove(path, error);  // stale: its service is gone
+  }
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throwSystem(errno, "socket");
+  const auto address = socketAddress(path);
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0  // NOLINT
+      || ::listen(fd, SOMAXCONN) != 0) {
+    const int failure = errno;
+    ::close(fd);
+    throwSystem(failure, "binding " + path.native());
+  }
+  // Anyone may connect; the connection handler decides by credentials.
+  ::chmod(path.c_str(), 0666);
+  return fd;
+}
+
+}  // namespace
+
+/// The state behind a Listener: the listening socket and the accepted channels.
+class ListenerCore final : public ChannelOwner, public std::enable_shared_from_this<ListenerCore> {
+ public:
+  ListenerCore(std::filesystem::path path, ListenerOptions options)
+      : path_(std::move(path)),
+        options_(std::move(options)),
+        runtime_(std::make_shared<Runtime>()) {
+    int fd = options_.adoptActivatedSocket ? adoptActivatedSocket(path_) : -1;
+    activated_ = fd >= 0;
+    if (!activated_) fd = bindSocket(path_);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+    acceptor_.emplace(runtime_->io(), fd);
+  }
+
+  [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+  [[nodiscard]] bool activated() const noexcept { return activated_; }
+
+  void setHandler(Listener::ConnectionHandler handler) {
+    const std::lock_guard state(mutex_);
+    handler_ = std::move(handler);
+  }
+
+  void resume() {
+    {
+      const std::lock_guard state(mutex_);
+      if (resumed_) return;
+      resumed_ = true;
+    }
+    boost::asio::post(runtime_->io(), [self = shared_from_this()] { self->armAccept(); });
+  }
+
+  void invalidate() {
+    runtime_->runOnIo([this] {
+      if (acceptor_) {
+        boost::system::error_code ignored;
+        acceptor_->close(ignored);
+        acceptor_.reset();
+        if (!activated_) {
+          std::error_code removeError;
+          std::filesystem::remove(path_, removeError);
+        }
+      }
+      std::set<std::shared_ptr<Channel>> open;
+      {
+        const std::lock_guard state(mutex_);
+        open.swap(channels_);
+      }
+      for (const auto& channel : open)
+        channel->closeNow(CloseReason::invalidated, "the service stopped");
+    });
+  }
+
+  void shutdown() {
+    invalidate();
+    runtime_->stop();
+  }
+
+  void channelClosed(const std::shared_ptr<Channel>& channel, CloseReason reason,
+                     const std::string& detail) override {
+    {
+      const std::lock_guard state(mutex_);
+      channels_.erase(channel);
+    }
+    if (reason == CloseReason::protocolViolation || reason == CloseReason::helloMismatch) {
+      LogCategory::tether().error("Closed client connection (pid {}): {}",
+                                  channel->credentials().pid, detail);
+    }
+  }
+
+ private:
+  void armAccept() {
+    if (!acceptor_) return;
+    acceptor_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
+                          [self = shared_from_this()](const boost::system::error_code& error) {
+                            if (!error) self->acceptAll();
+                          });
+  }
+
+  void acceptAll() {
+    if (!acceptor_) return;
+    for (;;) {
+      const int fd = ::accept4(acceptor_->native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) {
+        if (errno == EINTR || errno == ECONNABORTED) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+          LogCategory::tether().error("accept on {} failed: {}", path_.native(),
+                                      std::error_code(errno, std::system_category()).message());
+        }
+        break;
+      }
+      adopt(fd);
+    }
+    armAccept();
+  }
+
+  void adopt(int fd) {
+    auto channel = std::make_shared<Channel>(runtime_, fd, Role::service, weak_from_this(),
+                                             options_.maxCallsInFlight);
+    {
+      const std::lock_guard state(mutex_);
+      channels_.insert(channel);
+    }
+    // The handler runs on the delivery thread ahead of any call from this client, so what it
+    // sets is in place when the first call is dispatched.
+    runtime_->deliver([self = shared_from_this(), channel] {
+      Listener::ConnectionHandler handler;
+      {
+        const std::lock_guard state(self->mutex_);
+        handler = self->handler_;
+      }
+      Peer peer(channel);
+      bool accepted = false;
+      runUserCode("connection handler", [&] { accepted = handler && handler(peer); });
+      if (!accepted) {
+        LogCategory::tether().notice("Rejected client pid {} uid {}", channel->credentials().pid,
+                                     channel->credentials().uid);
+        channel->close(CloseReason::invalidated, "rejected");
+      }
+    });
+    channel->start();
+  }
+
+  const std::filesystem::path path_;
+  const ListenerOptions options_;
+  std::shared_ptr<Runtime> runtime_;
+  std::optional<boost::asio::posix::stream_descriptor> acceptor_;  // I/O thread
+  bool activated_ = false;
+  std::mutex mutex_;
+  bool resumed_ = false;
+  Listener::ConnectionHandler handler_;
+  std::set<std::shared_ptr<Channel>> channels_;
+};
+
+/// Proxies of a peer hold its channel weakly: a proxy kept by the exported object must not keep
+/// the connection alive.
+class PeerTarget final : public ProxyTarget {
+ public:
+  explicit PeerTarget(std::weak_ptr<Channel> channel) : channel_(std::move(channel)) {}
+  void send(Outgoing outgoing) noexcept override {
+    if (auto channel = channel_.lock()) {
+      channel->send(std::move(outgoing));
+    } else {
+      failOutgoingHere(outgoing, {ConnectionError::invalidated, "the client connection is gone"});
+    }
+  }
+  void refuse(Outgoing outgoing, CallError error) noexcept override {
+    failOutgoingHere(outgoing, std::move(error));
+  }
+
+ private:
+  std::weak_ptr<Channel> channel_;
+};
+
+}  // namespace detail
+
+Peer::Peer(std::shared_ptr<detail::Channel> channel) noexcept : channel_(std::move(channel)) {}
+
+const PeerCredentials& Peer::credentials() const noexcept {
+  return channel_->credentials();
+}
+
+void Peer::setExportedInterface(InterfaceDescription interface) {
+  channel_->setExportedInterface(std::move(interface));
+}
+
+void Peer::setExportedObject(std::shared_ptr<ExportedObject> object) {
+  channel_->setExportedObject(std::move(object));
+}
+
+void Peer::setRemoteObjectInterface(InterfaceDescription interface) {
+  channel_->setRemoteInterface(std::move(interface));
+}
+
+void Peer::setInvalidationHandler(std::function<void()> handler) {
+  channel_->setCloseHandler(std::move(handler));
+}
+
+RemoteProxy Peer::remoteObjectProxy(ErrorHandler errorHandler) const {
+  return {std::make_shared<detail::PeerTarget>(channel_), std::move(errorHandler),
+          channel_->remoteInterface(), false};
+}
+
+RemoteProxy Peer::synchronousRemoteObjectProxy(ErrorHandler errorHandler) const {
+  return {std::make_shared<detail::PeerTarget>(channel_), std::move(errorHandler),
+          channel_->remoteInterface(), true};
+}
+
+void Peer::invalidate() {
+  channel_->close(detail::CloseReason::invalidated, "closed by the service");
+}
+
+Listener::Listener(std::string serviceName, ListenerOptions options)
+    : core_(std::make_shared<detail::ListenerCore>(
+        servicePath(serviceName, options.runtimeDirectory), options)) {}
+
+Listener::~Listener() {
+  core_->shutdown();
+}
+
+void Listener::setConnectionHandler(ConnectionHandler handler) {
+  core_->setHandler(std::move(handler));
+}
+
+void Listener::resume() {
+  core_->resume();
+}
+
+void Listener::invalidate() {
+  core_->invalidate();
+}
+
+const std::filesystem::path& Listener::path() const noexcept {
+  return core_->path();
+}
+
+bool Listener::isActivated() const noexcept {
+  return core_->activated();
+}
+
+}  // namespace corvane::ipc

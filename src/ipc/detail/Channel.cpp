@@ -1,0 +1,570 @@
+#include "ipc/detail/Channel.hpp"
+
+#include <corvane/platform/LogCategory.hpp>
+
+#include <boost/asio/post.hpp>
+#include <boost/json/parse.hpp>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace corvane::ipc::detail {
+
+namespace {
+
+constexpr std::size_t readChunk = 64 * 1024;
+
+std::string systemMessage(int error) {
+  return std::error_code(error, std::system_category()).message();
+}
+
+PeerCredentials peerCredentials(int fd) {
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return {};
+  return {cred.pid, cred.uid, cred.gid};
+}
+
+CallError closeError(CloseReason reason, const std::string& detail) {
+  switch (reason) {
+    case CloseReason::peerLost:
+      return {ConnectionError::interrupted, detail};
+    case CloseReason::protocolViolation:
+      return {ConnectionError::protocolViolation, detail};
+    case CloseReason::helloMismatch:
+    case CloseReason::invalidated:
+      break;
+  }
+  return {ConnectionError::invalidated, detail};
+}
+
+}  // namespace
+
+bool isSupportedHello(const std::optional<Bytes>& payload) noexcept {
+  if (!payload) return false;
+  boost::system::error_code error;
+  const auto document = boost::json::parse(payload->view(), error);
+  if (error || !document.is_object()) return false;
+  const auto* version = document.as_object().if_contains("protocol");
+  return version != nullptr && version->is_int64() && version->as_int64() == protocolVersion;
+}
+
+Channel::Channel(const std::shared_ptr<Runtime>& runtime, int fd, Role role,
+                 std::weak_ptr<ChannelOwner> owner, std::size_t maxCallsInFlight)
+    : runtime_(runtime),
+      fd_(fd),
+      role_(role),
+      owner_(std::move(owner)),
+      maxCallsInFlight_(maxCallsInFlight),
+      credentials_(peerCredentials(fd)),
+      writesHeld_(role == Role::service) {
+  stream_.emplace(runtime->io(), fd);
+}
+
+Channel::~Channel() {
+  // Normally closed on the I/O thread; a channel that never started still owns its descriptor.
+  if (stream_) {
+    boost::system::error_code ignored;
+    stream_->close(ignored);
+  }
+}
+
+void Channel::start() {
+  if (role_ == Role::client) {
+    const std::lock_guard writing(writeMutex_);
+    writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
+  }
+  if (auto runtime = runtime_.lock()) {
+    boost::asio::post(runtime->io(), [self = shared_from_this()] { self->armRead(); });
+  }
+}
+
+bool Channel::isOpen() const noexcept {
+  const std::lock_guard writing(writeMutex_);
+  return open_;
+}
+
+// ---- writing ---------------------------------------------------------------------------------
+
+void Channel::send(Outgoing outgoing) noexcept {
+  try {
+    const auto kind = outgoing.expectsReply ? FrameKind::call : FrameKind::message;
+    {
+      const std::lock_guard writing(writeMutex_);
+      if (open_) {
+        const std::uint64_t serial = nextSerial_++;
+        if (outgoing.expectsReply) {
+          // Registered before the bytes leave, since the answer may come back at once.
+          const std::lock_guard pendingCalls(pendingMutex_);
+          pending_.emplace(serial, Pending{std::move(outgoing.reply), std::move(outgoing.onError),
+                                           std::move(outgoing.sync)});
+        }
+        writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument);
+        if (!outgoing.expectsReply && outgoing.sync) outgoing.sync->complete(Bytes(), std::nullopt);
+        return;
+      }
+    }
+    if (auto runtime = runtime_.lock()) {
+      failOutgoing(*runtime, outgoing, {ConnectionError::interrupted, "the connection is closed"});
+    } else {
+      failOutgoingHere(outgoing, {ConnectionError::invalidated, "the connection is gone"});
+    }
+  } catch (const std::exception& e) {
+    // Only allocation can fail here; the caller still gets its one answer.
+    failOutgoingHere(outgoing, {ConnectionError::invalidated, e.what()});
+  }
+}
+
+void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
+                     std::string_view reason) noexcept {
+  try {
+    const std::lock_guard writing(writeMutex_);
+    if (open_) {
+      if (reply) {
+        writeFrameLocked(FrameKind::reply, serial, {}, reply);
+      } else {
+        writeFrameLocked(FrameKind::fault, serial, {}, Bytes(reason));
+      }
+    }
+  } catch (const std::exception& e) {
+    LogCategory::tether().error("Could not answer call {}: {}", serial, e.what());
+  }
+  const std::size_t left = inFlight_.fetch_sub(1) - 1;
+  if (left < maxCallsInFlight_ && paused_.exchange(false)) {
+    if (auto runtime = runtime_.lock()) {
+      boost::asio::post(runtime->io(), [self = shared_from_this()] { self->resumeReading(); });
+    }
+  }
+}
+
+bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
+                               const std::optional<Bytes>& payload) {
+  encodeFrameHeader(header_, kind, serial, name, payload.has_value(),
+                    payload ? payload->size() : 0);
+  const std::span<const std::byte> body = payload ? payload->span() : std::span<const std::byte>{};
+  if (writesHeld_ || outSent_ < outQueue_.size()) {
+    // Keep frame order: once anything waits, everything after it waits too.
+    queueLocked(header_);
+    queueLocked(body);
+    if (!writesHeld_) armFlushLocked();
+    return true;
+  }
+  std::array<iovec, 2> parts{iovec{header_.data(), header_.size()},
+                             iovec{const_cast<std::byte*>(body.data()), body.size()}};  // NOLINT
+  msghdr message{};
+  message.msg_iov = parts.data();
+  message.msg_iovlen = body.empty() ? 1 : 2;
+  const std::size_t total = header_.size() + body.size();
+  ssize_t written = 0;
+  do {
+    written = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  } while (written < 0 && errno == EINTR);
+  if (written < 0) {
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      writeFailed(errno);
+      return false;
+    }
+    written = 0;
+  }
+  const auto sent = static_cast<std::size_t>(written);
+  if (sent < total) {
+    if (sent < header_.size()) {
+      queueLocked(std::span<const std::byte>(header_).subspan(sent));
+      queueLocked(body);
+    } else {
+      queueLocked(body.subspan(sent - header_.size()));
+    }
+    armFlushLocked();
+  }
+  return true;
+}
+
+void Channel::queueLocked(std::span<const std::byte> bytes) {
+  if (outSent_ == outQueue_.size()) {
+    outQueue_.clear();
+    outSent_ = 0;
+  }
+  outQueue_.insert(outQueue_.end(), bytes.begin(), bytes.end());
+}
+
+void Channel::armFlushLocked() {
+  if (flushArmed_) return;
+  auto runtime = runtime_.lock();
+  if (!runtime) return;
+  flushArmed_ = true;
+  boost::asio::post(runtime->io(), [self = shared_from_this()] {
+    if (self->closed_ || !self->stream_) return;
+    self->stream_->async_wait(boost::asio::posix::stream_descriptor::wait_write,
+                              [self](const boost::system::error_code& error) {
+                                if (!error) self->flush();
+                              });
+  });
+}
+
+void Channel::flush() {
+  bool again = false;
+  {
+    const std::lock_guard writing(writeMutex_);
+    flushArmed_ = false;
+    if (!open_) return;
+    while (outSent_ < outQueue_.size()) {
+      const ssize_t written = ::send(fd_, outQueue_.data() + outSent_, outQueue_.size() - outSent_,
+                                     MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (written < 0) {
+        if (errno == EINTR) continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+          again = true;
+          break;
+        }
+        writeFailed(errno);
+        return;
+      }
+      outSent_ += static_cast<std::size_t>(written);
+    }
+    if (again) armFlushLocked();
+  }
+}
+
+void Channel::writeFailed(int error) {
+  // The read side sees the same loss; closing here as well makes sure nobody waits for it.
+  close(CloseReason::peerLost, "write failed: " + systemMessage(error));
+}
+
+// ---- reading ---------------------------------------------------------------------------------
+
+void Channel::armRead() {
+  if (closed_ || !stream_) return;
+  stream_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
+                      [self = shared_from_this()](const boost::system::error_code& error) {
+                        self->onReadable(error);
+                      });
+}
+
+void Channel::onReadable(const boost::system::error_code& error) {
+  if (closed_) return;
+  if (error) {
+    closeNow(CloseReason::peerLost, error.message());
+    return;
+  }
+  bool endOfStream = false;
+  int readError = 0;
+  for (;;) {
+    auto room = decoder_.prepare(readChunk);
+    const ssize_t received = ::recv(fd_, room.data(), room.size(), MSG_DONTWAIT);
+    if (received > 0) {
+      decoder_.commit(static_cast<std::size_t>(received));
+      if (static_cast<std::size_t>(received) < room.size()) break;
+      continue;
+    }
+    if (received == 0) {
+      endOfStream = true;
+    } else if (errno == EINTR) {
+      continue;
+    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      readError = errno;
+    }
+    break;
+  }
+  // Frames that arrived before the end are still delivered.
+  const bool reading = processFrames();
+  if (closed_) return;
+  if (endOfStream) {
+    closeNow(CloseReason::peerLost, decoder_.bufferedBytes() == 0
+                                        ? "the peer closed the connection"
+                                        : "the peer closed the connection within a frame");
+    return;
+  }
+  if (readError != 0) {
+    closeNow(CloseReason::peerLost, systemMessage(readError));
+    return;
+  }
+  if (reading) armRead();
+}
+
+bool Channel::processFrames() {
+  Frame frame;
+  while (!closed_) {
+    if (inFlight_.load() >= maxCallsInFlight_) {
+      paused_.store(true);
+      if (inFlight_.load() >= maxCallsInFlight_) return false;
+      // An answer came in between; whoever clears the flag resumes.
+      if (!paused_.exchange(false)) return false;
+    }
+    switch (decoder_.next(frame)) {
+      case FrameDecoder::Status::needMore:
+        return true;
+      case FrameDecoder::Status::violation:
+        closeNow(CloseReason::protocolViolation, decoder_.violation());
+        return false;
+      case FrameDecoder::Status::frame:
+        handleFrame(frame);
+        break;
+    }
+  }
+  return false;
+}
+
+void Channel::resumeReading() {
+  if (closed_) return;
+  if (processFrames()) armRead();
+}
+
+void Channel::handleFrame(Frame& frame) {
+  if (!helloDone_) {
+    handleHello(frame);
+    return;
+  }
+  switch (frame.kind) {
+    case FrameKind::hello:
+      closeNow(CloseReason::protocolViolation, "a second HELLO");
+      return;
+    case FrameKind::reply:
+      complete(frame.serial, std::move(frame.payload).value_or(Bytes()), std::nullopt);
+      return;
+    case FrameKind::fault: {
+      std::string reason(frame.payload ? frame.payload->view() : std::string_view("fault"));
+      complete(frame.serial, std::nullopt,
+               CallError(ConnectionError::peerFault, std::move(reason)));
+      return;
+    }
+    case FrameKind::call:
+    case FrameKind::message: {
+      if (frame.serial <= lastIncomingSerial_) {
+        closeNow(CloseReason::protocolViolation, "serials must increase");
+        return;
+      }
+      lastIncomingSerial_ = frame.serial;
+      if (frame.kind == FrameKind::call) inFlight_.fetch_add(1);
+      auto runtime = runtime_.lock();
+      if (!runtime) return;
+      runtime->deliver([self = shared_from_this(), incoming = std::move(frame)]() mutable {
+        self->dispatch(std::move(incoming));
+      });
+      frame = Frame{};
+      return;
+    }
+  }
+}
+
+void Channel::handleHello(Frame& frame) {
+  if (frame.kind == FrameKind::hello && frame.serial == 0) {
+    if (!isSupportedHello(frame.payload)) {
+      if (role_ == Role::service) {
+        const std::lock_guard writing(writeMutex_);
+        writesHeld_ = false;
+        outQueue_.clear();
+        outSent_ = 0;
+        writeFrameLocked(FrameKind::fault, 0, {},
+                         Bytes(std::string_view("unsupported protocol version")));
+      }
+      closeNow(CloseReason::helloMismatch, "the peer does not speak protocol version 1");
+      return;
+    }
+    helloDone_ = true;
+    if (role_ == Role::service) {
+      // Answer the HELLO ahead of anything the service queued meanwhile.
+      const std::lock_guard writing(writeMutex_);
+      std::vector<std::byte> held(outQueue_.begin() + static_cast<std::ptrdiff_t>(outSent_),
+                                  outQueue_.end());
+      outQueue_.clear();
+      outSent_ = 0;
+      writesHeld_ = false;
+      if (held.empty()) {
+        writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
+      } else {
+        encodeFrameHeader(header_, FrameKind::hello, 0, {}, true, helloPayload.size());
+        queueLocked(header_);
+        queueLocked(Bytes(helloPayload).span());
+        queueLocked(held);
+        armFlushLocked();
+      }
+    }
+    return;
+  }
+  if (role_ == Role::client && frame.kind == FrameKind::fault && frame.serial == 0) {
+    closeNow(CloseReason::helloMismatch,
+             std::string(frame.payload ? frame.payload->view() : "the service refused the HELLO"));
+    return;
+  }
+  closeNow(CloseReason::protocolViolation, "the first frame is not a HELLO");
+}
+
+void Channel::complete(std::uint64_t serial, std::optional<Bytes> reply,
+                       std::optional<CallError> error) {
+  Pending call;
+  bool known = false;
+  {
+    const std::lock_guard pendingCalls(pendingMutex_);
+    if (auto found = pending_.find(serial); found != pending_.end()) {
+      call = std::move(found->second);
+      pending_.erase(found);
+      known = true;
+    }
+  }
+  if (!known) {
+    // Nothing of ours waits for it: the peer answers a call it never got.
+    closeNow(CloseReason::protocolViolation,
+             "an answer to unknown serial " + std::to_string(serial));
+    return;
+  }
+  if (call.sync) {
+    call.sync->complete(std::move(reply), std::move(error));
+    return;
+  }
+  auto runtime = runtime_.lock();
+  if (!runtime) return;
+  if (reply) {
+    runtime->deliver([handler = std::move(call.reply), bytes = std::move(*reply)]() mutable {
+      if (handler) handler(std::move(bytes));
+    });
+  } else if (call.onError && *call.onError) {
+    runtime->deliver(
+        [handler = std::move(call.onError), failure = std::move(*error)] { (*handler)(failure); });
+  }
+}
+
+void Channel::dispatch(Frame frame) {
+  std::shared_ptr<ExportedObject> object;
+  std::optional<OperationShape> shape;
+  bool checked = false;
+  {
+    const std::lock_guard config(configMutex_);
+    object = exportedObject_;
+    if (exportedInterface_) {
+      checked = true;
+      shape = exportedInterface_->shape(frame.name);
+    }
+  }
+  const bool isCall = frame.kind == FrameKind::call;
+  Reply reply = isCall ? Reply(weak_from_this(), frame.serial) : Reply();
+  auto refuse = [&](const std::string& reason) {
+    if (isCall) {
+      reply.fail(reason);
+    } else {
+      LogCategory::tether().error("Dropped message {}: {}", frame.name, reason);
+    }
+  };
+  if (!object) return refuse("no exported object for " + frame.name);
+  if (checked) {
+    if (!shape) return refuse("unknown operation " + frame.name);
+    const bool fits = isCall ? (*shape == OperationShape::argumentAndReply && frame.payload)
+                                   || (*shape == OperationShape::replyOnly && !frame.payload)
+                             : *shape == OperationShape::oneWay && frame.payload.has_value();
+    if (!fits)
+      return refuse("shape mismatch for " + frame.name + " (" + std::string(toString(*shape))
+                    + ")");
+  }
+  try {
+    object->handle(frame.name, std::move(frame.payload), std::move(reply));
+  } catch (const std::exception& e) {
+    LogCategory::tether().fault("Exported object threw on {}: {}", frame.name, e.what());
+  } catch (...) {
+    LogCategory::tether().fault("Exported object threw on {}", frame.name);
+  }
+}
+
+// ---- closing ---------------------------------------------------------------------------------
+
+void Channel::close(CloseReason reason, std::string detail) noexcept {
+  auto runtime = runtime_.lock();
+  if (!runtime) return;
+  if (runtime->onIoThread()) {
+    closeNow(reason, detail);
+    return;
+  }
+  boost::asio::post(runtime->io(), [self = shared_from_this(), reason, detail = std::move(detail)] {
+    self->closeNow(reason, detail);
+  });
+}
+
+void Channel::closeNow(CloseReason reason, const std::string& detail) {
+  if (closed_) return;
+  closed_ = true;
+  {
+    const std::lock_guard writing(writeMutex_);
+    open_ = false;
+    outQueue_.clear();
+    outSent_ = 0;
+  }
+  if (stream_) {
+    boost::system::error_code ignored;
+    stream_->close(ignored);
+    stream_.reset();
+  }
+  std::unordered_map<std::uint64_t, Pending> failed;
+  {
+    const std::lock_guard pendingCalls(pendingMutex_);
+    failed.swap(pending_);
+  }
+  auto runtime = runtime_.lock();
+  const CallError error = closeError(reason, detail);
+  for (auto& [serial, call] : failed) {
+    Outgoing outgoing{{},
+                      std::nullopt,
+                      true,
+                      std::move(call.reply),
+                      std::move(call.onError),
+                      std::move(call.sync)};
+    if (runtime) {
+      failOutgoing(*runtime, outgoing, error);
+    } else {
+      failOutgoingHere(outgoing, error);
+    }
+  }
+  std::shared_ptr<ExportedObject> object;
+  std::function<void()> handler;
+  {
+    const std::lock_guard config(configMutex_);
+    // Dropping the object breaks cycles through proxies it may hold.
+    object = std::move(exportedObject_);
+    handler = std::move(closeHandler_);
+    closedConfig_ = true;
+  }
+  if (runtime) {
+    runtime->deliver([object = std::move(object), handler = std::move(handler)]() mutable {
+      object.reset();
+      if (handler) handler();
+    });
+  }
+  if (auto owner = owner_.lock()) owner->channelClosed(shared_from_this(), reason, detail);
+}
+
+// ---- configuration ---------------------------------------------------------------------------
+
+void Channel::setExportedInterface(std::optional<InterfaceDescription> interface) {
+  const std::lock_guard config(configMutex_);
+  exportedInterface_ = std::move(interface);
+}
+
+void Channel::setExportedObject(std::shared_ptr<ExportedObject> object) {
+  const std::lock_guard config(configMutex_);
+  exportedObject_ = std::move(object);
+}
+
+void Channel::setRemoteInterface(std::optional<InterfaceDescription> interface) {
+  const std::lock_guard config(configMutex_);
+  remoteInterface_ = std::move(interface);
+}
+
+std::optional<InterfaceDescription> Channel::remoteInterface() const {
+  const std::lock_guard config(configMutex_);
+  return remoteInterface_;
+}
+
+void Channel::setCloseHandler(std::function<void()> handler) {
+  {
+    const std::lock_guard config(configMutex_);
+    if (!closedConfig_) {
+      closeHandler_ = std::move(handler);
+      return;
+    }
+  }
+  // Already closed: the handler still runs once.
+  if (auto runtime = runtime_.lock(); runtime && handler) runtime->deliver(std::move(handler));
+}
+
+}  // namespace corvane::ipc::detail
