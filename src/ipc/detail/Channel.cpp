@@ -470,6 +470,11 @@ void Channel::dispatch(Frame frame) {
 // ---- closing ---------------------------------------------------------------------------------
 
 void Channel::close(CloseReason reason, std::string detail) noexcept {
+  {
+    // Nothing more leaves from the moment close() returns, even before the I/O thread acts.
+    const std::lock_guard writing(writeMutex_);
+    open_ = false;
+  }
   auto runtime = runtime_.lock();
   if (!runtime) return;
   if (runtime->onIoThread()) {
