@@ -1,0 +1,213 @@
+// Round trips over the connection facility against the floor: a raw AF_UNIX ping-pong carrying
+// the same payload. Every case runs twice: threads unpinned, and every thread of both sides
+// pinned to one CPU (threads inherit the affinity of the thread that creates them, so the
+// Listener and Connection are made after pinning). The facility cases report `ratio`: their time
+// per round trip over the raw one of the same placement, measured earlier in the same run.
+
+#include <corvane/ipc/Connection.hpp>
+#include <corvane/ipc/Listener.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <sched.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using corvane::Bytes;
+using namespace corvane::ipc;
+
+constexpr std::size_t payloadSize = 64;
+std::array<double, 2> rawNanoseconds{};  // per placement
+
+/// Pins the calling thread (and so the threads it creates) to CPU 0 for its lifetime.
+class Placement {
+ public:
+  explicit Placement(bool pinned) : pinned_(pinned) {
+    if (!pinned_) return;
+    sched_getaffinity(0, sizeof saved_, &saved_);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    sched_setaffinity(0, sizeof one, &one);
+  }
+  ~Placement() {
+    if (pinned_) sched_setaffinity(0, sizeof saved_, &saved_);
+  }
+  Placement(const Placement&) = delete;
+  Placement& operator=(const Placement&) = delete;
+
+ private:
+  bool pinned_;
+  cpu_set_t saved_{};
+};
+
+void rawPingPong(benchmark::State& state) {
+  const bool pinned = state.range(0) != 0;
+  Placement placement(pinned);
+  std::array<int, 2> fds{};
+  socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data());
+  std::jthread server([fd = fds[1]] {
+    std::array<char, payloadSize> buffer{};
+    for (;;) {
+      std::size_t got = 0;
+      while (got < buffer.size()) {
+        const ssize_t n = recv(fd, buffer.data() + got, buffer.size() - got, 0);
+        if (n <= 0) return;
+        got += static_cast<std::size_t>(n);
+      }
+      send(fd, buffer.data(), buffer.size(), MSG_NOSIGNAL);
+    }
+  });
+  std::array<char, payloadSize> buffer{};
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    send(fds[0], buffer.data(), buffer.size(), MSG_NOSIGNAL);
+    std::size_t got = 0;
+    while (got < buffer.size())
+      got += static_cast<std::size_t>(recv(fds[0], buffer.data() + got, buffer.size() - got, 0));
+  }
+  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
+  rawNanoseconds[pinned ? 1 : 0] = elapsed.count() / static_cast<double>(state.iterations());
+  shutdown(fds[0], SHUT_RDWR);
+  server.join();
+  close(fds[0]);
+  close(fds[1]);
+  state.SetLabel(pinned ? "pinned" : "unpinned");
+}
+
+/// An in-process echo service and a resumed connection to it.
+struct Setup {
+  std::filesystem::path directory;
+  std::optional<Listener> listener;
+  std::optional<Connection> connection;
+
+  Setup() {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "corvane-bench-XXXXXX").native();
+    directory = mkdtemp(pattern.data());
+    listener.emplace("bench", ListenerOptions{directory, false, 4096});
+    listener->setConnectionHandler([](Peer& peer) {
+      auto table = std::make_shared<OperationTable>();
+      table->on("echo:reply:", [](std::optional<Bytes> argument, Reply reply) {
+        reply.send(std::move(*argument));
+      });
+      peer.setExportedObject(table);
+      return true;
+    });
+    listener->resume();
+    connection.emplace("bench", ConnectionOptions{directory, std::nullopt});
+    connection->resume();
+  }
+  ~Setup() {
+    connection.reset();
+    listener.reset();
+    std::filesystem::remove_all(directory);
+  }
+};
+
+void reportRatio(benchmark::State& state, bool pinned, double nanoseconds) {
+  state.counters["ns_per_call"] = nanoseconds;
+  if (rawNanoseconds[pinned ? 1 : 0] > 0)
+    state.counters["ratio"] = nanoseconds / rawNanoseconds[pinned ? 1 : 0];
+  state.SetLabel(pinned ? "pinned" : "unpinned");
+}
+
+void facilitySync(benchmark::State& state) {
+  const bool pinned = state.range(0) != 0;
+  Placement placement(pinned);
+  Setup setup;
+  const auto proxy = setup.connection->synchronousRemoteObjectProxy([](const CallError& e) {
+    std::fprintf(stderr, "call failed: %s\n", e.description().c_str());
+  });
+  const std::string payload(payloadSize, 'x');
+  proxy.call("echo:reply:", Bytes(payload), [](Bytes) {});  // connect outside the timing
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    proxy.call("echo:reply:", Bytes(payload), [](Bytes reply) { benchmark::DoNotOptimize(reply); });
+  }
+  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
+  reportRatio(state, pinned, elapsed.count() / static_cast<double>(state.iterations()));
+}
+
+/// Asynchronous calls with up to `window` in flight; reports calls per second.
+void facilityAsyncPipelined(benchmark::State& state) {
+  const bool pinned = state.range(0) != 0;
+  constexpr int window = 256;
+  Placement placement(pinned);
+  Setup setup;
+  const auto proxy = setup.connection->remoteObjectProxy([](const CallError& e) {
+    std::fprintf(stderr, "call failed: %s\n", e.description().c_str());
+  });
+  const std::string payload(payloadSize, 'x');
+  std::mutex mutex;
+  std::condition_variable room;
+  int inFlight = 0;
+  std::int64_t calls = 0;
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    {
+      std::unique_lock slots(mutex);
+      room.wait(slots, [&] { return inFlight < window; });
+      ++inFlight;
+    }
+    proxy.call("echo:reply:", Bytes(payload), [&](Bytes) {
+      {
+        const std::lock_guard slots(mutex);
+        --inFlight;
+      }
+      room.notify_one();
+    });
+    ++calls;
+  }
+  {
+    std::unique_lock slots(mutex);
+    room.wait(slots, [&] { return inFlight == 0; });
+  }
+  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  state.counters["calls_per_s"] = static_cast<double>(calls) / elapsed.count();
+  state.SetLabel(pinned ? "pinned" : "unpinned");
+}
+
+/// Asynchronous calls one at a time (a reply handler per round trip), for the ratio.
+void facilityAsyncRoundTrip(benchmark::State& state) {
+  const bool pinned = state.range(0) != 0;
+  Placement placement(pinned);
+  Setup setup;
+  const auto proxy = setup.connection->remoteObjectProxy([](const CallError&) {});
+  const std::string payload(payloadSize, 'x');
+  std::mutex mutex;
+  std::condition_variable done;
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    bool replied = false;
+    proxy.call("echo:reply:", Bytes(payload), [&](Bytes) {
+      {
+        const std::lock_guard lock(mutex);
+        replied = true;
+      }
+      done.notify_one();
+    });
+    std::unique_lock lock(mutex);
+    done.wait(lock, [&] { return replied; });
+  }
+  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
+  reportRatio(state, pinned, elapsed.count() / static_cast<double>(state.iterations()));
+}
+
+}  // namespace
+
+BENCHMARK(rawPingPong)->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(facilitySync)->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(facilityAsyncRoundTrip)->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(facilityAsyncPipelined)->Arg(0)->Arg(1)->UseRealTime();
+
+BENCHMARK_MAIN();
