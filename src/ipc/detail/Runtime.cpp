@@ -116,6 +116,11 @@ void Runtime::stop() {
   work_.reset();
   io_.stop();
   if (ioThread_.joinable()) ioThread_.join();
+  // The owner closed every socket before stopping, so what is left are completions of cancelled
+  // waits; they hold their channel or listener and would leak unless run. With the I/O thread
+  // gone this thread is the only one touching the context.
+  io_.restart();
+  io_.poll();
   delivery_.stop();
 }
 
