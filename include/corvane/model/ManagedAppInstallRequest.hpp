@@ -15,9 +15,11 @@ namespace corvane {
 /// fixed by the constructor; `userInitiated` starts true and may be changed.
 class ManagedAppInstallRequest {
  public:
-  ManagedAppInstallRequest(std::optional<std::string> declarationIdentifier,
-                           std::optional<std::string> buyParams)
-      : stored_{std::move(declarationIdentifier), std::move(buyParams), true} {}
+  // By reference: GCC 12 reports moving a disengaged std::optional<std::string> temporary as a
+  // maybe-uninitialized read.
+  ManagedAppInstallRequest(const std::optional<std::string>& declarationIdentifier,
+                           const std::optional<std::string>& buyParams)
+      : stored_{declarationIdentifier, buyParams, true} {}
 
   [[nodiscard]] const std::optional<std::string>& declarationIdentifier() const noexcept {
     return stored_.declarationIdentifier;
