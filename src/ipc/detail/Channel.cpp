@@ -165,7 +165,7 @@ bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string
   } while (written < 0 && errno == EINTR);
   if (written < 0) {
     if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      writeFailed(errno);
+      writeFailedLocked(errno);
       return false;
     }
     written = 0;
@@ -220,7 +220,7 @@ void Channel::flush() {
           again = true;
           break;
         }
-        writeFailed(errno);
+        writeFailedLocked(errno);
         return;
       }
       outSent_ += static_cast<std::size_t>(written);
@@ -229,9 +229,17 @@ void Channel::flush() {
   }
 }
 
-void Channel::writeFailed(int error) {
-  // The read side sees the same loss; closing here as well makes sure nobody waits for it.
-  close(CloseReason::peerLost, "write failed: " + systemMessage(error));
+void Channel::writeFailedLocked(int error) {
+  // The read side sees the same loss; closing here as well makes sure nobody waits for it. The
+  // write lock is held (close() would take it again), so mark the channel closed for writers here
+  // and let the I/O thread finish the close.
+  open_ = false;
+  auto runtime = runtime_.lock();
+  if (!runtime) return;
+  boost::asio::post(runtime->io(),
+                    [self = shared_from_this(), detail = "write failed: " + systemMessage(error)] {
+                      self->closeNow(CloseReason::peerLost, detail);
+                    });
 }
 
 // ---- reading ---------------------------------------------------------------------------------

@@ -84,7 +84,8 @@ class Channel final : public std::enable_shared_from_this<Channel> {
   void queueLocked(std::span<const std::byte> bytes);
   void armFlushLocked();
   void flush();
-  void writeFailed(int error);
+  /// A write failed; called with writeMutex_ held.
+  void writeFailedLocked(int error);
 
   // Reading (I/O thread).
   void armRead();
