@@ -137,7 +137,8 @@ std::optional<TimePoint> parseRfc3339(std::string_view text) noexcept {
                             day(static_cast<unsigned>(d))};
   if (!date.ok()) return std::nullopt;
   const std::int64_t seconds = std::int64_t{sys_days(date).time_since_epoch().count()} * 86'400
-                               + h * 3'600 + mi * 60 + s - std::int64_t{offsetMinutes} * 60;
+                               + std::int64_t{h} * 3'600 + std::int64_t{mi} * 60 + s
+                               - std::int64_t{offsetMinutes} * 60;
   // TimePoint counts in nanoseconds here: stay clear of the ends of its range.
   constexpr auto limit =
       duration_cast<std::chrono::seconds>(TimePoint::duration::max()).count() - 1;

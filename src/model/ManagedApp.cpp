@@ -94,7 +94,7 @@ ManagedApp::ManagedApp(
               itemID,
               externalVersionID,
               platform,
-              std::move(fileSize),
+              fileSize,
               std::move(metadataLanguage),
               std::move(name),
               std::move(subtitle),

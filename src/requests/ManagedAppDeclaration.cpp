@@ -15,7 +15,7 @@ ManagedAppDeclaration::ManagedAppDeclaration(std::string key, std::string identi
       personaIdentifier(std::move(persona)),
       installBehavior(std::move(install)),
       backupBehavior(backup),
-      updateBehavior(std::move(update)),
+      updateBehavior(update),
       platform(target) {}
 
 ManagedAppDeclaration::ManagedAppDeclaration(std::string key, std::string identifier,
@@ -23,8 +23,7 @@ ManagedAppDeclaration::ManagedAppDeclaration(std::string key, std::string identi
                                              InstallBehavior install, BackupBehavior backup,
                                              UpdateBehaviorEnum update, Platform target)
     : ManagedAppDeclaration(std::move(key), std::move(identifier), ManagementScope::user,
-                            std::move(persona), std::move(install), backup, std::move(update),
-                            target) {}
+                            std::move(persona), std::move(install), backup, update, target) {}
 
 ManagedAppDeclaration::ManagedAppDeclaration(std::string key, std::string identifier,
                                              std::optional<std::string> persona,
@@ -32,14 +31,13 @@ ManagedAppDeclaration::ManagedAppDeclaration(std::string key, std::string identi
                                              UpdateBehaviorEnum update,
                                              RemovalBehavior /*removalBehavior*/, Platform target)
     : ManagedAppDeclaration(std::move(key), std::move(identifier), ManagementScope::user,
-                            std::move(persona), std::move(install), backup, std::move(update),
-                            target) {}
+                            std::move(persona), std::move(install), backup, update, target) {}
 
 ManagedAppDeclaration::ManagedAppDeclaration(std::string key, std::string identifier,
                                              InstallBehavior install, BackupBehavior backup,
                                              UpdateBehaviorEnum update,
                                              RemovalBehavior /*removalBehavior*/, Platform target)
     : ManagedAppDeclaration(std::move(key), std::move(identifier), ManagementScope::user,
-                            std::nullopt, std::move(install), backup, std::move(update), target) {}
+                            std::nullopt, std::move(install), backup, update, target) {}
 
 }  // namespace corvane

@@ -24,7 +24,7 @@ class UpdateBehaviorEnum {
   };
   using Cases = std::variant<AutomaticallyUpdate>;
 
-  explicit UpdateBehaviorEnum(Cases cases) noexcept : cases_(std::move(cases)) {}
+  explicit UpdateBehaviorEnum(Cases cases) noexcept : cases_(cases) {}
   [[nodiscard]] static UpdateBehaviorEnum automaticallyUpdate(
       std::optional<std::int64_t> evid = std::nullopt) {
     return UpdateBehaviorEnum(Cases(AutomaticallyUpdate{evid}));
