@@ -92,12 +92,9 @@ class ConnectionCore final : public ChannelOwner,
       state_ = State::invalidated;
       channel = std::move(channel_);
     }
-    // Close on the I/O thread and wait, so the calls in flight have their error handlers queued
+    // Closing waits until the calls in flight have their error handlers queued, so they run
     // before the invalidation handler.
-    const bool ran = runtime_->runOnIo([&] {
-      if (channel) channel->closeNow(CloseReason::invalidated, reason);
-    });
-    if (!ran && channel) channel->closeNow(CloseReason::invalidated, reason);
+    if (channel) channel->closeNow(CloseReason::invalidated, reason);
     announceInvalidation();
   }
 

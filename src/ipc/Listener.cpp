@@ -5,8 +5,6 @@
 #include <corvane/ipc/Listener.hpp>
 #include <corvane/platform/LogCategory.hpp>
 
-#include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/post.hpp>
 #include <systemd/sd-daemon.h>
 
 #include <cerrno>
@@ -93,7 +91,9 @@ int bindSocket(const std::filesystem::path& path) {
 }  // namespace
 
 /// The state behind a Listener: the listening socket and the accepted channels.
-class ListenerCore final : public ChannelOwner, public std::enable_shared_from_this<ListenerCore> {
+class ListenerCore final : public ChannelOwner,
+                           public Watcher,
+                           public std::enable_shared_from_this<ListenerCore> {
  public:
   ListenerCore(std::filesystem::path path, ListenerOptions options)
       : path_(std::move(path)),
@@ -103,8 +103,13 @@ class ListenerCore final : public ChannelOwner, public std::enable_shared_from_t
     activated_ = fd >= 0;
     if (!activated_) fd = bindSocket(path_);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-    acceptor_.emplace(runtime_->io(), fd);
+    listenFd_ = fd;
   }
+  ~ListenerCore() override {
+    if (listenFd_ >= 0) ::close(listenFd_);
+  }
+  ListenerCore(const ListenerCore&) = delete;
+  ListenerCore& operator=(const ListenerCore&) = delete;
 
   [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
   [[nodiscard]] bool activated() const noexcept { return activated_; }
@@ -120,20 +125,26 @@ class ListenerCore final : public ChannelOwner, public std::enable_shared_from_t
       if (resumed_) return;
       resumed_ = true;
     }
-    boost::asio::post(runtime_->io(), [self = shared_from_this()] { self->armAccept(); });
+    const std::lock_guard accepting(acceptMutex_);
+    if (listenFd_ < 0) return;
+    acceptKey_ = runtime_->watch(listenFd_, false, shared_from_this());
+    runtime_->arm(listenFd_, acceptKey_, false);
   }
 
   void invalidate() {
-    runtime_->runOnIo([this] {
-      if (acceptor_) {
-        boost::system::error_code ignored;
-        acceptor_->close(ignored);
-        acceptor_.reset();
+    {
+      const std::lock_guard accepting(acceptMutex_);
+      if (listenFd_ >= 0) {
+        if (acceptKey_ != 0) runtime_->unwatch(listenFd_, acceptKey_);
+        ::close(listenFd_);
+        listenFd_ = -1;
         if (!activated_) {
           std::error_code removeError;
           std::filesystem::remove(path_, removeError);
         }
       }
+    }
+    {
       std::set<std::shared_ptr<Channel>> open;
       {
         const std::lock_guard state(mutex_);
@@ -141,7 +152,14 @@ class ListenerCore final : public ChannelOwner, public std::enable_shared_from_t
       }
       for (const auto& channel : open)
         channel->closeNow(CloseReason::invalidated, "the service stopped");
-    });
+    }
+  }
+
+  void ready(bool /*writable*/) override {
+    const std::lock_guard accepting(acceptMutex_);
+    if (listenFd_ < 0) return;
+    acceptAll();
+    runtime_->arm(listenFd_, acceptKey_, false);
   }
 
   void shutdown() {
@@ -162,18 +180,9 @@ class ListenerCore final : public ChannelOwner, public std::enable_shared_from_t
   }
 
  private:
-  void armAccept() {
-    if (!acceptor_) return;
-    acceptor_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                          [self = shared_from_this()](const boost::system::error_code& error) {
-                            if (!error) self->acceptAll();
-                          });
-  }
-
   void acceptAll() {
-    if (!acceptor_) return;
     for (;;) {
-      const int fd = ::accept4(acceptor_->native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
+      const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (fd < 0) {
         if (errno == EINTR || errno == ECONNABORTED) continue;
         if (errno != EAGAIN && errno != EWOULDBLOCK) {
@@ -182,9 +191,13 @@ class ListenerCore final : public ChannelOwner, public std::enable_shared_from_t
         }
         break;
       }
-      adopt(fd);
+      try {
+        adopt(fd);
+      } catch (const std::exception& e) {
+        LogCategory::tether().error("Could not take a connection on {}: {}", path_.native(),
+                                    e.what());
+      }
     }
-    armAccept();
   }
 
   void adopt(int fd) {
@@ -217,7 +230,9 @@ class ListenerCore final : public ChannelOwner, public std::enable_shared_from_t
   const std::filesystem::path path_;
   const ListenerOptions options_;
   std::shared_ptr<Runtime> runtime_;
-  std::optional<boost::asio::posix::stream_descriptor> acceptor_;  // I/O thread
+  std::mutex acceptMutex_;  // the listening socket
+  int listenFd_ = -1;
+  std::uint64_t acceptKey_ = 0;
   bool activated_ = false;
   std::mutex mutex_;
   bool resumed_ = false;

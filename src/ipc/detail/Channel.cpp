@@ -2,14 +2,17 @@
 
 #include <corvane/platform/LogCategory.hpp>
 
-#include <boost/asio/post.hpp>
 #include <boost/json/parse.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <limits>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace corvane::ipc::detail {
@@ -57,20 +60,24 @@ Channel::Channel(const std::shared_ptr<Runtime>& runtime, int fd, Role role,
                  std::weak_ptr<ChannelOwner> owner, std::size_t maxCallsInFlight)
     : runtime_(runtime),
       fd_(fd),
+      writeFd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)),
       role_(role),
       owner_(std::move(owner)),
       maxCallsInFlight_(maxCallsInFlight),
       credentials_(peerCredentials(fd)),
       writesHeld_(role == Role::service) {
-  stream_.emplace(runtime->io(), fd);
+  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+  if (writeFd_ < 0) {
+    ::close(fd_);
+    throw std::system_error(errno, std::system_category(), "dup");
+  }
 }
 
 Channel::~Channel() {
-  // Normally closed on the I/O thread; a channel that never started still owns its descriptor.
-  if (stream_) {
-    boost::system::error_code ignored;
-    stream_->close(ignored);
-  }
+  // Closed only here, when nobody can be reading any more, so the number is never reused under a
+  // reader's feet.
+  ::close(writeFd_);
+  ::close(fd_);
 }
 
 void Channel::start() {
@@ -78,9 +85,29 @@ void Channel::start() {
     const std::lock_guard writing(writeMutex_);
     writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
   }
-  if (auto runtime = runtime_.lock()) {
-    boost::asio::post(runtime->io(), [self = shared_from_this()] { self->armRead(); });
+  auto runtime = runtime_.lock();
+  if (!runtime) return;
+  try {
+    readKey_ = runtime->watch(fd_, false, shared_from_this());
+    writeKey_ = runtime->watch(writeFd_, true, shared_from_this());
+  } catch (const std::exception& e) {
+    if (readKey_ != 0) runtime->unwatch(fd_, readKey_);
+    closeNow(CloseReason::peerLost, e.what());
+    return;
   }
+  registered_.store(true);
+  if (closed_.load()) {
+    runtime->unwatch(fd_, readKey_);
+    runtime->unwatch(writeFd_, writeKey_);
+    return;
+  }
+  {
+    const std::lock_guard role(readMutex_);
+    // A synchronous caller may already wait for the reading.
+    if (readState_ == ReadState::held) handBackLocked(ReadResult::open);
+  }
+  const std::lock_guard writing(writeMutex_);
+  if (flushArmed_) runtime->arm(writeFd_, writeKey_, true);
 }
 
 bool Channel::isOpen() const noexcept {
@@ -88,16 +115,28 @@ bool Channel::isOpen() const noexcept {
   return open_;
 }
 
+void Channel::ready(bool writable) {
+  if (writable) {
+    flush();
+  } else {
+    onReadable();
+  }
+}
+
 // ---- writing ---------------------------------------------------------------------------------
 
 void Channel::send(Outgoing outgoing) noexcept {
   try {
     const auto kind = outgoing.expectsReply ? FrameKind::call : FrameKind::message;
+    std::shared_ptr<SyncSlot> waiting;
+    bool sent = false;
     {
       const std::lock_guard writing(writeMutex_);
       if (open_) {
+        sent = true;
         const std::uint64_t serial = nextSerial_++;
         if (outgoing.expectsReply) {
+          waiting = outgoing.sync;
           // Registered before the bytes leave, since the answer may come back at once.
           const std::lock_guard pendingCalls(pendingMutex_);
           pending_.emplace(serial, Pending{std::move(outgoing.reply), std::move(outgoing.onError),
@@ -105,8 +144,12 @@ void Channel::send(Outgoing outgoing) noexcept {
         }
         writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument);
         if (!outgoing.expectsReply && outgoing.sync) outgoing.sync->complete(Bytes(), std::nullopt);
-        return;
       }
+    }
+    if (sent) {
+      // A synchronous caller reads its own answer (see awaitOutcome).
+      if (waiting) awaitOutcome(*waiting);
+      return;
     }
     if (auto runtime = runtime_.lock()) {
       failOutgoing(*runtime, outgoing, {ConnectionError::interrupted, "the connection is closed"});
@@ -134,11 +177,16 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
     LogCategory::tether().error("Could not answer call {}: {}", serial, e.what());
   }
   const std::size_t left = inFlight_.fetch_sub(1) - 1;
-  if (left < maxCallsInFlight_ && paused_.exchange(false)) {
-    if (auto runtime = runtime_.lock()) {
-      boost::asio::post(runtime->io(), [self = shared_from_this()] { self->resumeReading(); });
-    }
+  // Only the answer that brings the count back under the bound can end a pause.
+  if (left + 1 != maxCallsInFlight_) return;
+  auto runtime = runtime_.lock();
+  if (!runtime) return;
+  {
+    const std::lock_guard role(readMutex_);
+    if (readState_ != ReadState::paused) return;  // the reader sees the new count itself
+    readState_ = ReadState::held;
   }
+  runtime->post([self = shared_from_this()] { self->resumeReading(); });
 }
 
 bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
@@ -193,71 +241,157 @@ void Channel::queueLocked(std::span<const std::byte> bytes) {
 
 void Channel::armFlushLocked() {
   if (flushArmed_) return;
-  auto runtime = runtime_.lock();
-  if (!runtime) return;
   flushArmed_ = true;
-  boost::asio::post(runtime->io(), [self = shared_from_this()] {
-    if (self->closed_ || !self->stream_) return;
-    self->stream_->async_wait(boost::asio::posix::stream_descriptor::wait_write,
-                              [self](const boost::system::error_code& error) {
-                                if (!error) self->flush();
-                              });
-  });
+  // Before start() registers the descriptor, start() arms it.
+  if (!registered_.load()) return;
+  if (auto runtime = runtime_.lock()) runtime->arm(writeFd_, writeKey_, true);
 }
 
 void Channel::flush() {
-  bool again = false;
-  {
-    const std::lock_guard writing(writeMutex_);
-    flushArmed_ = false;
-    if (!open_) return;
-    while (outSent_ < outQueue_.size()) {
-      const ssize_t written = ::send(fd_, outQueue_.data() + outSent_, outQueue_.size() - outSent_,
-                                     MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (written < 0) {
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-          again = true;
-          break;
-        }
-        writeFailedLocked(errno);
+  const std::lock_guard writing(writeMutex_);
+  flushArmed_ = false;
+  if (!open_) return;
+  while (outSent_ < outQueue_.size()) {
+    const ssize_t written = ::send(fd_, outQueue_.data() + outSent_, outQueue_.size() - outSent_,
+                                   MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        armFlushLocked();
         return;
       }
-      outSent_ += static_cast<std::size_t>(written);
+      writeFailedLocked(errno);
+      return;
     }
-    if (again) armFlushLocked();
+    outSent_ += static_cast<std::size_t>(written);
   }
 }
 
 void Channel::writeFailedLocked(int error) {
-  // The read side sees the same loss; closing here as well makes sure nobody waits for it. The
-  // write lock is held (close() would take it again), so mark the channel closed for writers here
-  // and let the I/O thread finish the close.
+  // The read side sees the same loss; closing here as well makes sure nobody waits for it.
   open_ = false;
-  auto runtime = runtime_.lock();
-  if (!runtime) return;
-  boost::asio::post(runtime->io(),
-                    [self = shared_from_this(), detail = "write failed: " + systemMessage(error)] {
-                      self->closeNow(CloseReason::peerLost, detail);
-                    });
+  if (auto runtime = runtime_.lock()) {
+    runtime->post([self = shared_from_this(), detail = "write failed: " + systemMessage(error)] {
+      self->closeNow(CloseReason::peerLost, detail);
+    });
+  }
 }
 
 // ---- reading ---------------------------------------------------------------------------------
 
-void Channel::armRead() {
-  if (closed_ || !stream_) return;
-  stream_->async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                      [self = shared_from_this()](const boost::system::error_code& error) {
-                        self->onReadable(error);
-                      });
+void Channel::onReadable() {
+  {
+    const std::lock_guard role(readMutex_);
+    // Somebody else reads (a synchronous caller); it re-arms when it is done.
+    if (readState_ != ReadState::armed) return;
+    readState_ = ReadState::held;
+  }
+  ReadResult result = readAvailable();
+  for (;;) {
+    {
+      const std::lock_guard role(readMutex_);
+      if (handBackLocked(result)) return;
+    }
+    result = processFrames();
+  }
 }
 
-void Channel::onReadable(const boost::system::error_code& error) {
-  if (closed_) return;
-  if (error) {
-    closeNow(CloseReason::peerLost, error.message());
-    return;
+void Channel::resumeReading() {
+  ReadResult result = processFrames();
+  for (;;) {
+    {
+      const std::lock_guard role(readMutex_);
+      if (handBackLocked(result)) return;
+    }
+    result = processFrames();
   }
+}
+
+bool Channel::handBackLocked(ReadResult result) {
+  if (result == ReadResult::closed || closed_.load()) {
+    readState_ = ReadState::closed;
+    for (auto* waiter : waiters_) waiter->poke();
+    waiters_.clear();
+    return true;
+  }
+  if (result == ReadResult::paused) {
+    // An answer sent meanwhile may have ended the pause; its sender saw us reading.
+    if (inFlight_.load() < maxCallsInFlight_) return false;
+    readState_ = ReadState::paused;
+    return true;
+  }
+  while (!waiters_.empty()) {
+    auto* waiter = waiters_.front();
+    waiters_.pop_front();
+    if (waiter->done()) {
+      waiter->poke();
+      continue;
+    }
+    waiter->offered = true;  // the reading stays held, now by this caller
+    waiter->poke();
+    return true;
+  }
+  readState_ = ReadState::armed;
+  if (auto runtime = runtime_.lock()) runtime->arm(fd_, readKey_, false);
+  return true;
+}
+
+void Channel::awaitOutcome(SyncSlot& slot) {
+  std::unique_lock role(readMutex_);
+  auto leave = [&] { std::erase(waiters_, &slot); };
+  for (;;) {
+    bool reading = false;
+    if (slot.offered) {
+      slot.offered = false;
+      reading = true;
+    } else if (slot.done()) {
+      leave();
+      return;
+    } else if (readState_ == ReadState::armed) {
+      readState_ = ReadState::held;
+      if (auto runtime = runtime_.lock()) runtime->disarm(fd_, readKey_);
+      leave();
+      reading = true;
+    }
+    if (reading) {
+      ReadResult result = ReadResult::open;
+      for (;;) {
+        role.unlock();
+        result = readUntilDone(slot);
+        role.lock();
+        if (handBackLocked(result)) break;
+        role.unlock();
+        result = processFrames();
+        role.lock();
+        if (handBackLocked(result)) break;
+      }
+      continue;
+    }
+    // Somebody else reads: wait for the answer, or for the reading to be handed over.
+    if (std::find(waiters_.begin(), waiters_.end(), &slot) == waiters_.end())
+      waiters_.push_back(&slot);
+    role.unlock();
+    slot.waitDoneOrPoked();
+    role.lock();
+  }
+}
+
+Channel::ReadResult Channel::readUntilDone(SyncSlot& slot) {
+  for (;;) {
+    if (slot.done()) return ReadResult::open;
+    if (closed_.load()) return ReadResult::closed;
+    pollfd wanted{fd_, POLLIN, 0};
+    if (::poll(&wanted, 1, -1) < 0 && errno != EINTR) {
+      closeFromReader(CloseReason::peerLost, "poll: " + systemMessage(errno));
+      return ReadResult::closed;
+    }
+    const ReadResult result = readAvailable();
+    if (result != ReadResult::open) return result;
+  }
+}
+
+Channel::ReadResult Channel::readAvailable() {
+  if (closed_.load()) return ReadResult::closed;
   bool endOfStream = false;
   int readError = 0;
   for (;;) {
@@ -278,47 +412,57 @@ void Channel::onReadable(const boost::system::error_code& error) {
     break;
   }
   // Frames that arrived before the end are still delivered.
-  const bool reading = processFrames();
-  if (closed_) return;
+  const ReadResult result = processFrames();
+  if (closed_.load()) return ReadResult::closed;
   if (endOfStream) {
-    closeNow(CloseReason::peerLost, decoder_.bufferedBytes() == 0
-                                        ? "the peer closed the connection"
-                                        : "the peer closed the connection within a frame");
-    return;
+    closeFromReader(CloseReason::peerLost, decoder_.bufferedBytes() == 0
+                                               ? "the peer closed the connection"
+                                               : "the peer closed the connection within a frame");
+    return ReadResult::closed;
   }
   if (readError != 0) {
-    closeNow(CloseReason::peerLost, systemMessage(readError));
-    return;
+    closeFromReader(CloseReason::peerLost, systemMessage(readError));
+    return ReadResult::closed;
   }
-  if (reading) armRead();
+  return result;
 }
 
-bool Channel::processFrames() {
+Channel::ReadResult Channel::processFrames() {
   Frame frame;
-  while (!closed_) {
+  ReadResult result = ReadResult::closed;
+  while (!closed_.load()) {
     if (inFlight_.load() >= maxCallsInFlight_) {
-      paused_.store(true);
-      if (inFlight_.load() >= maxCallsInFlight_) return false;
-      // An answer came in between; whoever clears the flag resumes.
-      if (!paused_.exchange(false)) return false;
+      result = ReadResult::paused;
+      break;
     }
-    switch (decoder_.next(frame)) {
-      case FrameDecoder::Status::needMore:
-        return true;
-      case FrameDecoder::Status::violation:
-        closeNow(CloseReason::protocolViolation, decoder_.violation());
-        return false;
-      case FrameDecoder::Status::frame:
-        handleFrame(frame);
-        break;
+    const auto status = decoder_.next(frame);
+    if (status == FrameDecoder::Status::needMore) {
+      result = ReadResult::open;
+      break;
     }
+    if (status == FrameDecoder::Status::violation) {
+      closeFromReader(CloseReason::protocolViolation, decoder_.violation());
+      break;
+    }
+    handleFrame(frame);
   }
-  return false;
+  flushDeliveries();
+  return closed_.load() ? ReadResult::closed : result;
 }
 
-void Channel::resumeReading() {
-  if (closed_) return;
-  if (processFrames()) armRead();
+void Channel::flushDeliveries() {
+  if (deliveries_.empty()) return;
+  if (auto runtime = runtime_.lock()) {
+    runtime->deliver(deliveries_);
+  } else {
+    deliveries_.clear();
+  }
+}
+
+void Channel::closeFromReader(CloseReason reason, const std::string& detail) {
+  // What was read before the violation or the end is delivered before the close handler.
+  flushDeliveries();
+  closeNow(reason, detail);
 }
 
 void Channel::handleFrame(Frame& frame) {
@@ -328,7 +472,7 @@ void Channel::handleFrame(Frame& frame) {
   }
   switch (frame.kind) {
     case FrameKind::hello:
-      closeNow(CloseReason::protocolViolation, "a second HELLO");
+      closeFromReader(CloseReason::protocolViolation, "a second HELLO");
       return;
     case FrameKind::reply:
       complete(frame.serial, std::move(frame.payload).value_or(Bytes()), std::nullopt);
@@ -342,14 +486,12 @@ void Channel::handleFrame(Frame& frame) {
     case FrameKind::call:
     case FrameKind::message: {
       if (frame.serial <= lastIncomingSerial_) {
-        closeNow(CloseReason::protocolViolation, "serials must increase");
+        closeFromReader(CloseReason::protocolViolation, "serials must increase");
         return;
       }
       lastIncomingSerial_ = frame.serial;
       if (frame.kind == FrameKind::call) inFlight_.fetch_add(1);
-      auto runtime = runtime_.lock();
-      if (!runtime) return;
-      runtime->deliver([self = shared_from_this(), incoming = std::move(frame)]() mutable {
+      deliveries_.emplace_back([self = shared_from_this(), incoming = std::move(frame)]() mutable {
         self->dispatch(std::move(incoming));
       });
       frame = Frame{};
@@ -369,7 +511,7 @@ void Channel::handleHello(Frame& frame) {
         writeFrameLocked(FrameKind::fault, 0, {},
                          Bytes(std::string_view("unsupported protocol version")));
       }
-      closeNow(CloseReason::helloMismatch, "the peer does not speak protocol version 1");
+      closeFromReader(CloseReason::helloMismatch, "the peer does not speak protocol version 1");
       return;
     }
     helloDone_ = true;
@@ -394,11 +536,12 @@ void Channel::handleHello(Frame& frame) {
     return;
   }
   if (role_ == Role::client && frame.kind == FrameKind::fault && frame.serial == 0) {
-    closeNow(CloseReason::helloMismatch,
-             std::string(frame.payload ? frame.payload->view() : "the service refused the HELLO"));
+    closeFromReader(
+        CloseReason::helloMismatch,
+        std::string(frame.payload ? frame.payload->view() : "the service refused the HELLO"));
     return;
   }
-  closeNow(CloseReason::protocolViolation, "the first frame is not a HELLO");
+  closeFromReader(CloseReason::protocolViolation, "the first frame is not a HELLO");
 }
 
 void Channel::complete(std::uint64_t serial, std::optional<Bytes> reply,
@@ -415,22 +558,21 @@ void Channel::complete(std::uint64_t serial, std::optional<Bytes> reply,
   }
   if (!known) {
     // Nothing of ours waits for it: the peer answers a call it never got.
-    closeNow(CloseReason::protocolViolation,
-             "an answer to unknown serial " + std::to_string(serial));
+    closeFromReader(CloseReason::protocolViolation,
+                    "an answer to unknown serial " + std::to_string(serial));
     return;
   }
   if (call.sync) {
     call.sync->complete(std::move(reply), std::move(error));
     return;
   }
-  auto runtime = runtime_.lock();
-  if (!runtime) return;
   if (reply) {
-    runtime->deliver([handler = std::move(call.reply), bytes = std::move(*reply)]() mutable {
-      if (handler) handler(std::move(bytes));
-    });
+    deliveries_.emplace_back(
+        [handler = std::move(call.reply), bytes = std::move(*reply)]() mutable {
+          if (handler) handler(std::move(bytes));
+        });
   } else if (call.onError && *call.onError) {
-    runtime->deliver(
+    deliveries_.emplace_back(
         [handler = std::move(call.onError), failure = std::move(*error)] { (*handler)(failure); });
   }
 }
@@ -479,41 +621,58 @@ void Channel::dispatch(Frame frame) {
 
 void Channel::close(CloseReason reason, std::string detail) noexcept {
   {
-    // Nothing more leaves from the moment close() returns, even before the I/O thread acts.
+    // Nothing more leaves from the moment close() returns, even before a worker acts.
     const std::lock_guard writing(writeMutex_);
     open_ = false;
   }
   auto runtime = runtime_.lock();
   if (!runtime) return;
-  if (runtime->onIoThread()) {
-    closeNow(reason, detail);
-    return;
-  }
-  boost::asio::post(runtime->io(), [self = shared_from_this(), reason, detail = std::move(detail)] {
+  runtime->post([self = shared_from_this(), reason, detail = std::move(detail)] {
     self->closeNow(reason, detail);
   });
 }
 
 void Channel::closeNow(CloseReason reason, const std::string& detail) {
-  if (closed_) return;
-  closed_ = true;
+  {
+    std::unique_lock closing(closeMutex_);
+    if (closeState_ != CloseState::open) {
+      // Closing already: wait until the calls in flight have failed, unless this thread is the
+      // one closing (a handler run inline during shutdown).
+      if (closer_ != std::this_thread::get_id())
+        closeDone_.wait(closing, [this] { return closeState_ == CloseState::closed; });
+      return;
+    }
+    closeState_ = CloseState::closing;
+    closer_ = std::this_thread::get_id();
+  }
+  closed_.store(true);
   {
     const std::lock_guard writing(writeMutex_);
     open_ = false;
     outQueue_.clear();
     outSent_ = 0;
   }
-  if (stream_) {
-    boost::system::error_code ignored;
-    stream_->close(ignored);
-    stream_.reset();
+  // Wakes a caller that is waiting in poll(); the descriptor itself stays open until the channel
+  // is destroyed.
+  ::shutdown(fd_, SHUT_RDWR);
+  auto runtime = runtime_.lock();
+  if (runtime && registered_.load()) {
+    runtime->unwatch(fd_, readKey_);
+    runtime->unwatch(writeFd_, writeKey_);
+  }
+  {
+    const std::lock_guard role(readMutex_);
+    if (readState_ != ReadState::held) {
+      readState_ = ReadState::closed;
+      for (auto* waiter : waiters_) waiter->poke();
+      waiters_.clear();
+    }
   }
   std::unordered_map<std::uint64_t, Pending> failed;
   {
     const std::lock_guard pendingCalls(pendingMutex_);
     failed.swap(pending_);
   }
-  auto runtime = runtime_.lock();
   const CallError error = closeError(reason, detail);
   for (auto& [serial, call] : failed) {
     Outgoing outgoing{{},
@@ -544,6 +703,11 @@ void Channel::closeNow(CloseReason reason, const std::string& detail) {
     });
   }
   if (auto owner = owner_.lock()) owner->channelClosed(shared_from_this(), reason, detail);
+  {
+    const std::lock_guard closing(closeMutex_);
+    closeState_ = CloseState::closed;
+  }
+  closeDone_.notify_all();
 }
 
 // ---- configuration ---------------------------------------------------------------------------

@@ -7,16 +7,18 @@
 #include <corvane/ipc/InterfaceDescription.hpp>
 #include <corvane/ipc/Listener.hpp>
 
-#include <boost/asio/posix/stream_descriptor.hpp>
-
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -27,7 +29,7 @@ enum class CloseReason { peerLost, protocolViolation, helloMismatch, invalidated
 
 class Channel;
 
-/// Told (on the I/O thread) when a channel has closed, after its calls in flight were failed.
+/// Told (on the closing thread) when a channel has closed, after its calls in flight were failed.
 class ChannelOwner {
  public:
   virtual ~ChannelOwner() = default;
@@ -37,29 +39,39 @@ class ChannelOwner {
 
 /// One connected socket speaking the wire protocol; the shared engine of both sides.
 ///
-/// Reading, decoding and closing happen on the I/O thread. Any thread writes directly to the
-/// socket under the write lock (serial assigned under the same lock, so serials increase on the
-/// wire); what the socket does not take at once is queued and flushed by the I/O thread. Incoming
-/// CALLs and MESSAGEs and the answers to asynchronous calls go to the delivery thread; the answer
-/// to a synchronous call goes straight to the caller's slot.
-class Channel final : public std::enable_shared_from_this<Channel> {
+/// Writing: any thread writes directly to the socket under the write lock (serial assigned under
+/// the same lock, so serials increase on the wire); what the socket does not take at once is
+/// queued and flushed by a worker when the socket is writable again.
+///
+/// Reading: one thread at a time holds the reading of the channel. Normally a worker takes it
+/// when the descriptor turns readable (it is registered one-shot) and hands it back by re-arming
+/// the descriptor. A synchronous caller takes it instead, right after writing its call, and reads
+/// on its own thread until its answer has arrived, so the answer costs no extra thread hop; frames
+/// for others that it reads on the way are routed exactly as a worker would route them. A caller
+/// that finds the reading held waits for its answer and may be handed the reading when the holder
+/// gives it up. Incoming CALLs and MESSAGEs and the answers to asynchronous calls are queued for
+/// delivery in batches; the answer to a synchronous call goes straight to the caller's slot.
+class Channel final : public Watcher, public std::enable_shared_from_this<Channel> {
  public:
   /// Takes ownership of `fd` (a connected AF_UNIX stream socket).
   Channel(const std::shared_ptr<Runtime>& runtime, int fd, Role role,
           std::weak_ptr<ChannelOwner> owner, std::size_t maxCallsInFlight);
-  ~Channel();
+  ~Channel() override;
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
   /// Starts the protocol: a client writes its HELLO; both start reading.
   void start();
-  /// Sends a CALL or MESSAGE; a failure goes to the outgoing's error path. Any thread.
+  /// Sends a CALL or MESSAGE; a failure goes to the outgoing's error path. Any thread. For a
+  /// synchronous call it returns once the slot holds the outcome.
   void send(Outgoing outgoing) noexcept;
   /// Answers an incoming CALL (REPLY with `reply`, else FAULT with `reason`). Any thread.
   void answer(std::uint64_t serial, std::optional<Bytes> reply, std::string_view reason) noexcept;
-  /// Closes the channel from any thread (asynchronously unless on the I/O thread).
+  /// Closes the channel from any thread, soon (never inline, so any lock may be held).
   void close(CloseReason reason, std::string detail) noexcept;
-  /// Closes on the I/O thread.
+  /// Closes now, from any thread: writes stop, the socket is shut down (waking whoever reads),
+  /// calls in flight fail and the owner is told. When it returns, that has happened (if another
+  /// thread is closing, this waits for it).
   void closeNow(CloseReason reason, const std::string& detail);
 
   [[nodiscard]] bool isOpen() const noexcept;
@@ -71,12 +83,16 @@ class Channel final : public std::enable_shared_from_this<Channel> {
   [[nodiscard]] std::optional<InterfaceDescription> remoteInterface() const;
   void setCloseHandler(std::function<void()> handler);
 
+  void ready(bool writable) override;
+
  private:
   struct Pending {
     ReplyHandler reply;
     std::shared_ptr<const ErrorHandler> onError;
     std::shared_ptr<SyncSlot> sync;
   };
+  enum class ReadState { armed, held, paused, closed };
+  enum class ReadResult { open, paused, closed };
 
   // Writing (write lock held by the caller of the *Locked functions).
   bool writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
@@ -84,32 +100,53 @@ class Channel final : public std::enable_shared_from_this<Channel> {
   void queueLocked(std::span<const std::byte> bytes);
   void armFlushLocked();
   void flush();
-  /// A write failed; called with writeMutex_ held.
   void writeFailedLocked(int error);
 
-  // Reading (I/O thread).
-  void armRead();
-  void onReadable(const boost::system::error_code& error);
-  bool processFrames();  // false: paused by the in-flight bound, or closed
+  // Reading (by the holder of the reading).
+  void onReadable();
+  void awaitOutcome(SyncSlot& slot);
+  ReadResult readUntilDone(SyncSlot& slot);
+  ReadResult readAvailable();
+  ReadResult processFrames();
+  /// Gives the reading back (read lock held): to a waiting synchronous caller, or to the workers
+  /// by re-arming. False when more frames must be processed first (a pause that has ended).
+  bool handBackLocked(ReadResult result);
   void resumeReading();
   void handleFrame(Frame& frame);
   void handleHello(Frame& frame);
   void complete(std::uint64_t serial, std::optional<Bytes> reply, std::optional<CallError> error);
-  void dispatch(Frame frame);  // delivery thread
+  void flushDeliveries();
+  void closeFromReader(CloseReason reason, const std::string& detail);
+  void dispatch(Frame frame);  // delivery turn
 
   std::weak_ptr<Runtime> runtime_;
   const int fd_;
+  const int writeFd_;  // a duplicate of fd_, so that writability has its own registration
   const Role role_;
   std::weak_ptr<ChannelOwner> owner_;
   const std::size_t maxCallsInFlight_;
   PeerCredentials credentials_;
+  std::uint64_t readKey_ = 0;   // set by start()
+  std::uint64_t writeKey_ = 0;  // set by start()
+  std::atomic<bool> registered_{false};
 
-  // I/O thread only.
-  std::optional<boost::asio::posix::stream_descriptor> stream_;
+  // Who reads, under readMutex_.
+  std::mutex readMutex_;
+  ReadState readState_ = ReadState::held;  // until start() arms the descriptor
+  std::deque<SyncSlot*> waiters_;
+
+  // The holder of the reading only.
   FrameDecoder decoder_;
   bool helloDone_ = false;
-  bool closed_ = false;
   std::uint64_t lastIncomingSerial_ = 0;
+  std::vector<Task> deliveries_;
+
+  // Closing.
+  std::atomic<bool> closed_{false};
+  std::mutex closeMutex_;
+  std::condition_variable closeDone_;
+  enum class CloseState { open, closing, closed } closeState_ = CloseState::open;
+  std::thread::id closer_;
 
   // Write side, under writeMutex_.
   mutable std::mutex writeMutex_;
@@ -127,7 +164,6 @@ class Channel final : public std::enable_shared_from_this<Channel> {
 
   // Incoming calls not yet answered; bounded on the service side.
   std::atomic<std::size_t> inFlight_{0};
-  std::atomic<bool> paused_{false};
 
   // Configuration, under configMutex_.
   mutable std::mutex configMutex_;

@@ -2,126 +2,276 @@
 
 #include <corvane/platform/LogCategory.hpp>
 
-#include <boost/asio/post.hpp>
-
-#include <future>
+#include <cerrno>
+#include <stdexcept>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <system_error>
+#include <unistd.h>
 
 namespace corvane::ipc::detail {
 
-SerialQueue::SerialQueue() : thread_([this] { run(); }) {}
+namespace {
 
-SerialQueue::~SerialQueue() {
-  stop();
-}
+constexpr std::uint64_t wakeKey = 0;
+constexpr std::uint64_t stopKey = 1;
+constexpr int eventsPerWait = 32;
 
-bool SerialQueue::post(std::move_only_function<void()>& task) {
-  {
-    const std::lock_guard queue(mutex_);
-    if (stopping_) return false;
-    tasks_.push_back(std::move(task));
-  }
-  wake_.notify_one();
-  return true;
-}
-
-void SerialQueue::stop() {
-  {
-    const std::lock_guard queue(mutex_);
-    if (stopped_) return;
-    stopping_ = true;
-    stopped_ = true;
-  }
-  wake_.notify_one();
-  if (thread_.joinable()) thread_.join();
-}
-
-bool SerialQueue::onQueueThread() const noexcept {
-  return std::this_thread::get_id() == thread_.get_id();
-}
-
-void SerialQueue::run() {
-  for (;;) {
-    std::move_only_function<void()> task;
-    {
-      std::unique_lock queue(mutex_);
-      wake_.wait(queue, [this] { return stopping_ || !tasks_.empty(); });
-      // Stopping still drains the queue: it holds handlers owed to callers.
-      if (tasks_.empty()) return;
-      task = std::move(tasks_.front());
-      tasks_.pop_front();
-    }
-    try {
-      task();
-    } catch (const std::exception& e) {
-      LogCategory::tether().fault("Connection callback threw: {}", e.what());
-    } catch (...) {
-      LogCategory::tether().fault("Connection callback threw a non-standard exception");
-    }
+void runLogged(Task& task) noexcept {
+  try {
+    task();
+  } catch (const std::exception& e) {
+    LogCategory::tether().fault("Connection callback threw: {}", e.what());
+  } catch (...) {
+    LogCategory::tether().fault("Connection callback threw a non-standard exception");
   }
 }
 
-Runtime::Runtime() : work_(boost::asio::make_work_guard(io_)) {
-  std::promise<std::thread::id> started;
-  auto id = started.get_future();
-  ioThread_ = std::thread([this, &started] {
-    started.set_value(std::this_thread::get_id());
-    io_.run();
-  });
-  ioThreadId_ = id.get();
+std::uint32_t oneShot(bool writable) noexcept {
+  return (writable ? EPOLLOUT : EPOLLIN) | EPOLLONESHOT;
+}
+
+}  // namespace
+
+Runtime::Runtime() {
+  epoll_ = ::epoll_create1(EPOLL_CLOEXEC);
+  wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (epoll_ < 0 || wakeFd_ < 0 || stopFd_ < 0) {
+    const int failure = errno;
+    for (const int fd : {epoll_, wakeFd_, stopFd_})
+      if (fd >= 0) ::close(fd);
+    throw std::system_error(failure, std::system_category(), "setting up the connection runtime");
+  }
+  epoll_event wakeEvent{};
+  wakeEvent.events = EPOLLIN | EPOLLET;
+  wakeEvent.data.u64 = wakeKey;
+  ::epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &wakeEvent);
+  epoll_event stopEvent{};
+  stopEvent.events = EPOLLIN;
+  stopEvent.data.u64 = stopKey;
+  ::epoll_ctl(epoll_, EPOLL_CTL_ADD, stopFd_, &stopEvent);
+  // The workers start by taking the lock, so they see their ids in place.
+  const std::lock_guard state(mutex_);
+  for (std::size_t i = 0; i < workers_.size(); ++i) {
+    workers_[i] = std::thread([this] { work(); });
+    workerIds_[i] = workers_[i].get_id();
+  }
 }
 
 Runtime::~Runtime() {
   stop();
+  ::close(stopFd_);
+  ::close(wakeFd_);
+  ::close(epoll_);
 }
 
-void Runtime::deliver(std::move_only_function<void()> task) {
-  if (!delivery_.post(task)) task();
-}
-
-bool Runtime::runOnIo(std::move_only_function<void()> task) {
+std::uint64_t Runtime::watch(int fd, bool writable, const std::shared_ptr<Watcher>& watcher) {
+  std::uint64_t key = 0;
   {
-    const std::lock_guard stopping(stopMutex_);
-    if (stopped_) return false;
+    const std::lock_guard state(mutex_);
+    key = nextKey_++;
+    watchers_.emplace(key, watcher);
   }
-  if (onIoThread()) {
-    task();
-    return true;
+  epoll_event event{};
+  event.events = EPOLLONESHOT;  // disarmed until `arm`
+  event.data.u64 = (key << 1U) | (writable ? 1U : 0U);
+  if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) != 0) {
+    const int failure = errno;
+    const std::lock_guard state(mutex_);
+    watchers_.erase(key);
+    throw std::system_error(failure, std::system_category(), "epoll_ctl");
   }
-  std::promise<void> done;
-  auto finished = done.get_future();
-  boost::asio::post(io_, [&task, &done] {
-    task();
-    done.set_value();
-  });
-  // The I/O thread never waits on user code, so this wait is bounded by the task itself. If the
-  // context stops before running it, the handler is destroyed and the promise is broken.
-  try {
-    finished.get();
-  } catch (const std::future_error&) {
-    return false;
+  return key;
+}
+
+void Runtime::arm(int fd, std::uint64_t key, bool writable) noexcept {
+  epoll_event event{};
+  event.events = oneShot(writable);
+  event.data.u64 = (key << 1U) | (writable ? 1U : 0U);
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
+}
+
+void Runtime::disarm(int fd, std::uint64_t key) noexcept {
+  epoll_event event{};
+  event.events = EPOLLONESHOT;
+  event.data.u64 = key << 1U;
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
+}
+
+void Runtime::unwatch(int fd, std::uint64_t key) noexcept {
+  ::epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+  const std::lock_guard state(mutex_);
+  watchers_.erase(key);
+}
+
+void Runtime::wake() noexcept {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
+}
+
+void Runtime::post(Task task) {
+  bool wakeWorker = false;
+  {
+    const std::lock_guard state(mutex_);
+    if (stopping_) return;  // the task is destroyed outside the lock
+    posted_.push_back(std::move(task));
+    // Even a worker wakes the other one: it may be in the middle of a long delivery turn.
+    wakeWorker = !wakePending_;
+    wakePending_ = true;
   }
+  if (wakeWorker) wake();
+}
+
+void Runtime::deliver(Task task) {
+  bool wakeWorker = false;
+  bool here = false;
+  {
+    const std::lock_guard state(mutex_);
+    here = stopped_;
+    if (!here) {
+      deliveries_.push_back(std::move(task));
+      // A worker looks at the queue before it waits again; whoever holds the turn drains it.
+      wakeWorker = !stopping_ && !delivering_ && !wakePending_ && !onWorkerThread();
+      if (wakeWorker) wakePending_ = true;
+    }
+  }
+  if (here) {
+    runLogged(task);
+    return;
+  }
+  if (wakeWorker) wake();
+}
+
+void Runtime::deliver(std::vector<Task>& tasks) {
+  if (tasks.empty()) return;
+  bool wakeWorker = false;
+  bool here = false;
+  {
+    const std::lock_guard state(mutex_);
+    here = stopped_;
+    if (!here) {
+      for (auto& task : tasks) deliveries_.push_back(std::move(task));
+      wakeWorker = !stopping_ && !delivering_ && !wakePending_ && !onWorkerThread();
+      if (wakeWorker) wakePending_ = true;
+    }
+  }
+  if (here) {
+    for (auto& task : tasks) runLogged(task);
+  }
+  tasks.clear();
+  if (wakeWorker) wake();
+}
+
+bool Runtime::onWorkerThread() const noexcept {
+  const auto self = std::this_thread::get_id();
+  return self == workerIds_[0] || self == workerIds_[1];
+}
+
+bool Runtime::runDeliveryTurn() {
+  Task task;
+  {
+    const std::lock_guard state(mutex_);
+    if (delivering_ || deliveries_.empty() || stopping_) return false;
+    delivering_ = true;
+    task = std::move(deliveries_.front());
+    deliveries_.pop_front();
+  }
+  for (;;) {
+    runLogged(task);
+    task = nullptr;
+    const std::lock_guard state(mutex_);
+    if (deliveries_.empty() || stopping_) {
+      delivering_ = false;
+      return true;
+    }
+    task = std::move(deliveries_.front());
+    deliveries_.pop_front();
+  }
+}
+
+bool Runtime::runPosted() {
+  std::deque<Task> tasks;
+  {
+    const std::lock_guard state(mutex_);
+    if (posted_.empty() || stopping_) return false;
+    tasks.swap(posted_);
+  }
+  for (auto& task : tasks) runLogged(task);
   return true;
 }
 
-bool Runtime::onIoThread() const noexcept {
-  return std::this_thread::get_id() == ioThreadId_;
+void Runtime::work() {
+  { const std::lock_guard started(mutex_); }
+  std::array<epoll_event, eventsPerWait> events{};
+  for (;;) {
+    // Socket work first: posted tasks are short and never user code.
+    if (runPosted()) continue;
+    if (runDeliveryTurn()) continue;
+    {
+      const std::lock_guard state(mutex_);
+      if (stopping_) return;
+    }
+    const int count = ::epoll_wait(epoll_, events.data(), eventsPerWait, -1);
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      LogCategory::tether().fault("epoll_wait failed: {}",
+                                  std::error_code(errno, std::system_category()).message());
+      return;
+    }
+    for (int i = 0; i < count; ++i) {
+      const std::uint64_t data = events[static_cast<std::size_t>(i)].data.u64;
+      if (data == wakeKey) {
+        std::uint64_t ignored = 0;
+        [[maybe_unused]] const auto read = ::read(wakeFd_, &ignored, sizeof ignored);
+        const std::lock_guard state(mutex_);
+        wakePending_ = false;
+        continue;
+      }
+      if (data == stopKey) continue;
+      std::shared_ptr<Watcher> watcher;
+      {
+        const std::lock_guard state(mutex_);
+        if (auto found = watchers_.find(data >> 1U); found != watchers_.end())
+          watcher = found->second.lock();
+      }
+      if (watcher) watcher->ready((data & 1U) != 0);
+    }
+  }
 }
 
 void Runtime::stop() {
+  const std::lock_guard stopping(stopMutex_);
   {
-    const std::lock_guard stopping(stopMutex_);
-    if (stopped_) return;
-    stopped_ = true;
+    const std::lock_guard state(mutex_);
+    if (stopping_) return;
+    stopping_ = true;
   }
-  work_.reset();
-  io_.stop();
-  if (ioThread_.joinable()) ioThread_.join();
-  // The owner closed every socket before stopping, so what is left are completions of cancelled
-  // waits; they hold their channel or listener and would leak unless run. With the I/O thread
-  // gone this thread is the only one touching the context.
-  io_.restart();
-  io_.poll();
-  delivery_.stop();
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(stopFd_, &one, sizeof one);
+  for (auto& worker : workers_)
+    if (worker.joinable()) worker.join();
+  // The owner closed every socket before stopping. Posted tasks are dropped (they hold their
+  // channels, which are freed here); what is queued for delivery is owed to callers and runs here.
+  std::deque<Task> dropped;
+  {
+    const std::lock_guard state(mutex_);
+    dropped.swap(posted_);
+  }
+  dropped.clear();
+  for (;;) {
+    Task task;
+    {
+      const std::lock_guard state(mutex_);
+      if (deliveries_.empty()) {
+        stopped_ = true;
+        break;
+      }
+      task = std::move(deliveries_.front());
+      deliveries_.pop_front();
+    }
+    runLogged(task);
+  }
 }
 
 void SyncSlot::complete(std::optional<Bytes> reply, std::optional<CallError> error) {
@@ -139,6 +289,25 @@ std::pair<std::optional<Bytes>, std::optional<CallError>> SyncSlot::wait() {
   std::unique_lock outcome(mutex_);
   ready_.wait(outcome, [this] { return done_; });
   return {std::move(reply_), std::move(error_)};
+}
+
+bool SyncSlot::done() {
+  const std::lock_guard outcome(mutex_);
+  return done_;
+}
+
+void SyncSlot::poke() {
+  {
+    const std::lock_guard outcome(mutex_);
+    poked_ = true;
+  }
+  ready_.notify_one();
+}
+
+void SyncSlot::waitDoneOrPoked() {
+  std::unique_lock outcome(mutex_);
+  ready_.wait(outcome, [this] { return done_ || poked_; });
+  poked_ = false;
 }
 
 void failOutgoing(Runtime& runtime, Outgoing& outgoing, CallError error) {

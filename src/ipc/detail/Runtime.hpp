@@ -4,10 +4,9 @@
 #include <corvane/ipc/ConnectionError.hpp>
 #include <corvane/ipc/RemoteProxy.hpp>
 
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-
+#include <array>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -15,38 +14,31 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_map>
+#include <vector>
 
 namespace corvane::ipc::detail {
 
-/// A thread that runs posted tasks one at a time, in order: the delivery thread. User code runs
-/// here so that it can block without stalling socket I/O.
-class SerialQueue {
+/// Something the runtime watches a descriptor for: a channel or a listening socket.
+class Watcher {
  public:
-  SerialQueue();
-  ~SerialQueue();
-  SerialQueue(const SerialQueue&) = delete;
-  SerialQueue& operator=(const SerialQueue&) = delete;
-
-  /// Queues `task`; false (task untouched) once the queue has stopped.
-  bool post(std::move_only_function<void()>& task);
-  bool post(std::move_only_function<void()>&& task) { return post(task); }
-  /// Runs what is queued, then joins the thread. Idempotent; not from the queue's own thread.
-  void stop();
-  [[nodiscard]] bool onQueueThread() const noexcept;
-
- private:
-  void run();
-
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::move_only_function<void()>> tasks_;
-  bool stopping_ = false;
-  bool stopped_ = false;
-  std::thread thread_;
+  virtual ~Watcher() = default;
+  /// A registered descriptor is ready; `writable` says which of the two registrations fired.
+  virtual void ready(bool writable) = 0;
 };
 
-/// The two threads of a Connection or Listener: the I/O thread running an io_context and the
-/// delivery queue. Shared by the channels so that a late `Reply` never touches a dead context.
+using Task = std::move_only_function<void()>;
+
+/// The two worker threads of a Connection or Listener, and the serial delivery of user code.
+///
+/// Both workers wait in one epoll set. Every socket descriptor is registered one-shot, so a
+/// descriptor is handled by one thread at a time and re-armed by whoever handled it. User code
+/// (reply handlers, incoming calls, connection and lifecycle handlers) runs through `deliver`:
+/// one task at a time, in the order they were queued, on whichever worker holds the delivery
+/// turn. Only one worker can hold it, so the other one always stays free for socket I/O: user code
+/// that blocks never stalls reading or writing. A worker that has just queued an incoming call
+/// takes the turn itself if it is free and runs the call at once, which saves a thread hop on the
+/// way from the socket to the exported object.
 class Runtime {
  public:
   Runtime();
@@ -54,26 +46,51 @@ class Runtime {
   Runtime(const Runtime&) = delete;
   Runtime& operator=(const Runtime&) = delete;
 
-  boost::asio::io_context& io() noexcept { return io_; }
-  SerialQueue& delivery() noexcept { return delivery_; }
-  /// Runs `task` on the delivery thread, or right here once that has stopped, so that handlers
-  /// owed to a caller still run exactly once.
-  void deliver(std::move_only_function<void()> task);
-  /// Runs `task` on the I/O thread and waits for it (not from the I/O thread). False if the I/O
-  /// thread has stopped.
-  bool runOnIo(std::move_only_function<void()> task);
-  [[nodiscard]] bool onIoThread() const noexcept;
-  /// Stops the I/O thread (pending I/O handlers are dropped), then drains and stops delivery.
+  /// Registers `fd` for `watcher` (one-shot, disarmed until `arm`); returns the registration's
+  /// key. `writable` picks the direction the registration watches.
+  std::uint64_t watch(int fd, bool writable, const std::shared_ptr<Watcher>& watcher);
+  /// Arms (again) a registration made by `watch`.
+  void arm(int fd, std::uint64_t key, bool writable) noexcept;
+  /// Disarms a registration (its watcher may still get one event that was already pending).
+  void disarm(int fd, std::uint64_t key) noexcept;
+  /// Removes a registration; no event reaches its watcher afterwards except one in progress.
+  void unwatch(int fd, std::uint64_t key) noexcept;
+
+  /// Runs `task` (not user code) soon on a worker; dropped once the runtime has stopped.
+  void post(Task task);
+  /// Queues user code for the delivery turn, or runs it right here once the runtime has stopped,
+  /// so that handlers owed to a caller still run exactly once.
+  void deliver(Task task);
+  /// Same for several tasks at once, in order (one lock, one wake-up).
+  void deliver(std::vector<Task>& tasks);
+  [[nodiscard]] bool onWorkerThread() const noexcept;
+  /// Stops both workers and joins them, then runs what is still queued for delivery here. Not
+  /// from a worker.
   void stop();
 
  private:
-  boost::asio::io_context io_;
-  std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work_;
-  std::thread ioThread_;
-  std::thread::id ioThreadId_;
+  void work();
+  bool runDeliveryTurn();
+  bool runPosted();
+  void wake() noexcept;
+
+  int epoll_ = -1;
+  int wakeFd_ = -1;  // edge-triggered: a task was queued
+  int stopFd_ = -1;  // level-triggered: wakes every worker once stopping
+
+  std::mutex mutex_;
+  std::deque<Task> posted_;
+  std::deque<Task> deliveries_;
+  bool delivering_ = false;  // a worker holds the delivery turn
+  bool wakePending_ = false;
+  bool stopping_ = false;
+  bool stopped_ = false;  // deliveries run on the calling thread from now on
+  std::uint64_t nextKey_ = 1;
+  std::unordered_map<std::uint64_t, std::weak_ptr<Watcher>> watchers_;
+
   std::mutex stopMutex_;
-  bool stopped_ = false;
-  SerialQueue delivery_;
+  std::array<std::thread, 2> workers_;
+  std::array<std::thread::id, 2> workerIds_{};
 };
 
 /// Where a synchronous caller waits for its outcome.
@@ -82,11 +99,21 @@ class SyncSlot {
   void complete(std::optional<Bytes> reply, std::optional<CallError> error);
   /// Waits until completed; then exactly one of the two is set.
   std::pair<std::optional<Bytes>, std::optional<CallError>> wait();
+  [[nodiscard]] bool done();
+  /// Wakes a `waitDoneOrPoked` without completing.
+  void poke();
+  /// Waits until completed or poked (and clears the poke).
+  void waitDoneOrPoked();
+
+  /// Set (under the channel's read lock) when a reader hands this caller the reading of its
+  /// channel.
+  bool offered = false;
 
  private:
   std::mutex mutex_;
   std::condition_variable ready_;
   bool done_ = false;
+  bool poked_ = false;
   std::optional<Bytes> reply_;
   std::optional<CallError> error_;
 };
@@ -101,7 +128,7 @@ struct Outgoing {
   std::shared_ptr<SyncSlot> sync;  ///< synchronous calls
 };
 
-/// Routes a failure to the caller: the sync slot, or the error handler on the delivery thread.
+/// Routes a failure to the caller: the sync slot, or the error handler on the delivery turn.
 void failOutgoing(Runtime& runtime, Outgoing& outgoing, CallError error);
 /// Same, for a caller whose runtime is gone or unknown: the handler runs on this thread.
 void failOutgoingHere(Outgoing& outgoing, CallError error);
@@ -110,13 +137,14 @@ void failOutgoingHere(Outgoing& outgoing, CallError error);
 class ProxyTarget {
  public:
   virtual ~ProxyTarget() = default;
-  /// Sends, or fails `outgoing` through its error path; never throws.
+  /// Sends, or fails `outgoing` through its error path; never throws. For a synchronous call it
+  /// returns once the call's slot holds its outcome.
   virtual void send(Outgoing outgoing) noexcept = 0;
-  /// Fails `outgoing` the way a failed send would (delivery thread for asynchronous calls).
+  /// Fails `outgoing` the way a failed send would (delivery turn for asynchronous calls).
   virtual void refuse(Outgoing outgoing, CallError error) noexcept = 0;
 };
 
-/// Runs user code on the delivery thread: an exception is logged, never propagated.
+/// Runs user code: an exception is logged, never propagated.
 void runUserCode(std::string_view what, const std::function<void()>& code) noexcept;
 
 }  // namespace corvane::ipc::detail

@@ -21,10 +21,9 @@ inline constexpr auto bound = std::chrono::seconds(10);
 class Counter {
  public:
   void add(int n = 1) {
-    {
-      const std::lock_guard count(mutex_);
-      value_ += n;
-    }
+    // Notified under the lock: a waiter may destroy the counter as soon as it sees the value.
+    const std::lock_guard count(mutex_);
+    value_ += n;
     changed_.notify_all();
   }
   [[nodiscard]] int value() const {
