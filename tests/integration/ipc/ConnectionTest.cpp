@@ -7,8 +7,10 @@
 
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <future>
 #include <map>
+#include <numeric>
 #include <thread>
 #include <unistd.h>
 
@@ -406,6 +408,102 @@ TEST_F(ConnectionTest, ServiceBoundsCallsInFlightPerConnection) {
     }
   }
   ASSERT_TRUE(events.replies.waitFor(9));
+  EXPECT_EQ(events.errors.value(), 0);
+}
+
+TEST_F(ConnectionTest, SyncCallersGetTheirRepliesWhilePushesAndAsyncRepliesInterleave) {
+  TestService service(directory.path());
+  auto connection = makeConnection();
+  constexpr int threads = 3;
+  constexpr int pushesPerThread = 60;
+  constexpr int asyncCalls = 300;
+  std::mutex pushedMutex;
+  std::map<int, std::vector<int>> pushed;  // per sync thread, in delivery order
+  auto exported = std::make_shared<OperationTable>();
+  exported->on("handleMessages:", [&](std::optional<Bytes> argument, Reply) {
+    int thread = 0;
+    int index = 0;
+    if (std::sscanf(std::string(argument->view()).c_str(), "[%d,%d]", &thread, &index) == 2) {
+      const std::lock_guard list(pushedMutex);
+      pushed[thread].push_back(index);
+    }
+    events.replies.add();
+  });
+  connection->setExportedObject(exported);
+  connection->resume();
+  const auto async = connection->remoteObjectProxy<TestProtocol>(onError());
+  const auto sync = connection->synchronousRemoteObjectProxy<TestProtocol>(onError());
+
+  // Synchronous callers read the socket themselves while asynchronous replies and pushed
+  // messages for the delivery thread arrive on the same socket.
+  std::atomic<int> mismatches{0};
+  Counter asyncReplies;
+  std::vector<std::jthread> callers;
+  callers.emplace_back([&] {
+    for (int i = 0; i < asyncCalls; ++i) {
+      auto expected = fmt::format("[\"async\",{}]", i);
+      async.echo(text(expected), [&, expected](Bytes reply) {
+        if (reply.view() != expected) ++mismatches;
+        asyncReplies.add();
+      });
+    }
+  });
+  for (int t = 0; t < threads; ++t) {
+    callers.emplace_back([&, t] {
+      for (int i = 0; i < pushesPerThread; ++i) {
+        auto argument = fmt::format("[{},{}]", t, i);
+        bool replied = false;
+        sync.push(text(argument), [&](Bytes reply) { replied = reply.view() == "[]"; });
+        auto expected = fmt::format("[\"sync\",{},{}]", t, i);
+        bool echoed = false;
+        sync.echo(text(expected), [&](Bytes reply) { echoed = reply.view() == expected; });
+        if (!replied || !echoed) ++mismatches;
+      }
+    });
+  }
+  callers.clear();
+  ASSERT_TRUE(asyncReplies.waitFor(asyncCalls));
+  ASSERT_TRUE(events.replies.waitFor(threads * pushesPerThread));
+  EXPECT_EQ(mismatches.load(), 0);
+  EXPECT_EQ(events.errors.value(), 0);
+  const std::lock_guard list(pushedMutex);
+  for (int t = 0; t < threads; ++t) {
+    std::vector<int> inOrder(pushesPerThread);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    EXPECT_EQ(pushed[t], inOrder) << "pushes of thread " << t << " arrive once, in order";
+  }
+}
+
+TEST_F(ConnectionTest, AServiceHandlerThatBlocksDoesNotStallSocketIo) {
+  // The handler pushes more than a socket buffer holds and then blocks until the client has
+  // received all of it: the rest can only leave while the handler is still blocked.
+  constexpr std::size_t bigSize = 8U * 1024U * 1024U;
+  Counter received;
+  Listener listener("dev.corvane.test.corvaneagent", {directory.path(), false, 16});
+  listener.setConnectionHandler([&](Peer& peer) {
+    auto back = peer.remoteObjectProxy([](const CallError&) {});
+    auto table = std::make_shared<OperationTable>();
+    table->on("echo:reply:", [&, back](std::optional<Bytes> argument, Reply reply) {
+      back.send("handleMessages:", Bytes(std::string(bigSize, 'x')));
+      const bool delivered = received.waitFor(1);
+      reply.send(delivered ? std::move(*argument) : text("[\"stalled\"]"));
+    });
+    peer.setExportedObject(table);
+    return true;
+  });
+  listener.resume();
+  auto connection = makeConnection();
+  auto exported = std::make_shared<OperationTable>();
+  exported->on("handleMessages:", [&](std::optional<Bytes> argument, Reply) {
+    if (argument && argument->size() == bigSize) received.add();
+  });
+  connection->setExportedObject(exported);
+  connection->resume();
+  const auto sync = connection->synchronousRemoteObjectProxy<TestProtocol>(onError());
+  std::string answer;
+  sync.echo(text("[\"done\"]"), [&](Bytes reply) { answer = std::string(reply.view()); });
+  EXPECT_EQ(answer, "[\"done\"]");
+  EXPECT_EQ(received.value(), 1);
   EXPECT_EQ(events.errors.value(), 0);
 }
 
