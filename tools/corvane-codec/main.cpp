@@ -6,9 +6,9 @@
 #include "CodecTypes.hpp"
 
 #include <corvane/coding/CodingError.hpp>
+#include <corvane/coding/TetherDecoder.hpp>
 
 #include <CLI/CLI.hpp>
-#include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <fmt/format.h>
 
@@ -21,22 +21,6 @@ namespace {
 
 using corvane::CodingError;
 using corvane::codec::Mode;
-
-// Deep enough for any protocol document, shallow enough that decoding cannot exhaust the stack.
-constexpr std::size_t maxDocumentDepth = 128;
-
-boost::json::value parseDocument(const std::string& text) {
-  boost::json::parse_options options;
-  options.max_depth = maxDocumentDepth;
-  boost::system::error_code ec;
-  boost::json::value document = boost::json::parse(text, ec, {}, options);
-  if (ec) {
-    throw CodingError(
-        CodingError::Kind::dataCorrupted, "",
-        fmt::format("The given data was not a valid JSON document: {}.", ec.message()));
-  }
-  return document;
-}
 
 int reportFailure(const CodingError& error) {
   boost::json::object out;
@@ -88,7 +72,8 @@ int main(int argc, char** argv) {
   const std::string input{std::istreambuf_iterator<char>(std::cin),
                           std::istreambuf_iterator<char>()};
   try {
-    std::cout << type->handle(parseDocument(input), text ? Mode::text : Mode::reencode);
+    std::cout << type->handle(corvane::coding::parseDocument(input),
+                              text ? Mode::text : Mode::reencode);
   } catch (const CodingError& error) {
     return reportFailure(error);
   }

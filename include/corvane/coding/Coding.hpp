@@ -19,6 +19,7 @@
 
 #include <corvane/coding/CodingError.hpp>
 #include <corvane/coding/CodingPath.hpp>
+#include <corvane/coding/RawValue.hpp>
 
 #include <boost/describe/enum.hpp>
 #include <boost/describe/enumerators.hpp>
@@ -335,11 +336,8 @@ struct Coding<E> {
     if constexpr (enumCoding<E> == EnumCoding::integerRawValue) {
       out = static_cast<std::int64_t>(value);
     } else {
-      const char* name = nullptr;
-      boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([&](auto d) {
-        if (d.value == value) name = d.name;
-      });
-      if (name == nullptr) {
+      const std::string_view name = caseNameOf(value);
+      if (name.empty()) {
         throw CodingError(CodingError::Kind::invalidValue, "",
                           "The enumeration value names no case.");
       }
@@ -352,22 +350,19 @@ struct Coding<E> {
   }
 
   static E decode(const boost::json::value& in, const CodingPath& path) {
-    std::optional<E> found;
     if constexpr (enumCoding<E> == EnumCoding::integerRawValue) {
       const std::int64_t raw = detail::decodeInt64(in, path);
-      boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([&](auto d) {
-        if (static_cast<std::int64_t>(d.value) == raw) found = d.value;
-      });
-      if (!found) detail::throwUnknownRawValue(raw, path);
+      if (auto found = fromIntegerValue<E>(raw)) return *found;
+      detail::throwUnknownRawValue(raw, path);
     } else if constexpr (enumCoding<E> == EnumCoding::stringRawValue) {
       if (!in.is_string()) detail::throwTypeMismatch("a string", in, path);
       const std::string_view raw = in.get_string();
-      boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([&](auto d) {
-        if (!found && raw == d.name) found = d.value;
-      });
-      if (!found) detail::throwUnknownRawValue(raw, path);
+      if (auto found = fromCaseName<E>(raw)) return *found;
+      detail::throwUnknownRawValue(raw, path);
     } else {
+      // Only keys that name a case count; exactly one must be present.
       const auto& object = detail::expectObject(in, path);
+      std::optional<E> found;
       int cases = 0;
       boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([&](auto d) {
         if (detail::find(object, d.name) != nullptr) {
@@ -376,19 +371,11 @@ struct Coding<E> {
         }
       });
       if (cases != 1) detail::throwInvalidNumberOfKeys(path);
-      const CodingPath casePath(path, std::string_view(enumName(*found)));
-      detail::expectObject(*detail::find(object, enumName(*found)), casePath);
+      const std::string_view name = caseNameOf(*found);
+      const CodingPath casePath(path, name);
+      detail::expectObject(*detail::find(object, name), casePath);
+      return *found;
     }
-    return *found;
-  }
-
- private:
-  static std::string_view enumName(E value) {
-    std::string_view name;
-    boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([&](auto d) {
-      if (d.value == value) name = d.name;
-    });
-    return name;
   }
 };
 
