@@ -46,11 +46,13 @@ struct ConnectionOptions {
 /// protocol or one with the wrong uid invalidate the connection for good: calls in flight and all
 /// later calls fail with `invalidated`, and the invalidation handler runs once.
 ///
-/// Threads: the connection owns one I/O thread (sockets) and one delivery thread, which runs the
-/// handlers of asynchronous calls, incoming calls on the exported object and the interruption and
-/// invalidation handlers, one at a time in arrival order. Every member function may be called from
-/// any thread at once, including from a delivery callback (destruction excepted: never destroy a
-/// Connection from one of its own callbacks). Destruction invalidates the connection, runs the
+/// Threads: the connection owns two worker threads that do the socket I/O and take turns at
+/// delivery, which runs the handlers of asynchronous calls, incoming calls on the exported object
+/// and the interruption and invalidation handlers, one at a time in arrival order (the "delivery
+/// thread" below); while one worker runs user code the other keeps doing I/O. A synchronous call
+/// reads its own answer off the socket on the calling thread. Every member function may be called
+/// from any thread at once, including from a delivery callback (destruction excepted: never destroy
+/// a Connection from one of its own callbacks). Destruction invalidates the connection, runs the
 /// error handlers of calls still in flight and joins both threads.
 class Connection {
  public:

@@ -73,10 +73,12 @@ struct ListenerOptions {
 /// peer's credentials, sets its exported object and returns true to accept or false to reject.
 /// Malformed input from a client closes only that client's connection.
 ///
-/// Threads: one I/O thread (accepting and all sockets) and one delivery thread shared by all
-/// connections, which runs the connection handler, incoming calls, answers to the service's own
-/// asynchronous calls and peers' invalidation handlers, in arrival order. Handlers should not
-/// block for long: keep the `Reply` and answer later instead. Destruction stops accepting,
+/// Threads: two worker threads do the accepting and the I/O of all sockets and take turns at
+/// delivery, shared by all connections (the "delivery thread"), which runs the connection handler,
+/// incoming calls, answers to the service's own asynchronous calls and peers' invalidation
+/// handlers, one at a time in arrival order; while one worker runs user code the other keeps
+/// doing I/O, and a worker that reads a call runs it itself when delivery is free. Handlers should
+/// not block for long: keep the `Reply` and answer later instead. Destruction stops accepting,
 /// closes every connection (removing a socket it bound) and joins both threads; never destroy a
 /// Listener from one of its own callbacks.
 class Listener {
