@@ -19,7 +19,7 @@ bool operator==(const MessageRegistration& a, const MessageRegistration& b) noex
   if (a.cases_.index() != b.cases_.index()) return false;
   const auto* left = std::get_if<MessageRegistration::AppStateChangeByBundleID>(&a.cases_);
   const auto* right = std::get_if<MessageRegistration::AppStateChangeByBundleID>(&b.cases_);
-  return left == nullptr || left->bundleID == right->bundleID;
+  return left == nullptr || (right != nullptr && left->bundleID == right->bundleID);
 }
 
 std::string description(const std::vector<MessageRegistration>& registrations) {
