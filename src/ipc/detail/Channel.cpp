@@ -164,13 +164,25 @@ void Channel::send(Outgoing outgoing) noexcept {
 
 void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
                      std::string_view reason) noexcept {
+  auto runtime = runtime_.lock();
+  // Answers given on the delivery turn with more deliveries queued behind are gathered and
+  // written together; the write registration is armed for them, so the other worker writes them
+  // out if the next handler blocks. The last answer of the run writes what was gathered.
+  const bool gather = runtime && runtime->onWorkerThread() && runtime->deliveriesQueued();
   try {
+    const std::optional<Bytes> fault = reply ? std::nullopt : std::optional<Bytes>(Bytes(reason));
+    const auto kind = reply ? FrameKind::reply : FrameKind::fault;
+    const auto& payload = reply ? reply : fault;
     const std::lock_guard writing(writeMutex_);
     if (open_) {
-      if (reply) {
-        writeFrameLocked(FrameKind::reply, serial, {}, reply);
-      } else {
-        writeFrameLocked(FrameKind::fault, serial, {}, Bytes(reason));
+      if (gather && !writesHeld_) {
+        encodeFrameHeader(header_, kind, serial, {}, true, payload->size());
+        queueLocked(header_);
+        queueLocked(payload->span());
+        armFlushLocked();
+      } else if (writeFrameLocked(kind, serial, {}, payload) && !writesHeld_
+                 && outSent_ < outQueue_.size()) {
+        flushLocked();
       }
     }
   } catch (const std::exception& e) {
@@ -179,7 +191,6 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
   const std::size_t left = inFlight_.fetch_sub(1) - 1;
   // Only the answer that brings the count back under the bound can end a pause.
   if (left + 1 != maxCallsInFlight_) return;
-  auto runtime = runtime_.lock();
   if (!runtime) return;
   {
     const std::lock_guard role(readMutex_);
@@ -250,7 +261,10 @@ void Channel::armFlushLocked() {
 void Channel::flush() {
   const std::lock_guard writing(writeMutex_);
   flushArmed_ = false;
-  if (!open_) return;
+  if (open_) flushLocked();
+}
+
+void Channel::flushLocked() {
   while (outSent_ < outQueue_.size()) {
     const ssize_t written = ::send(fd_, outQueue_.data() + outSent_, outQueue_.size() - outSent_,
                                    MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -100,6 +100,7 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   void queueLocked(std::span<const std::byte> bytes);
   void armFlushLocked();
   void flush();
+  void flushLocked();
   void writeFailedLocked(int error);
 
   // Reading (by the holder of the reading).

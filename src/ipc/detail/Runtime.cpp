@@ -168,6 +168,11 @@ bool Runtime::onWorkerThread() const noexcept {
   return self == workerIds_[0] || self == workerIds_[1];
 }
 
+bool Runtime::deliveriesQueued() {
+  const std::lock_guard state(mutex_);
+  return !deliveries_.empty() && !stopping_;
+}
+
 bool Runtime::runDeliveryTurn() {
   Task task;
   {

@@ -64,6 +64,8 @@ class Runtime {
   /// Same for several tasks at once, in order (one lock, one wake-up).
   void deliver(std::vector<Task>& tasks);
   [[nodiscard]] bool onWorkerThread() const noexcept;
+  /// Whether more user code waits for the delivery turn.
+  [[nodiscard]] bool deliveriesQueued();
   /// Stops both workers and joins them, then runs what is still queued for delivery here. Not
   /// from a worker.
   void stop();

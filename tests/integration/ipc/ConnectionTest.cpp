@@ -507,5 +507,40 @@ TEST_F(ConnectionTest, AServiceHandlerThatBlocksDoesNotStallSocketIo) {
   EXPECT_EQ(events.errors.value(), 0);
 }
 
+TEST_F(ConnectionTest, AnAnswerLeavesWhileTheNextQueuedHandlerBlocks) {
+  // Pipelined calls: each second handler blocks until the client has the answer to the call
+  // before it, which the service gave just before while that handler was still queued.
+  constexpr int pairs = 50;
+  Counter answered;
+  Listener listener("dev.corvane.test.corvaneagent", {directory.path(), false, 256});
+  listener.setConnectionHandler([&](Peer& peer) {
+    auto table = std::make_shared<OperationTable>();
+    table->on("echo:reply:",
+              [](std::optional<Bytes> argument, Reply reply) { reply.send(std::move(*argument)); });
+    table->on("hold:reply:", [&](std::optional<Bytes> argument, Reply reply) {
+      const int before = std::stoi(std::string(argument->view()));
+      reply.send(answered.waitFor(before) ? text("true") : text("false"));
+    });
+    peer.setExportedObject(table);
+    return true;
+  });
+  listener.resume();
+  auto connection = makeConnection();
+  connection->resume();
+  const auto async = connection->remoteObjectProxy<TestProtocol>(onError());
+  Counter held;
+  Counter unstalled;
+  for (int i = 1; i <= pairs; ++i) {
+    async.echo(text("[1]"), [&](Bytes) { answered.add(); });
+    async.hold(text(std::to_string(i)), [&](Bytes reply) {
+      if (reply.view() == "true") unstalled.add();
+      held.add();
+    });
+  }
+  EXPECT_TRUE(held.waitFor(pairs));
+  EXPECT_EQ(unstalled.value(), pairs);
+  EXPECT_EQ(events.errors.value(), 0);
+}
+
 }  // namespace
 }  // namespace corvane::ipc
