@@ -256,9 +256,10 @@ class ConnectionCore final : public ChannelOwner,
 
 }  // namespace detail
 
-Connection::Connection(std::string serviceName, ConnectionOptions options)
-    : core_(std::make_shared<detail::ConnectionCore>(
-        servicePath(serviceName, options.runtimeDirectory), options)) {}
+Connection::Connection(const std::string& serviceName, ConnectionOptions options) {
+  auto path = servicePath(serviceName, options.runtimeDirectory);
+  core_ = std::make_shared<detail::ConnectionCore>(std::move(path), std::move(options));
+}
 
 Connection::~Connection() {
   core_->shutdown();

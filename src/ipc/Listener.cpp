@@ -298,9 +298,10 @@ void Peer::invalidate() {
   channel_->close(detail::CloseReason::invalidated, "closed by the service");
 }
 
-Listener::Listener(std::string serviceName, ListenerOptions options)
-    : core_(std::make_shared<detail::ListenerCore>(
-        servicePath(serviceName, options.runtimeDirectory), options)) {}
+Listener::Listener(const std::string& serviceName, ListenerOptions options) {
+  auto path = servicePath(serviceName, options.runtimeDirectory);
+  core_ = std::make_shared<detail::ListenerCore>(std::move(path), std::move(options));
+}
 
 Listener::~Listener() {
   core_->shutdown();

@@ -34,8 +34,11 @@ void RemoteProxy::dispatch(std::string_view operation, OperationShape shape,
                             nullptr,
                             errorHandler_,
                             nullptr};
+  // A synchronous call keeps its reply handler here and runs it on this thread.
+  ReplyHandler syncReply;
   if (synchronous_) {
     outgoing.sync = std::make_shared<detail::SyncSlot>();
+    syncReply = std::move(reply);
   } else {
     outgoing.reply = std::move(reply);
   }
@@ -67,8 +70,8 @@ void RemoteProxy::dispatch(std::string_view operation, OperationShape shape,
   auto [replyBytes, error] = slot->wait();
   if (error) {
     if (*errorHandler_) (*errorHandler_)(*error);
-  } else if (reply && shape != OperationShape::oneWay) {
-    reply(std::move(replyBytes).value_or(Bytes()));
+  } else if (syncReply && shape != OperationShape::oneWay) {
+    syncReply(std::move(replyBytes).value_or(Bytes()));
   }
 }
 

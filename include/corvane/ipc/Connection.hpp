@@ -57,7 +57,7 @@ struct ConnectionOptions {
 class Connection {
  public:
   /// Throws std::invalid_argument for an invalid service name (see `servicePath`).
-  explicit Connection(std::string serviceName, ConnectionOptions options = {});
+  explicit Connection(const std::string& serviceName, ConnectionOptions options = {});
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;

@@ -88,7 +88,7 @@ class Listener {
   /// Binds or adopts the socket. Throws std::invalid_argument for an invalid service name and
   /// std::system_error when the socket cannot be set up (including EADDRINUSE when a live service
   /// already answers on the path).
-  explicit Listener(std::string serviceName, ListenerOptions options = {});
+  explicit Listener(const std::string& serviceName, ListenerOptions options = {});
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;

@@ -19,7 +19,7 @@ namespace corvane::ipc::detail {
 
 namespace {
 
-constexpr std::size_t readChunk = 64 * 1024;
+constexpr std::size_t readChunk = std::size_t{64} * 1024;
 
 std::string systemMessage(int error) {
   return std::error_code(error, std::system_category()).message();
