@@ -127,8 +127,8 @@ class ListenerCore final : public ChannelOwner,
     }
     const std::lock_guard accepting(acceptMutex_);
     if (listenFd_ < 0) return;
-    acceptKey_ = runtime_->watch(listenFd_, false, shared_from_this());
-    runtime_->arm(listenFd_, acceptKey_, false);
+    acceptKey_ = runtime_->watch(listenFd_, Interest::readOnce, shared_from_this());
+    runtime_->arm(listenFd_, acceptKey_, Interest::readOnce);
   }
 
   void invalidate() {
@@ -155,11 +155,11 @@ class ListenerCore final : public ChannelOwner,
     }
   }
 
-  void ready(bool /*writable*/) override {
+  void ready(bool /*writable*/, bool /*hungUp*/) override {
     const std::lock_guard accepting(acceptMutex_);
     if (listenFd_ < 0) return;
     acceptAll();
-    runtime_->arm(listenFd_, acceptKey_, false);
+    runtime_->arm(listenFd_, acceptKey_, Interest::readOnce);
   }
 
   void shutdown() {

@@ -37,7 +37,7 @@ void RemoteProxy::dispatch(std::string_view operation, OperationShape shape,
   // A synchronous call keeps its reply handler here and runs it on this thread.
   ReplyHandler syncReply;
   if (synchronous_) {
-    outgoing.sync = std::make_shared<detail::SyncSlot>();
+    outgoing.sync = detail::SyncSlot::forThisThread();
     syncReply = std::move(reply);
   } else {
     outgoing.reply = std::move(reply);

@@ -1,5 +1,7 @@
 #include "ipc/detail/Channel.hpp"
 
+#include "ipc/detail/SyncRing.hpp"
+
 #include <corvane/platform/LogCategory.hpp>
 
 #include <boost/json/parse.hpp>
@@ -9,11 +11,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace corvane::ipc::detail {
 
@@ -66,7 +68,8 @@ Channel::Channel(const std::shared_ptr<Runtime>& runtime, int fd, Role role,
       maxCallsInFlight_(maxCallsInFlight),
       credentials_(peerCredentials(fd)),
       writesHeld_(role == Role::service) {
-  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+  // Blocking, so that a synchronous caller can wait in recv(2); see the class comment.
+  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
   if (writeFd_ < 0) {
     ::close(fd_);
     throw std::system_error(errno, std::system_category(), "dup");
@@ -88,26 +91,27 @@ void Channel::start() {
   auto runtime = runtime_.lock();
   if (!runtime) return;
   try {
-    readKey_ = runtime->watch(fd_, false, shared_from_this());
-    writeKey_ = runtime->watch(writeFd_, true, shared_from_this());
+    readKey_ = runtime->watch(fd_, Interest::readEdges, shared_from_this());
+    writeKey_ = runtime->watch(writeFd_, Interest::writeOnce, shared_from_this());
   } catch (const std::exception& e) {
     if (readKey_ != 0) runtime->unwatch(fd_, readKey_);
     closeNow(CloseReason::peerLost, e.what());
+    keepReading(ReadResult::closed);
     return;
   }
   registered_.store(true);
   if (closed_.load()) {
     runtime->unwatch(fd_, readKey_);
     runtime->unwatch(writeFd_, writeKey_);
+    keepReading(ReadResult::closed);
     return;
   }
   {
-    const std::lock_guard role(readMutex_);
-    // A synchronous caller may already wait for the reading.
-    if (readState_ == ReadState::held) handBackLocked(ReadResult::open);
+    const std::lock_guard writing(writeMutex_);
+    if (flushArmed_) runtime->arm(writeFd_, writeKey_, Interest::writeOnce);
   }
-  const std::lock_guard writing(writeMutex_);
-  if (flushArmed_) runtime->arm(writeFd_, writeKey_, true);
+  // The reading has been held since construction; a synchronous caller may already wait for it.
+  keepReading(ReadResult::open);
 }
 
 bool Channel::isOpen() const noexcept {
@@ -115,17 +119,22 @@ bool Channel::isOpen() const noexcept {
   return open_;
 }
 
-void Channel::ready(bool writable) {
+void Channel::ready(bool writable, bool hungUp) {
   if (writable) {
     flush();
   } else {
-    onReadable();
+    onReadable(hungUp);
   }
 }
 
 // ---- writing ---------------------------------------------------------------------------------
 
 void Channel::send(Outgoing outgoing) noexcept {
+  // A synchronous caller takes the reading before its call leaves, so that the answer cannot
+  // wake a worker first. With a ring, disarming the registration goes with the write.
+  const bool synchronous = outgoing.expectsReply && outgoing.sync;
+  SyncRing* ring = synchronous ? SyncRing::forThisThread() : nullptr;
+  bool reading = synchronous && takeReading(ring != nullptr);
   try {
     const auto kind = outgoing.expectsReply ? FrameKind::call : FrameKind::message;
     std::shared_ptr<SyncSlot> waiting;
@@ -142,15 +151,17 @@ void Channel::send(Outgoing outgoing) noexcept {
           pending_.emplace(serial, Pending{std::move(outgoing.reply), std::move(outgoing.onError),
                                            std::move(outgoing.sync)});
         }
-        writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument);
+        writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument,
+                         reading ? ring : nullptr);
         if (!outgoing.expectsReply && outgoing.sync) outgoing.sync->complete(Bytes(), std::nullopt);
       }
     }
     if (sent) {
       // A synchronous caller reads its own answer (see awaitOutcome).
-      if (waiting) awaitOutcome(*waiting);
+      if (waiting) awaitOutcome(*waiting, std::exchange(reading, false) ? ring : nullptr);
       return;
     }
+    if (std::exchange(reading, false)) keepReading(ReadResult::open);
     if (auto runtime = runtime_.lock()) {
       failOutgoing(*runtime, outgoing, {ConnectionError::interrupted, "the connection is closed"});
     } else {
@@ -158,6 +169,7 @@ void Channel::send(Outgoing outgoing) noexcept {
     }
   } catch (const std::exception& e) {
     // Only allocation can fail here; the caller still gets its one answer.
+    if (reading) keepReading(ReadResult::open);
     failOutgoingHere(outgoing, {ConnectionError::invalidated, e.what()});
   }
 }
@@ -201,11 +213,13 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
 }
 
 bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                               const std::optional<Bytes>& payload) {
+                               const std::optional<Bytes>& payload, SyncRing* disarmWith) {
   encodeFrameHeader(header_, kind, serial, name, payload.has_value(),
                     payload ? payload->size() : 0);
   const std::span<const std::byte> body = payload ? payload->span() : std::span<const std::byte>{};
+  auto runtime = disarmWith != nullptr ? runtime_.lock() : nullptr;
   if (writesHeld_ || outSent_ < outQueue_.size()) {
+    if (runtime) runtime->disarm(fd_, readKey_, Interest::readEdges);
     // Keep frame order: once anything waits, everything after it waits too.
     queueLocked(header_);
     queueLocked(body);
@@ -218,13 +232,18 @@ bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string
   message.msg_iov = parts.data();
   message.msg_iovlen = body.empty() ? 1 : 2;
   const std::size_t total = header_.size() + body.size();
-  ssize_t written = 0;
-  do {
+  ssize_t written = -EINTR;  // -errno from here on
+  if (runtime) {
+    const auto disarmed = Runtime::registration(readKey_, Interest::readEdges, false);
+    written = disarmWith->disarmAndSend(runtime->epollDescriptor(), fd_, &disarmed, message);
+  }
+  while (written == -EINTR) {
     written = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-  } while (written < 0 && errno == EINTR);
+    if (written < 0) written = -errno;
+  }
   if (written < 0) {
-    if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      writeFailedLocked(errno);
+    if (written != -EAGAIN && written != -EWOULDBLOCK) {
+      writeFailedLocked(static_cast<int>(-written));
       return false;
     }
     written = 0;
@@ -255,7 +274,7 @@ void Channel::armFlushLocked() {
   flushArmed_ = true;
   // Before start() registers the descriptor, start() arms it.
   if (!registered_.load()) return;
-  if (auto runtime = runtime_.lock()) runtime->arm(writeFd_, writeKey_, true);
+  if (auto runtime = runtime_.lock()) runtime->arm(writeFd_, writeKey_, Interest::writeOnce);
 }
 
 void Channel::flush() {
@@ -293,46 +312,62 @@ void Channel::writeFailedLocked(int error) {
 
 // ---- reading ---------------------------------------------------------------------------------
 
-void Channel::onReadable() {
+void Channel::onReadable(bool hungUp) {
   {
     const std::lock_guard role(readMutex_);
-    // Somebody else reads (a synchronous caller); it re-arms when it is done.
-    if (readState_ != ReadState::armed) return;
+    if (readState_ != ReadState::armed) {
+      // Whoever holds the reading, or resumes it after a pause, reads again before giving it up.
+      if (readState_ != ReadState::closed) {
+        readAgain_ = true;
+        readToEnd_ = readToEnd_ || hungUp;
+      }
+      return;
+    }
     readState_ = ReadState::held;
   }
-  ReadResult result = readAvailable();
-  for (;;) {
-    {
-      const std::lock_guard role(readMutex_);
-      if (handBackLocked(result)) return;
-    }
-    result = processFrames();
-  }
+  // After a hang-up no edge follows the last bytes, so the end must be read as well.
+  keepReading(readAvailable(hungUp ? ReadAmount::untilEmpty : ReadAmount::whatArrived));
 }
 
 void Channel::resumeReading() {
-  ReadResult result = processFrames();
+  keepReading(processFrames());
+}
+
+void Channel::keepReading(ReadResult result) {
   for (;;) {
+    HandBack next = HandBack::done;
     {
       const std::lock_guard role(readMutex_);
-      if (handBackLocked(result)) return;
+      next = handBackLocked(result);
     }
-    result = processFrames();
+    switch (next) {
+      case HandBack::done:
+        return;
+      case HandBack::process:
+        result = processFrames();
+        break;
+      case HandBack::read:
+        result = readAvailable(ReadAmount::whatArrived);
+        break;
+      case HandBack::readToEnd:
+        result = readAvailable(ReadAmount::untilEmpty);
+        break;
+    }
   }
 }
 
-bool Channel::handBackLocked(ReadResult result) {
+Channel::HandBack Channel::handBackLocked(ReadResult result) {
   if (result == ReadResult::closed || closed_.load()) {
     readState_ = ReadState::closed;
     for (auto* waiter : waiters_) waiter->poke();
     waiters_.clear();
-    return true;
+    return HandBack::done;
   }
   if (result == ReadResult::paused) {
     // An answer sent meanwhile may have ended the pause; its sender saw us reading.
-    if (inFlight_.load() < maxCallsInFlight_) return false;
+    if (inFlight_.load() < maxCallsInFlight_) return HandBack::process;
     readState_ = ReadState::paused;
-    return true;
+    return HandBack::done;
   }
   while (!waiters_.empty()) {
     auto* waiter = waiters_.front();
@@ -341,44 +376,53 @@ bool Channel::handBackLocked(ReadResult result) {
       waiter->poke();
       continue;
     }
-    waiter->offered = true;  // the reading stays held, now by this caller
+    waiter->offered = true;  // the reading stays held, now by this caller (readAgain_ too)
     waiter->poke();
-    return true;
+    return HandBack::done;
   }
+  if (std::exchange(readAgain_, false))
+    return std::exchange(readToEnd_, false) ? HandBack::readToEnd : HandBack::read;
   readState_ = ReadState::armed;
-  if (auto runtime = runtime_.lock()) runtime->arm(fd_, readKey_, false);
+  if (!readArmed_) {
+    // Arming reports data that arrived while the registration was disarmed.
+    readArmed_ = true;
+    if (auto runtime = runtime_.lock()) runtime->arm(fd_, readKey_, Interest::readEdges);
+  }
+  return HandBack::done;
+}
+
+bool Channel::takeReading(bool disarmLater) {
+  const std::lock_guard role(readMutex_);
+  if (readState_ != ReadState::armed) return false;
+  readState_ = ReadState::held;
+  // Until the registration is really disarmed an arrival may still wake a worker; it finds the
+  // reading held and leaves a note.
+  if (std::exchange(readArmed_, false) && !disarmLater) {
+    if (auto runtime = runtime_.lock()) runtime->disarm(fd_, readKey_, Interest::readEdges);
+  }
   return true;
 }
 
-void Channel::awaitOutcome(SyncSlot& slot) {
+void Channel::awaitOutcome(SyncSlot& slot, SyncRing* ring) {
+  if (ring != nullptr) keepReading(readUntilDone(slot, ring));
   std::unique_lock role(readMutex_);
-  auto leave = [&] { std::erase(waiters_, &slot); };
   for (;;) {
-    bool reading = false;
     if (slot.offered) {
       slot.offered = false;
-      reading = true;
-    } else if (slot.done()) {
-      leave();
-      return;
-    } else if (readState_ == ReadState::armed) {
-      readState_ = ReadState::held;
-      if (auto runtime = runtime_.lock()) runtime->disarm(fd_, readKey_);
-      leave();
-      reading = true;
+      role.unlock();
+      keepReading(readUntilDone(slot, nullptr));
+      role.lock();
+      continue;
     }
-    if (reading) {
-      ReadResult result = ReadResult::open;
-      for (;;) {
-        role.unlock();
-        result = readUntilDone(slot);
-        role.lock();
-        if (handBackLocked(result)) break;
-        role.unlock();
-        result = processFrames();
-        role.lock();
-        if (handBackLocked(result)) break;
-      }
+    if (slot.done()) {
+      std::erase(waiters_, &slot);
+      return;
+    }
+    if (readState_ == ReadState::armed) {
+      std::erase(waiters_, &slot);
+      role.unlock();
+      if (takeReading()) keepReading(readUntilDone(slot, nullptr));
+      role.lock();
       continue;
     }
     // Somebody else reads: wait for the answer, or for the reading to be handed over.
@@ -390,38 +434,49 @@ void Channel::awaitOutcome(SyncSlot& slot) {
   }
 }
 
-Channel::ReadResult Channel::readUntilDone(SyncSlot& slot) {
+Channel::ReadResult Channel::readUntilDone(SyncSlot& slot, SyncRing* ring) {
   for (;;) {
     if (slot.done()) return ReadResult::open;
     if (closed_.load()) return ReadResult::closed;
-    pollfd wanted{fd_, POLLIN, 0};
-    if (::poll(&wanted, 1, -1) < 0 && errno != EINTR) {
-      closeFromReader(CloseReason::peerLost, "poll: " + systemMessage(errno));
-      return ReadResult::closed;
-    }
-    const ReadResult result = readAvailable();
+    const ReadResult result = readAvailable(ReadAmount::waitForData, std::exchange(ring, nullptr));
     if (result != ReadResult::open) return result;
   }
 }
 
-Channel::ReadResult Channel::readAvailable() {
+Channel::ReadResult Channel::readAvailable(ReadAmount amount, SyncRing* armWith) {
   if (closed_.load()) return ReadResult::closed;
   bool endOfStream = false;
   int readError = 0;
+  // Only the first recv may block; closing shuts the socket down, which ends it.
+  int flags = amount == ReadAmount::waitForData ? 0 : MSG_DONTWAIT;
+  auto runtime = armWith != nullptr ? runtime_.lock() : nullptr;
   for (;;) {
     auto room = decoder_.prepare(readChunk);
-    const ssize_t received = ::recv(fd_, room.data(), room.size(), MSG_DONTWAIT);
+    ssize_t received = 0;  // -errno on failure
+    if (runtime) {
+      const auto armed = Runtime::registration(readKey_, Interest::readEdges, true);
+      received = armWith->receiveAndArm(fd_, room, runtime->epollDescriptor(), armed);
+      runtime.reset();
+      const std::lock_guard role(readMutex_);
+      readArmed_ = true;
+    } else {
+      received = ::recv(fd_, room.data(), room.size(), flags);
+      if (received < 0) received = -errno;
+    }
     if (received > 0) {
       decoder_.commit(static_cast<std::size_t>(received));
-      if (static_cast<std::size_t>(received) < room.size()) break;
+      // A short read took all the data there was; more data is another edge.
+      if (static_cast<std::size_t>(received) < room.size() && amount != ReadAmount::untilEmpty)
+        break;
+      flags = MSG_DONTWAIT;
       continue;
     }
     if (received == 0) {
       endOfStream = true;
-    } else if (errno == EINTR) {
+    } else if (received == -EINTR) {
       continue;
-    } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
-      readError = errno;
+    } else if (received != -EAGAIN && received != -EWOULDBLOCK) {
+      readError = static_cast<int>(-received);
     }
     break;
   }
@@ -666,7 +721,7 @@ void Channel::closeNow(CloseReason reason, const std::string& detail) {
     outQueue_.clear();
     outSent_ = 0;
   }
-  // Wakes a caller that is waiting in poll(); the descriptor itself stays open until the channel
+  // Wakes a caller that is waiting in recv(); the descriptor itself stays open until the channel
   // is destroyed.
   ::shutdown(fd_, SHUT_RDWR);
   auto runtime = runtime_.lock();

@@ -28,6 +28,7 @@ enum class Role { client, service };
 enum class CloseReason { peerLost, protocolViolation, helloMismatch, invalidated };
 
 class Channel;
+class SyncRing;
 
 /// Told (on the closing thread) when a channel has closed, after its calls in flight were failed.
 class ChannelOwner {
@@ -43,14 +44,20 @@ class ChannelOwner {
 /// the same lock, so serials increase on the wire); what the socket does not take at once is
 /// queued and flushed by a worker when the socket is writable again.
 ///
-/// Reading: one thread at a time holds the reading of the channel. Normally a worker takes it
-/// when the descriptor turns readable (it is registered one-shot) and hands it back by re-arming
-/// the descriptor. A synchronous caller takes it instead, right after writing its call, and reads
-/// on its own thread until its answer has arrived, so the answer costs no extra thread hop; frames
-/// for others that it reads on the way are routed exactly as a worker would route them. A caller
-/// that finds the reading held waits for its answer and may be handed the reading when the holder
-/// gives it up. Incoming CALLs and MESSAGEs and the answers to asynchronous calls are queued for
-/// delivery in batches; the answer to a synchronous call goes straight to the caller's slot.
+/// Reading: one thread at a time holds the reading of the channel. The descriptor is registered
+/// edge-triggered, so a worker is told of every arrival of data without re-arming anything. A
+/// worker that is told while the channel is free takes the reading; one told while somebody else
+/// reads leaves a note (`readAgain_`), and the holder reads again before it gives the reading up.
+/// A synchronous caller takes the reading itself before its call leaves, and disarms the
+/// registration while it holds it, so that its answer wakes nobody but the caller: it waits for
+/// the answer in a blocking recv(2) on its own thread. Frames for others that it reads on the way
+/// are routed exactly as a worker would route them. A caller that finds the reading held waits
+/// for its answer and may be handed the reading when the holder gives it up. Incoming CALLs and
+/// MESSAGEs and the answers to asynchronous calls are queued for delivery in batches; the answer
+/// to a synchronous call goes straight to the caller's slot.
+///
+/// The socket itself is blocking, for that one recv(2); every other read and write says
+/// MSG_DONTWAIT.
 class Channel final : public Watcher, public std::enable_shared_from_this<Channel> {
  public:
   /// Takes ownership of `fd` (a connected AF_UNIX stream socket).
@@ -83,7 +90,7 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   [[nodiscard]] std::optional<InterfaceDescription> remoteInterface() const;
   void setCloseHandler(std::function<void()> handler);
 
-  void ready(bool writable) override;
+  void ready(bool writable, bool hungUp) override;
 
  private:
   struct Pending {
@@ -93,10 +100,20 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   };
   enum class ReadState { armed, held, paused, closed };
   enum class ReadResult { open, paused, closed };
+  /// What the holder of the reading does next after offering it back.
+  enum class HandBack { done, process, read, readToEnd };
+  /// How much one turn of reading takes from the socket.
+  enum class ReadAmount {
+    waitForData,  ///< block until something arrives, then what has arrived
+    whatArrived,  ///< up to the first short read: what the edge that woke us brought
+    untilEmpty,   ///< up to EAGAIN or the end of the stream
+  };
 
   // Writing (write lock held by the caller of the *Locked functions).
+  /// Writes a frame, or queues it behind what waits. With `disarmWith`, the read registration is
+  /// disarmed first, in one batch with the write on that ring (see takeReading).
   bool writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                        const std::optional<Bytes>& payload);
+                        const std::optional<Bytes>& payload, SyncRing* disarmWith = nullptr);
   void queueLocked(std::span<const std::byte> bytes);
   void armFlushLocked();
   void flush();
@@ -104,14 +121,24 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   void writeFailedLocked(int error);
 
   // Reading (by the holder of the reading).
-  void onReadable();
-  void awaitOutcome(SyncSlot& slot);
-  ReadResult readUntilDone(SyncSlot& slot);
-  ReadResult readAvailable();
+  void onReadable(bool hungUp);
+  /// Takes the reading for a synchronous caller if nobody holds it, and disarms the registration,
+  /// or, with `disarmLater`, leaves that to the caller's write (writeFrameLocked).
+  bool takeReading(bool disarmLater = false);
+  /// Waits for a synchronous call's outcome. `ring` (the caller's, when it holds the reading and
+  /// the registration is disarmed) lets the first read arm the registration again in one batch.
+  void awaitOutcome(SyncSlot& slot, SyncRing* ring);
+  ReadResult readUntilDone(SyncSlot& slot, SyncRing* ring);
+  /// Reads from the socket and processes what it read. With `armWith` (waiting for data only),
+  /// the read registration is armed again right after the first read, on that ring.
+  ReadResult readAvailable(ReadAmount amount, SyncRing* armWith = nullptr);
   ReadResult processFrames();
   /// Gives the reading back (read lock held): to a waiting synchronous caller, or to the workers
-  /// by re-arming. False when more frames must be processed first (a pause that has ended).
-  bool handBackLocked(ReadResult result);
+  /// by arming the registration. Says whether the holder must first process more frames (a pause
+  /// that has ended) or read more (data arrived while it held the reading).
+  HandBack handBackLocked(ReadResult result);
+  /// Hands the reading back, doing first whatever that asks for.
+  void keepReading(ReadResult result);
   void resumeReading();
   void handleFrame(Frame& frame);
   void handleHello(Frame& frame);
@@ -134,6 +161,9 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   // Who reads, under readMutex_.
   std::mutex readMutex_;
   ReadState readState_ = ReadState::held;  // until start() arms the descriptor
+  bool readAgain_ = false;                 // data arrived while the reading was held or paused
+  bool readToEnd_ = false;                 // and the peer hung up
+  bool readArmed_ = false;                 // the registration reports arrivals
   std::deque<SyncSlot*> waiters_;
 
   // The holder of the reading only.

@@ -27,8 +27,23 @@ void runLogged(Task& task) noexcept {
   }
 }
 
-std::uint32_t oneShot(bool writable) noexcept {
-  return (writable ? EPOLLOUT : EPOLLIN) | EPOLLONESHOT;
+bool isWrite(Interest interest) noexcept {
+  return interest == Interest::writeOnce;
+}
+
+std::uint64_t eventData(std::uint64_t key, Interest interest) noexcept {
+  return (key << 1U) | (isWrite(interest) ? 1U : 0U);
+}
+
+/// The epoll flags of a registration, armed or not. A disarmed registration keeps its trigger
+/// mode but watches for nothing.
+std::uint32_t eventFlags(Interest interest, bool armed) noexcept {
+  const std::uint32_t mode = interest == Interest::readEdges ? EPOLLET : EPOLLONESHOT;
+  if (!armed) return mode;
+  if (isWrite(interest)) return mode | EPOLLOUT;
+  // An edge reports what the socket holds when the event is taken, so a hang-up that came with
+  // the data shows even though no further edge follows it.
+  return mode | EPOLLIN | EPOLLRDHUP;
 }
 
 }  // namespace
@@ -66,16 +81,14 @@ Runtime::~Runtime() {
   ::close(epoll_);
 }
 
-std::uint64_t Runtime::watch(int fd, bool writable, const std::shared_ptr<Watcher>& watcher) {
+std::uint64_t Runtime::watch(int fd, Interest interest, const std::shared_ptr<Watcher>& watcher) {
   std::uint64_t key = 0;
   {
     const std::lock_guard state(mutex_);
     key = nextKey_++;
     watchers_.emplace(key, watcher);
   }
-  epoll_event event{};
-  event.events = EPOLLONESHOT;  // disarmed until `arm`
-  event.data.u64 = (key << 1U) | (writable ? 1U : 0U);
+  auto event = registration(key, interest, false);
   if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) != 0) {
     const int failure = errno;
     const std::lock_guard state(mutex_);
@@ -85,17 +98,20 @@ std::uint64_t Runtime::watch(int fd, bool writable, const std::shared_ptr<Watche
   return key;
 }
 
-void Runtime::arm(int fd, std::uint64_t key, bool writable) noexcept {
+epoll_event Runtime::registration(std::uint64_t key, Interest interest, bool armed) noexcept {
   epoll_event event{};
-  event.events = oneShot(writable);
-  event.data.u64 = (key << 1U) | (writable ? 1U : 0U);
+  event.events = eventFlags(interest, armed);
+  event.data.u64 = eventData(key, interest);
+  return event;
+}
+
+void Runtime::arm(int fd, std::uint64_t key, Interest interest) noexcept {
+  auto event = registration(key, interest, true);
   ::epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
 }
 
-void Runtime::disarm(int fd, std::uint64_t key) noexcept {
-  epoll_event event{};
-  event.events = EPOLLONESHOT;
-  event.data.u64 = key << 1U;
+void Runtime::disarm(int fd, std::uint64_t key, Interest interest) noexcept {
+  auto event = registration(key, interest, false);
   ::epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
 }
 
@@ -173,49 +189,52 @@ bool Runtime::deliveriesQueued() {
   return !deliveries_.empty() && !stopping_;
 }
 
-bool Runtime::runDeliveryTurn() {
-  Task task;
-  {
-    const std::lock_guard state(mutex_);
-    if (delivering_ || deliveries_.empty() || stopping_) return false;
-    delivering_ = true;
-    task = std::move(deliveries_.front());
-    deliveries_.pop_front();
+Runtime::Work Runtime::takeWork(std::vector<Task>& posted, Task& delivery) {
+  const std::lock_guard state(mutex_);
+  if (stopping_) return Work::stop;
+  if (!posted_.empty()) {
+    posted.swap(posted_);
+    return Work::posted;
   }
+  if (delivering_ || deliveries_.empty()) return Work::none;
+  delivering_ = true;
+  delivery = std::move(deliveries_.front());
+  deliveries_.pop_front();
+  return Work::delivery;
+}
+
+void Runtime::runDeliveryTurn(Task task) {
   for (;;) {
     runLogged(task);
     task = nullptr;
     const std::lock_guard state(mutex_);
     if (deliveries_.empty() || stopping_) {
       delivering_ = false;
-      return true;
+      return;
     }
     task = std::move(deliveries_.front());
     deliveries_.pop_front();
   }
 }
 
-bool Runtime::runPosted() {
-  std::deque<Task> tasks;
-  {
-    const std::lock_guard state(mutex_);
-    if (posted_.empty() || stopping_) return false;
-    tasks.swap(posted_);
-  }
-  for (auto& task : tasks) runLogged(task);
-  return true;
-}
-
 void Runtime::work() {
   { const std::lock_guard started(mutex_); }
   std::array<epoll_event, eventsPerWait> events{};
+  std::vector<Task> posted;  // swapped with posted_, so both keep their capacity
   for (;;) {
-    // Socket work first: posted tasks are short and never user code.
-    if (runPosted()) continue;
-    if (runDeliveryTurn()) continue;
-    {
-      const std::lock_guard state(mutex_);
-      if (stopping_) return;
+    Task delivery;
+    switch (takeWork(posted, delivery)) {
+      case Work::stop:
+        return;
+      case Work::posted:
+        for (auto& task : posted) runLogged(task);
+        posted.clear();
+        continue;
+      case Work::delivery:
+        runDeliveryTurn(std::move(delivery));
+        continue;
+      case Work::none:
+        break;
     }
     const int count = ::epoll_wait(epoll_, events.data(), eventsPerWait, -1);
     if (count < 0) {
@@ -240,7 +259,9 @@ void Runtime::work() {
         if (auto found = watchers_.find(data >> 1U); found != watchers_.end())
           watcher = found->second.lock();
       }
-      if (watcher) watcher->ready((data & 1U) != 0);
+      const std::uint32_t flags = events[static_cast<std::size_t>(i)].events;
+      if (watcher)
+        watcher->ready((data & 1U) != 0, (flags & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0);
     }
   }
 }
@@ -258,7 +279,7 @@ void Runtime::stop() {
     if (worker.joinable()) worker.join();
   // The owner closed every socket before stopping. Posted tasks are dropped (they hold their
   // channels, which are freed here); what is queued for delivery is owed to callers and runs here.
-  std::deque<Task> dropped;
+  std::vector<Task> dropped;
   {
     const std::lock_guard state(mutex_);
     dropped.swap(posted_);
@@ -277,6 +298,22 @@ void Runtime::stop() {
     }
     runLogged(task);
   }
+}
+
+std::shared_ptr<SyncSlot> SyncSlot::forThisThread() {
+  thread_local std::shared_ptr<SyncSlot> last;
+  // Only this thread holds `last`, so nobody can take a new reference to it meanwhile.
+  if (last && last.use_count() == 1) {
+    const std::lock_guard outcome(last->mutex_);
+    last->done_ = false;
+    last->poked_ = false;
+    last->reply_.reset();
+    last->error_.reset();
+    last->offered = false;
+    return last;
+  }
+  last = std::make_shared<SyncSlot>();
+  return last;
 }
 
 void SyncSlot::complete(std::optional<Bytes> reply, std::optional<CallError> error) {

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <sys/epoll.h>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -23,16 +24,26 @@ namespace corvane::ipc::detail {
 class Watcher {
  public:
   virtual ~Watcher() = default;
-  /// A registered descriptor is ready; `writable` says which of the two registrations fired.
-  virtual void ready(bool writable) = 0;
+  /// A registered descriptor is ready; `writable` says which of the two registrations fired,
+  /// `hungUp` that the peer has gone or the socket failed (nothing more will arrive).
+  virtual void ready(bool writable, bool hungUp) = 0;
 };
 
 using Task = std::move_only_function<void()>;
 
+/// What a registration watches for, and how it is re-armed.
+enum class Interest : std::uint8_t {
+  readOnce,   ///< readable, one event per `arm`
+  writeOnce,  ///< writable, one event per `arm`
+  readEdges,  ///< readable, one event per arrival of data from `arm` until `disarm`
+};
+
 /// The two worker threads of a Connection or Listener, and the serial delivery of user code.
 ///
-/// Both workers wait in one epoll set. Every socket descriptor is registered one-shot, so a
-/// descriptor is handled by one thread at a time and re-armed by whoever handled it. User code
+/// Both workers wait in one epoll set. A listening socket and the writability of a channel are
+/// registered one-shot: one event, then whoever handled it re-arms. The readability of a channel
+/// is registered edge-triggered, which costs no system call per event; the channel itself makes
+/// sure that one thread at a time reads it (see Channel). User code
 /// (reply handlers, incoming calls, connection and lifecycle handlers) runs through `deliver`:
 /// one task at a time, in the order they were queued, on whichever worker holds the delivery
 /// turn. Only one worker can hold it, so the other one always stays free for socket I/O: user code
@@ -46,13 +57,18 @@ class Runtime {
   Runtime(const Runtime&) = delete;
   Runtime& operator=(const Runtime&) = delete;
 
-  /// Registers `fd` for `watcher` (one-shot, disarmed until `arm`); returns the registration's
-  /// key. `writable` picks the direction the registration watches.
-  std::uint64_t watch(int fd, bool writable, const std::shared_ptr<Watcher>& watcher);
-  /// Arms (again) a registration made by `watch`.
-  void arm(int fd, std::uint64_t key, bool writable) noexcept;
+  /// Registers `fd` for `watcher`, disarmed until `arm`; returns the registration's key.
+  std::uint64_t watch(int fd, Interest interest, const std::shared_ptr<Watcher>& watcher);
+  /// Arms a registration made by `watch` with the same interest. Arming reports a descriptor
+  /// that is ready already.
+  void arm(int fd, std::uint64_t key, Interest interest) noexcept;
   /// Disarms a registration (its watcher may still get one event that was already pending).
-  void disarm(int fd, std::uint64_t key) noexcept;
+  void disarm(int fd, std::uint64_t key, Interest interest) noexcept;
+  /// The epoll set and what `arm` (or `disarm`) gives it, for a caller that changes a
+  /// registration through another interface (see SyncRing).
+  [[nodiscard]] int epollDescriptor() const noexcept { return epoll_; }
+  [[nodiscard]] static epoll_event registration(std::uint64_t key, Interest interest,
+                                                bool armed) noexcept;
   /// Removes a registration; no event reaches its watcher afterwards except one in progress.
   void unwatch(int fd, std::uint64_t key) noexcept;
 
@@ -71,9 +87,13 @@ class Runtime {
   void stop();
 
  private:
+  enum class Work { posted, delivery, none, stop };
+  /// What a worker does next, decided under one lock: posted tasks first (they are short and
+  /// never user code), then the delivery turn if it is free.
+  Work takeWork(std::vector<Task>& posted, Task& delivery);
   void work();
-  bool runDeliveryTurn();
-  bool runPosted();
+  /// Runs `task` and whatever is queued behind it, then gives the delivery turn up.
+  void runDeliveryTurn(Task task);
   void wake() noexcept;
 
   int epoll_ = -1;
@@ -81,7 +101,7 @@ class Runtime {
   int stopFd_ = -1;  // level-triggered: wakes every worker once stopping
 
   std::mutex mutex_;
-  std::deque<Task> posted_;
+  std::vector<Task> posted_;
   std::deque<Task> deliveries_;
   bool delivering_ = false;  // a worker holds the delivery turn
   bool wakePending_ = false;
@@ -98,6 +118,10 @@ class Runtime {
 /// Where a synchronous caller waits for its outcome.
 class SyncSlot {
  public:
+  /// A fresh slot for a call made on this thread: the thread's previous one once nobody else
+  /// holds it any more, which saves an allocation per call.
+  static std::shared_ptr<SyncSlot> forThisThread();
+
   void complete(std::optional<Bytes> reply, std::optional<CallError> error);
   /// Waits until completed; then exactly one of the two is set.
   std::pair<std::optional<Bytes>, std::optional<CallError>> wait();

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstddef>
+#include <liburing.h>
+#include <span>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <utility>
+
+namespace corvane::ipc::detail {
+
+/// The system calls of a synchronous call, batched on an io_uring of the calling thread.
+///
+/// A synchronous caller disarms the channel's read registration, writes its CALL, waits for data
+/// and arms the registration again: four system calls, where a bare socket needs two. On this
+/// ring the first two go in one io_uring_enter(2) and the last two in another. Each batch is
+/// complete when its function returns, so the ring holds nothing between calls and the caller
+/// may release its locks.
+///
+/// Kernels without io_uring, or where it is forbidden (seccomp, the io_uring_disabled sysctl),
+/// and a process that sets CORVANE_IPC_IO_URING=0 get no ring: the caller makes the plain system
+/// calls instead.
+class SyncRing {
+ public:
+  /// The calling thread's ring, made on first use; nullptr when io_uring cannot be used. The ring
+  /// belongs to the thread and is closed when the thread ends.
+  static SyncRing* forThisThread() noexcept;
+
+  /// epoll_ctl(epoll, EPOLL_CTL_MOD, fd, disarm) when `disarm` is given, then
+  /// sendmsg(fd, message, MSG_DONTWAIT | MSG_NOSIGNAL). Returns what sendmsg returns, with a
+  /// failure as -errno. The message has left (or failed) when it returns.
+  ssize_t disarmAndSend(int epoll, int fd, const epoll_event* disarm, const msghdr& message);
+
+  /// recv(fd, buffer) waiting until something arrives or the socket is shut down, then
+  /// epoll_ctl(epoll, EPOLL_CTL_MOD, fd, arm) whatever recv returned. Returns what recv returns,
+  /// with a failure as -errno (never -EINTR).
+  ssize_t receiveAndArm(int fd, std::span<std::byte> buffer, int epoll, const epoll_event& arm);
+
+  SyncRing() = default;
+  SyncRing(const SyncRing&) = delete;
+  SyncRing& operator=(const SyncRing&) = delete;
+  ~SyncRing();
+
+ private:
+  bool setUp() noexcept;
+  /// Submits the two prepared requests and waits for both; their results, first and second.
+  std::pair<int, int> runPair() noexcept;
+
+  io_uring ring_{};
+  bool ready_ = false;
+};
+
+}  // namespace corvane::ipc::detail

@@ -1,0 +1,133 @@
+// The batched system calls of a synchronous caller, on a socket pair and an epoll set of their
+// own: the disarm really happens before the write, and the arm after the read, whatever the read
+// returns.
+
+#include "ipc/detail/SyncRing.hpp"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using corvane::ipc::detail::SyncRing;
+
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  [[nodiscard]] int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+class SyncRingTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ring_ = SyncRing::forThisThread();
+    if (ring_ == nullptr) GTEST_SKIP() << "io_uring is not available here";
+    std::array<int, 2> fds{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data()), 0);
+    ours_.emplace(fds[0]);
+    theirs_.emplace(fds[1]);
+    epoll_event event = armed();
+    ASSERT_EQ(::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, ours_->get(), &event), 0);
+  }
+
+  static epoll_event armed() {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.u64 = 7;
+    return event;
+  }
+  static epoll_event disarmed() {
+    epoll_event event{};
+    event.events = EPOLLET;
+    event.data.u64 = 7;
+    return event;
+  }
+
+  /// Whether the epoll set reports our socket now (without waiting).
+  bool reported() const {
+    epoll_event event{};
+    return ::epoll_wait(epoll_.get(), &event, 1, 0) == 1;
+  }
+
+  static msghdr messageFor(std::string_view text, iovec& part) {
+    part = {const_cast<char*>(text.data()), text.size()};  // NOLINT: sendmsg takes no const
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return message;
+  }
+
+  SyncRing* ring_ = nullptr;
+  Fd epoll_{::epoll_create1(EPOLL_CLOEXEC)};
+  std::optional<Fd> ours_;
+  std::optional<Fd> theirs_;
+};
+
+TEST_F(SyncRingTest, SendsAfterDisarmingSoTheAnswerReportsNothing) {
+  iovec part{};
+  const auto event = disarmed();
+  const auto message = messageFor("call", part);
+  EXPECT_EQ(ring_->disarmAndSend(epoll_.get(), ours_->get(), &event, message), 4);
+
+  std::array<char, 8> got{};
+  ASSERT_EQ(::recv(theirs_->get(), got.data(), got.size(), 0), 4);
+  EXPECT_EQ(std::string_view(got.data(), 4), "call");
+  ASSERT_EQ(::send(theirs_->get(), "answer", 6, 0), 6);
+  EXPECT_FALSE(reported());
+}
+
+TEST_F(SyncRingTest, ReceivesThenArmsSoLaterDataIsReported) {
+  const auto off = disarmed();
+  ASSERT_EQ(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, ours_->get(), const_cast<epoll_event*>(&off)),
+            0);
+  ASSERT_EQ(::send(theirs_->get(), "answer", 6, 0), 6);
+  std::array<std::byte, 64> buffer{};
+  EXPECT_EQ(ring_->receiveAndArm(ours_->get(), buffer, epoll_.get(), armed()), 6);
+  EXPECT_EQ(std::memcmp(buffer.data(), "answer", 6), 0);
+  EXPECT_FALSE(reported());  // the answer was taken before arming
+  ASSERT_EQ(::send(theirs_->get(), "push", 4, 0), 4);
+  EXPECT_TRUE(reported());
+}
+
+TEST_F(SyncRingTest, ArmsEvenWhenThePeerHasGone) {
+  const auto off = disarmed();
+  ASSERT_EQ(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, ours_->get(), const_cast<epoll_event*>(&off)),
+            0);
+  theirs_.reset();
+  std::array<std::byte, 64> buffer{};
+  EXPECT_EQ(ring_->receiveAndArm(ours_->get(), buffer, epoll_.get(), armed()), 0);
+  // Arming reports the hang-up, so a worker would see the end too.
+  EXPECT_TRUE(reported());
+}
+
+TEST_F(SyncRingTest, AFullSocketFailsTheSendAtOnce) {
+  const auto event = disarmed();
+  std::array<char, 4096> block{};
+  iovec part{block.data(), block.size()};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  ssize_t sent = 0;
+  // Nobody reads the other end: the send must report EAGAIN, never wait in the ring.
+  for (int i = 0; i < 10000 && sent >= 0; ++i)
+    sent = ring_->disarmAndSend(epoll_.get(), ours_->get(), &event, message);
+  EXPECT_EQ(sent, -EAGAIN);
+}
+
+}  // namespace
