@@ -19,7 +19,7 @@ constexpr unsigned ringEntries = 4;
 constexpr int notRun = INT_MIN;
 
 bool disabledByEnvironment() noexcept {
-  const char* value = std::getenv("CORVANE_IPC_IO_URING");
+  const char* value = std::getenv("CORVANE_IPC_IO_URING");  // NOLINT(concurrency-mt-unsafe)
   return value != nullptr && std::string_view(value) == "0";
 }
 
