@@ -59,6 +59,11 @@ class SyncRingTest : public testing::Test {
     return event;
   }
 
+  void disarmOurs() {
+    auto off = disarmed();
+    ASSERT_EQ(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, ours_->get(), &off), 0);
+  }
+
   /// Whether the epoll set reports our socket now (without waiting).
   bool reported() const {
     epoll_event event{};
@@ -93,9 +98,7 @@ TEST_F(SyncRingTest, SendsAfterDisarmingSoTheAnswerReportsNothing) {
 }
 
 TEST_F(SyncRingTest, ReceivesThenArmsSoLaterDataIsReported) {
-  const auto off = disarmed();
-  ASSERT_EQ(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, ours_->get(), const_cast<epoll_event*>(&off)),
-            0);
+  ASSERT_NO_FATAL_FAILURE(disarmOurs());
   ASSERT_EQ(::send(theirs_->get(), "answer", 6, 0), 6);
   std::array<std::byte, 64> buffer{};
   EXPECT_EQ(ring_->receiveAndArm(ours_->get(), buffer, epoll_.get(), armed()), 6);
@@ -106,9 +109,7 @@ TEST_F(SyncRingTest, ReceivesThenArmsSoLaterDataIsReported) {
 }
 
 TEST_F(SyncRingTest, ArmsEvenWhenThePeerHasGone) {
-  const auto off = disarmed();
-  ASSERT_EQ(::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, ours_->get(), const_cast<epoll_event*>(&off)),
-            0);
+  ASSERT_NO_FATAL_FAILURE(disarmOurs());
   theirs_.reset();
   std::array<std::byte, 64> buffer{};
   EXPECT_EQ(ring_->receiveAndArm(ours_->get(), buffer, epoll_.get(), armed()), 0);
