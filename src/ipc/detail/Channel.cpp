@@ -22,6 +22,9 @@ namespace corvane::ipc::detail {
 namespace {
 
 constexpr std::size_t readChunk = std::size_t{64} * 1024;
+/// From this many calls in flight on a channel, a caller's asynchronous call is written by a
+/// worker together with whatever else is queued by then (see Channel::send).
+constexpr std::size_t deferFromCallsInFlight = 8;
 
 std::string systemMessage(int error) {
   return std::error_code(error, std::system_category()).message();
@@ -144,15 +147,21 @@ void Channel::send(Outgoing outgoing) noexcept {
       if (open_) {
         sent = true;
         const std::uint64_t serial = nextSerial_++;
+        bool defer = false;
         if (outgoing.expectsReply) {
           waiting = outgoing.sync;
           // Registered before the bytes leave, since the answer may come back at once.
           const std::lock_guard pendingCalls(pendingMutex_);
+          // A caller with many calls in flight is bound by throughput, not by the latency of
+          // this one call: its frame waits for a worker's write, and the frames it queues
+          // meanwhile leave in the same write instead of one system call (and one wake-up of
+          // the peer) each.
+          defer = !synchronous && pending_.size() >= deferFromCallsInFlight;
           pending_.emplace(serial, Pending{std::move(outgoing.reply), std::move(outgoing.onError),
                                            std::move(outgoing.sync)});
         }
         writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument,
-                         reading ? ring : nullptr);
+                         reading ? ring : nullptr, defer);
         if (!outgoing.expectsReply && outgoing.sync) outgoing.sync->complete(Bytes(), std::nullopt);
       }
     }
@@ -213,14 +222,16 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
 }
 
 bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                               const std::optional<Bytes>& payload, SyncRing* disarmWith) {
+                               const std::optional<Bytes>& payload, SyncRing* disarmWith,
+                               bool defer) {
   encodeFrameHeader(header_, kind, serial, name, payload.has_value(),
                     payload ? payload->size() : 0);
   const std::span<const std::byte> body = payload ? payload->span() : std::span<const std::byte>{};
   auto runtime = disarmWith != nullptr ? runtime_.lock() : nullptr;
-  if (writesHeld_ || outSent_ < outQueue_.size()) {
+  if (defer || writesHeld_ || outSent_ < outQueue_.size()) {
     if (runtime) runtime->disarm(fd_, readKey_, Interest::readEdges);
-    // Keep frame order: once anything waits, everything after it waits too.
+    // Keep frame order: once anything waits, everything after it waits too, and the worker's
+    // flush writes all of it at once.
     queueLocked(header_);
     queueLocked(body);
     if (!writesHeld_) armFlushLocked();

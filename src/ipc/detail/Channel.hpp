@@ -42,7 +42,10 @@ class ChannelOwner {
 ///
 /// Writing: any thread writes directly to the socket under the write lock (serial assigned under
 /// the same lock, so serials increase on the wire); what the socket does not take at once is
-/// queued and flushed by a worker when the socket is writable again.
+/// queued and flushed by a worker when the socket is writable again. An asynchronous call made
+/// while many calls are in flight is queued too, and a worker flushes the queue soon: a caller
+/// that pipelines calls then pays a copy per call instead of a system call and a wake-up of the
+/// peer, while a lone call still leaves at once.
 ///
 /// Reading: one thread at a time holds the reading of the channel. The descriptor is registered
 /// edge-triggered, so a worker is told of every arrival of data without re-arming anything. A
@@ -111,9 +114,11 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
 
   // Writing (write lock held by the caller of the *Locked functions).
   /// Writes a frame, or queues it behind what waits. With `disarmWith`, the read registration is
-  /// disarmed first, in one batch with the write on that ring (see takeReading).
+  /// disarmed first, in one batch with the write on that ring (see takeReading). With `defer`,
+  /// the frame is queued for a worker's flush even if nothing waits yet.
   bool writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                        const std::optional<Bytes>& payload, SyncRing* disarmWith = nullptr);
+                        const std::optional<Bytes>& payload, SyncRing* disarmWith = nullptr,
+                        bool defer = false);
   void queueLocked(std::span<const std::byte> bytes);
   void armFlushLocked();
   void flush();

@@ -255,6 +255,43 @@ TEST_F(ConnectionTest, PeerDeathFailsEveryPendingCallOnceAndTheNextCallReconnect
   EXPECT_EQ(events.invalidations.value(), 0);
 }
 
+TEST_F(ConnectionTest, CallsMadeWhileManyWaitForAnswersLeaveAtOnceAndInOrder) {
+  // With many calls in flight, further calls are queued for a worker to write; they must still
+  // leave without waiting for the unanswered ones, and in the order they were made.
+  TestService service(directory.path());
+  auto connection = makeConnection();
+  connection->resume();
+  const auto async = connection->remoteObjectProxy<TestProtocol>(onError());
+  constexpr int heldCalls = 20;
+  constexpr int laterCalls = 200;
+  for (int i = 0; i < heldCalls; ++i) async.hold(text("[]"), [&](Bytes) { events.replies.add(); });
+  ASSERT_TRUE(service.heldCount.waitFor(heldCalls));
+
+  std::mutex mutex;
+  std::vector<int> order;
+  Counter echoed;
+  for (int i = 0; i < laterCalls; ++i) {
+    async.echo(text(std::to_string(i)), [&](Bytes reply) {
+      {
+        const std::lock_guard list(mutex);
+        order.push_back(std::stoi(std::string(reply.view())));
+      }
+      echoed.add();
+    });
+  }
+  ASSERT_TRUE(echoed.waitFor(laterCalls));
+  EXPECT_EQ(events.replies.value(), 0) << "the held calls are still unanswered";
+  std::vector<int> inOrder(laterCalls);
+  std::iota(inOrder.begin(), inOrder.end(), 0);
+  {
+    const std::lock_guard list(mutex);
+    EXPECT_EQ(order, inOrder);
+  }
+  for (auto& reply : service.takeHeld()) reply.send(text("[]"));
+  ASSERT_TRUE(events.replies.waitFor(heldCalls));
+  EXPECT_EQ(events.errors.value(), 0);
+}
+
 TEST_F(ConnectionTest, InvalidationFailsPendingAndLaterCallsAndIsFinal) {
   TestService service(directory.path());
   auto connection = makeConnection();
