@@ -195,16 +195,9 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
     const auto kind = reply ? FrameKind::reply : FrameKind::fault;
     const auto& payload = reply ? reply : fault;
     const std::lock_guard writing(writeMutex_);
-    if (open_) {
-      if (gather && !writesHeld_) {
-        encodeFrameHeader(header_, kind, serial, {}, true, payload->size());
-        queueLocked(header_);
-        queueLocked(payload->span());
-        armFlushLocked();
-      } else if (writeFrameLocked(kind, serial, {}, payload) && !writesHeld_
-                 && outSent_ < outQueue_.size()) {
-        flushLocked();
-      }
+    if (open_ && writeFrameLocked(kind, serial, {}, payload, nullptr, gather) && !gather
+        && !writesHeld_ && outSent_ < outQueue_.size()) {
+      flushLocked();
     }
   } catch (const std::exception& e) {
     LogCategory::tether().error("Could not answer call {}: {}", serial, e.what());
