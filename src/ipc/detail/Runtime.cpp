@@ -3,6 +3,7 @@
 #include <corvane/platform/LogCategory.hpp>
 
 #include <cerrno>
+#include <span>
 #include <stdexcept>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -140,43 +141,29 @@ void Runtime::post(Task task) {
 }
 
 void Runtime::deliver(Task task) {
-  bool wakeWorker = false;
-  bool here = false;
-  {
-    const std::lock_guard state(mutex_);
-    here = stopped_;
-    if (!here) {
-      deliveries_.push_back(std::move(task));
-      // A worker looks at the queue before it waits again; whoever holds the turn drains it.
-      wakeWorker = !stopping_ && !delivering_ && !wakePending_ && !onWorkerThread();
-      if (wakeWorker) wakePending_ = true;
-    }
-  }
-  if (here) {
-    runLogged(task);
-    return;
-  }
-  if (wakeWorker) wake();
+  if (queueDeliveries(std::span(&task, 1))) runLogged(task);
 }
 
 void Runtime::deliver(std::vector<Task>& tasks) {
   if (tasks.empty()) return;
-  bool wakeWorker = false;
-  bool here = false;
-  {
-    const std::lock_guard state(mutex_);
-    here = stopped_;
-    if (!here) {
-      for (auto& task : tasks) deliveries_.push_back(std::move(task));
-      wakeWorker = !stopping_ && !delivering_ && !wakePending_ && !onWorkerThread();
-      if (wakeWorker) wakePending_ = true;
-    }
-  }
-  if (here) {
+  if (queueDeliveries(tasks)) {
     for (auto& task : tasks) runLogged(task);
   }
   tasks.clear();
+}
+
+bool Runtime::queueDeliveries(std::span<Task> tasks) {
+  bool wakeWorker = false;
+  {
+    const std::lock_guard state(mutex_);
+    if (stopped_) return true;
+    for (auto& task : tasks) deliveries_.push_back(std::move(task));
+    // A worker looks at the queue before it waits again; whoever holds the turn drains it.
+    wakeWorker = !stopping_ && !delivering_ && !wakePending_ && !onWorkerThread();
+    if (wakeWorker) wakePending_ = true;
+  }
   if (wakeWorker) wake();
+  return false;
 }
 
 bool Runtime::onWorkerThread() const noexcept {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <sys/epoll.h>
 #include <thread>
@@ -94,6 +95,9 @@ class Runtime {
   void work();
   /// Runs `task` and whatever is queued behind it, then gives the delivery turn up.
   void runDeliveryTurn(Task task);
+  /// Moves `tasks` to the delivery queue and wakes a worker if need be; or, once the runtime has
+  /// stopped, leaves them where they are and returns true: the caller runs them itself.
+  bool queueDeliveries(std::span<Task> tasks);
   void wake() noexcept;
 
   int epoll_ = -1;
