@@ -167,7 +167,7 @@ void Channel::send(Outgoing outgoing) noexcept {
     }
     if (sent) {
       // A synchronous caller reads its own answer (see awaitOutcome).
-      if (waiting) awaitOutcome(*waiting, std::exchange(reading, false) ? ring : nullptr);
+      if (waiting) awaitOutcome(*waiting, std::exchange(reading, false), ring);
       return;
     }
     if (std::exchange(reading, false)) keepReading(ReadResult::open);
@@ -407,8 +407,8 @@ bool Channel::takeReading(bool disarmLater) {
   return true;
 }
 
-void Channel::awaitOutcome(SyncSlot& slot, SyncRing* ring) {
-  if (ring != nullptr) keepReading(readUntilDone(slot, ring));
+void Channel::awaitOutcome(SyncSlot& slot, bool holdsReading, SyncRing* ring) {
+  if (holdsReading) keepReading(readUntilDone(slot, ring));
   std::unique_lock role(readMutex_);
   for (;;) {
     if (slot.offered) {

@@ -130,9 +130,12 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   /// Takes the reading for a synchronous caller if nobody holds it, and disarms the registration,
   /// or, with `disarmLater`, leaves that to the caller's write (writeFrameLocked).
   bool takeReading(bool disarmLater = false);
-  /// Waits for a synchronous call's outcome. `ring` (the caller's, when it holds the reading and
-  /// the registration is disarmed) lets the first read arm the registration again in one batch.
-  void awaitOutcome(SyncSlot& slot, SyncRing* ring);
+  /// Waits for a synchronous call's outcome. A caller that took the reading before its call left
+  /// (`holdsReading`) reads its answer itself; with its `ring`, which disarmed the registration
+  /// together with the write, the first read arms the registration again in one batch. Without a
+  /// ring the registration was disarmed by takeReading and is armed when the reading is handed
+  /// back.
+  void awaitOutcome(SyncSlot& slot, bool holdsReading, SyncRing* ring);
   ReadResult readUntilDone(SyncSlot& slot, SyncRing* ring);
   /// Reads from the socket and processes what it read. With `armWith` (waiting for data only),
   /// the read registration is armed again right after the first read, on that ring.

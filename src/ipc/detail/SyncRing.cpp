@@ -36,16 +36,26 @@ bool supportsOurOperations(io_uring& ring) noexcept {
 
 }  // namespace
 
+SyncRing& SyncRing::ofThisThread() noexcept {
+  thread_local SyncRing ring;
+  return ring;
+}
+
 SyncRing* SyncRing::forThisThread() noexcept {
   static const bool disabled = disabledByEnvironment();
   if (disabled) return nullptr;
-  thread_local SyncRing ring;
-  thread_local bool tried = false;
-  if (!tried) {
-    tried = true;
+  auto& ring = ofThisThread();
+  if (!ring.tried_) {
+    ring.tried_ = true;
     ring.ready_ = ring.setUp();
   }
   return ring.ready_ ? &ring : nullptr;
+}
+
+void SyncRing::refuseForThisThread() noexcept {
+  auto& ring = ofThisThread();
+  ring.tried_ = true;
+  if (std::exchange(ring.ready_, false)) io_uring_queue_exit(&ring.ring_);
 }
 
 bool SyncRing::setUp() noexcept {

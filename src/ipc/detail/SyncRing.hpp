@@ -26,6 +26,9 @@ class SyncRing {
   /// The calling thread's ring, made on first use; nullptr when io_uring cannot be used. The ring
   /// belongs to the thread and is closed when the thread ends.
   static SyncRing* forThisThread() noexcept;
+  /// From now on the calling thread makes the plain system calls: its ring, if it has one, is
+  /// closed and none is made again.
+  static void refuseForThisThread() noexcept;
 
   /// epoll_ctl(epoll, EPOLL_CTL_MOD, fd, disarm) when `disarm` is given, then
   /// sendmsg(fd, message, MSG_DONTWAIT | MSG_NOSIGNAL). Returns what sendmsg returns, with a
@@ -43,11 +46,14 @@ class SyncRing {
   ~SyncRing();
 
  private:
+  /// The calling thread's ring object, ready or not.
+  static SyncRing& ofThisThread() noexcept;
   bool setUp() noexcept;
   /// Submits the two prepared requests and waits for both; their results, first and second.
   std::pair<int, int> runPair() noexcept;
 
   io_uring ring_{};
+  bool tried_ = false;  // setUp has run, or the thread refused a ring
   bool ready_ = false;
 };
 
