@@ -1,8 +1,11 @@
 // Round trips over the connection facility against the floor: a raw AF_UNIX ping-pong carrying
 // the same payload. Every case runs twice: threads unpinned, and every thread of both sides
 // pinned to one CPU (threads inherit the affinity of the thread that creates them, so the
-// Listener and Connection are made after pinning). The facility cases report `ratio`: their time
-// per round trip over the raw one of the same placement, measured earlier in the same run.
+// Listener and Connection are made after pinning). The facility round-trip cases report `ratio`:
+// their time per round trip over that of a raw ping-pong run right after them, in the same
+// placement and for as many round trips, so that the drift of a shared machine's speed between
+// repetitions does not show in it. `vcsw` and `ivcsw` count the voluntary and involuntary
+// context switches of the whole process per round trip.
 
 #include <corvane/ipc/Connection.hpp>
 #include <corvane/ipc/Listener.hpp>
@@ -16,6 +19,7 @@
 #include <filesystem>
 #include <mutex>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -26,7 +30,17 @@ using corvane::Bytes;
 using namespace corvane::ipc;
 
 constexpr std::size_t payloadSize = 64;
-std::array<double, 2> rawNanoseconds{};  // per placement
+
+/// Context switches of the whole process so far.
+struct Switches {
+  long voluntary = 0;
+  long involuntary = 0;
+  static Switches now() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return {usage.ru_nvcsw, usage.ru_nivcsw};
+  }
+};
 
 /// Pins the calling thread (and so the threads it creates) to CPU 0 for its lifetime.
 class Placement {
@@ -50,38 +64,99 @@ class Placement {
   cpu_set_t saved_{};
 };
 
+/// A socket pair whose far end echoes every payload from a thread of its own.
+class RawPingPong {
+ public:
+  RawPingPong() {
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_.data());
+    server_ = std::jthread([fd = fds_[1]] {
+      std::array<char, payloadSize> buffer{};
+      for (;;) {
+        std::size_t got = 0;
+        while (got < buffer.size()) {
+          const ssize_t n = recv(fd, buffer.data() + got, buffer.size() - got, 0);
+          if (n <= 0) return;
+          got += static_cast<std::size_t>(n);
+        }
+        send(fd, buffer.data(), buffer.size(), MSG_NOSIGNAL);
+      }
+    });
+  }
+  ~RawPingPong() {
+    shutdown(fds_[0], SHUT_RDWR);
+    server_.join();
+    close(fds_[0]);
+    close(fds_[1]);
+  }
+  RawPingPong(const RawPingPong&) = delete;
+  RawPingPong& operator=(const RawPingPong&) = delete;
+
+  void roundTrip() {
+    send(fds_[0], buffer_.data(), buffer_.size(), MSG_NOSIGNAL);
+    std::size_t got = 0;
+    while (got < buffer_.size()) {
+      const ssize_t n = recv(fds_[0], buffer_.data() + got, buffer_.size() - got, 0);
+      if (n <= 0) return;
+      got += static_cast<std::size_t>(n);
+    }
+  }
+
+  /// Nanoseconds per round trip over `count` round trips.
+  static double measure(std::int64_t count) {
+    RawPingPong raw;
+    raw.roundTrip();
+    const auto start = std::chrono::steady_clock::now();
+    for (std::int64_t i = 0; i < count; ++i) raw.roundTrip();
+    const std::chrono::duration<double, std::nano> elapsed =
+        std::chrono::steady_clock::now() - start;
+    return elapsed.count() / static_cast<double>(count);
+  }
+
+ private:
+  std::array<int, 2> fds_{};
+  std::jthread server_;
+  std::array<char, payloadSize> buffer_{};
+};
+
+/// Times the benchmark loop and reports what the file comment describes.
+class RoundTrips {
+ public:
+  RoundTrips(benchmark::State& state, bool pinned)
+      : state_(state), pinned_(pinned), start_(std::chrono::steady_clock::now()) {}
+  RoundTrips(const RoundTrips&) = delete;
+  RoundTrips& operator=(const RoundTrips&) = delete;
+
+  /// Call right after the loop. With `againstRaw`, also measures the floor and reports `ratio`.
+  void report(bool againstRaw) {
+    const std::chrono::duration<double, std::nano> elapsed =
+        std::chrono::steady_clock::now() - start_;
+    const auto after = Switches::now();
+    const auto iterations = static_cast<double>(state_.iterations());
+    const double nanoseconds = elapsed.count() / iterations;
+    state_.counters["ns_per_call"] = nanoseconds;
+    state_.counters["vcsw"] =
+        static_cast<double>(after.voluntary - switches_.voluntary) / iterations;
+    state_.counters["ivcsw"] =
+        static_cast<double>(after.involuntary - switches_.involuntary) / iterations;
+    if (againstRaw)
+      state_.counters["ratio"] = nanoseconds / RawPingPong::measure(state_.iterations());
+    state_.SetLabel(pinned_ ? "pinned" : "unpinned");
+  }
+
+ private:
+  benchmark::State& state_;
+  bool pinned_;
+  Switches switches_ = Switches::now();
+  std::chrono::steady_clock::time_point start_;
+};
+
 void rawPingPong(benchmark::State& state) {
   const bool pinned = state.range(0) != 0;
   Placement placement(pinned);
-  std::array<int, 2> fds{};
-  socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data());
-  std::jthread server([fd = fds[1]] {
-    std::array<char, payloadSize> buffer{};
-    for (;;) {
-      std::size_t got = 0;
-      while (got < buffer.size()) {
-        const ssize_t n = recv(fd, buffer.data() + got, buffer.size() - got, 0);
-        if (n <= 0) return;
-        got += static_cast<std::size_t>(n);
-      }
-      send(fd, buffer.data(), buffer.size(), MSG_NOSIGNAL);
-    }
-  });
-  std::array<char, payloadSize> buffer{};
-  const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    send(fds[0], buffer.data(), buffer.size(), MSG_NOSIGNAL);
-    std::size_t got = 0;
-    while (got < buffer.size())
-      got += static_cast<std::size_t>(recv(fds[0], buffer.data() + got, buffer.size() - got, 0));
-  }
-  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
-  rawNanoseconds[pinned ? 1 : 0] = elapsed.count() / static_cast<double>(state.iterations());
-  shutdown(fds[0], SHUT_RDWR);
-  server.join();
-  close(fds[0]);
-  close(fds[1]);
-  state.SetLabel(pinned ? "pinned" : "unpinned");
+  RawPingPong raw;
+  RoundTrips timing(state, pinned);
+  for (auto _ : state) raw.roundTrip();
+  timing.report(false);
 }
 
 /// An in-process echo service and a resumed connection to it.
@@ -114,13 +189,6 @@ struct Setup {
   }
 };
 
-void reportRatio(benchmark::State& state, bool pinned, double nanoseconds) {
-  state.counters["ns_per_call"] = nanoseconds;
-  if (rawNanoseconds[pinned ? 1 : 0] > 0)
-    state.counters["ratio"] = nanoseconds / rawNanoseconds[pinned ? 1 : 0];
-  state.SetLabel(pinned ? "pinned" : "unpinned");
-}
-
 void facilitySync(benchmark::State& state) {
   const bool pinned = state.range(0) != 0;
   Placement placement(pinned);
@@ -130,12 +198,11 @@ void facilitySync(benchmark::State& state) {
   });
   const std::string payload(payloadSize, 'x');
   proxy.call("echo:reply:", Bytes(payload), [](Bytes) {});  // connect outside the timing
-  const auto start = std::chrono::steady_clock::now();
+  RoundTrips timing(state, pinned);
   for (auto _ : state) {
     proxy.call("echo:reply:", Bytes(payload), [](Bytes reply) { benchmark::DoNotOptimize(reply); });
   }
-  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
-  reportRatio(state, pinned, elapsed.count() / static_cast<double>(state.iterations()));
+  timing.report(true);
 }
 
 /// Asynchronous calls with up to `window` in flight; reports calls per second.
@@ -186,7 +253,7 @@ void facilityAsyncRoundTrip(benchmark::State& state) {
   const std::string payload(payloadSize, 'x');
   std::mutex mutex;
   std::condition_variable done;
-  const auto start = std::chrono::steady_clock::now();
+  RoundTrips timing(state, pinned);
   for (auto _ : state) {
     bool replied = false;
     proxy.call("echo:reply:", Bytes(payload), [&](Bytes) {
@@ -199,8 +266,7 @@ void facilityAsyncRoundTrip(benchmark::State& state) {
     std::unique_lock lock(mutex);
     done.wait(lock, [&] { return replied; });
   }
-  const std::chrono::duration<double, std::nano> elapsed = std::chrono::steady_clock::now() - start;
-  reportRatio(state, pinned, elapsed.count() / static_cast<double>(state.iterations()));
+  timing.report(true);
 }
 
 }  // namespace
