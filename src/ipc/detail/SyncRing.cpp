@@ -3,12 +3,16 @@
 #include <corvane/platform/LogCategory.hpp>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <memory>
+#include <pthread.h>
 #include <string_view>
 #include <system_error>
+#include <tuple>
+#include <utility>
 
 namespace corvane::ipc::detail {
 
@@ -17,6 +21,14 @@ namespace {
 constexpr unsigned ringEntries = 4;
 /// A result for a request the kernel never took.
 constexpr int notRun = INT_MIN;
+
+/// Counts the forks this process descends from since it first looked for a ring, so that a
+/// thread can tell a ring of its parent's (set up in an earlier generation) from its own.
+std::atomic<unsigned> forkGeneration{0};
+
+void afterForkInChild() noexcept {
+  forkGeneration.fetch_add(1, std::memory_order_relaxed);
+}
 
 bool disabledByEnvironment() noexcept {
   const char* value = std::getenv("CORVANE_IPC_IO_URING");  // NOLINT(concurrency-mt-unsafe)
@@ -42,11 +54,23 @@ SyncRing& SyncRing::ofThisThread() noexcept {
 }
 
 SyncRing* SyncRing::forThisThread() noexcept {
-  static const bool disabled = disabledByEnvironment();
+  static const bool disabled = [] {
+    // Before any ring exists, so that every fork that could copy one is counted.
+    ::pthread_atfork(nullptr, nullptr, afterForkInChild);
+    return disabledByEnvironment();
+  }();
   if (disabled) return nullptr;
   auto& ring = ofThisThread();
+  if (ring.refused_) return nullptr;
+  const unsigned generation = forkGeneration.load(std::memory_order_relaxed);
+  if (ring.tried_ && ring.generation_ != generation) {
+    // Set up by the parent: its submission queue is the parent's memory as well.
+    ring.release();
+    ring.tried_ = false;
+  }
   if (!ring.tried_) {
     ring.tried_ = true;
+    ring.generation_ = generation;
     ring.ready_ = ring.setUp();
   }
   return ring.ready_ ? &ring : nullptr;
@@ -54,8 +78,12 @@ SyncRing* SyncRing::forThisThread() noexcept {
 
 void SyncRing::refuseForThisThread() noexcept {
   auto& ring = ofThisThread();
-  ring.tried_ = true;
-  if (std::exchange(ring.ready_, false)) io_uring_queue_exit(&ring.ring_);
+  ring.refused_ = true;
+  ring.release();
+}
+
+void SyncRing::release() noexcept {
+  if (std::exchange(ready_, false)) io_uring_queue_exit(&ring_);
 }
 
 bool SyncRing::setUp() noexcept {
@@ -72,7 +100,7 @@ bool SyncRing::setUp() noexcept {
 }
 
 SyncRing::~SyncRing() {
-  if (ready_) io_uring_queue_exit(&ring_);
+  release();
 }
 
 std::pair<int, int> SyncRing::runPair() noexcept {
@@ -98,17 +126,16 @@ std::pair<int, int> SyncRing::runPair() noexcept {
     io_uring_cqe_seen(&ring_, completion);
     --pending;
   }
-  if (broken) {
-    // Requests the kernel did not take stay in the queue; the ring is not used again.
-    io_uring_queue_exit(&ring_);
-    ready_ = false;
-  }
+  // Requests the kernel did not take stay in the queue; the ring is not used again.
+  if (broken) release();
   return {results[0], results[1]};
 }
 
 ssize_t SyncRing::disarmAndSend(int epoll, int fd, const epoll_event* disarm,
                                 const msghdr& message) {
-  if (disarm == nullptr) {
+  if (disarm == nullptr || !ready_) {
+    // A ring that failed earlier in this call: the same calls, made plainly.
+    if (disarm != nullptr) ::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, const_cast<epoll_event*>(disarm));
     const ssize_t sent = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     return sent < 0 ? -errno : sent;
   }
@@ -131,20 +158,25 @@ ssize_t SyncRing::disarmAndSend(int epoll, int fd, const epoll_event* disarm,
 
 ssize_t SyncRing::receiveAndArm(int fd, std::span<std::byte> buffer, int epoll,
                                 const epoll_event& arm) {
-  io_uring_sqe* receive = io_uring_get_sqe(&ring_);
-  io_uring_sqe* control = io_uring_get_sqe(&ring_);
-  if (receive == nullptr || control == nullptr) return -EAGAIN;  // never: the ring is empty now
-  io_uring_prep_recv(receive, fd, buffer.data(), buffer.size(), 0);
-  io_uring_sqe_set_data64(receive, 1);
-  receive->flags |= IOSQE_IO_HARDLINK;  // armed again whatever recv returned
-  io_uring_prep_epoll_ctl(control, epoll, fd, EPOLL_CTL_MOD, const_cast<epoll_event*>(&arm));
-  io_uring_sqe_set_data64(control, 2);
-  auto [received, controlled] = runPair();
-  if (controlled == notRun) ::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, const_cast<epoll_event*>(&arm));
+  int received = notRun;
+  int controlled = notRun;
+  if (ready_) {
+    io_uring_sqe* receive = io_uring_get_sqe(&ring_);
+    io_uring_sqe* control = io_uring_get_sqe(&ring_);
+    if (receive == nullptr || control == nullptr) return -EAGAIN;  // never: the ring is empty now
+    io_uring_prep_recv(receive, fd, buffer.data(), buffer.size(), 0);
+    io_uring_sqe_set_data64(receive, 1);
+    receive->flags |= IOSQE_IO_HARDLINK;  // armed again whatever recv returned
+    io_uring_prep_epoll_ctl(control, epoll, fd, EPOLL_CTL_MOD, const_cast<epoll_event*>(&arm));
+    io_uring_sqe_set_data64(control, 2);
+    std::tie(received, controlled) = runPair();
+  }
   while (received == -EINTR || received == notRun) {
     received = static_cast<int>(::recv(fd, buffer.data(), buffer.size(), 0));
     if (received < 0) received = -errno;
   }
+  // Armed after the read, as the ring would have done.
+  if (controlled == notRun) ::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, const_cast<epoll_event*>(&arm));
   return received;
 }
 

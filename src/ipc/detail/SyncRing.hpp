@@ -20,7 +20,8 @@ namespace corvane::ipc::detail {
 ///
 /// Kernels without io_uring, or where it is forbidden (seccomp, the io_uring_disabled sysctl),
 /// and a process that sets CORVANE_IPC_IO_URING=0 get no ring: the caller makes the plain system
-/// calls instead.
+/// calls instead. So does a call whose ring fails under it. A child process never submits to a
+/// ring it inherited, whose memory it shares with its parent: its thread gets a ring of its own.
 class SyncRing {
  public:
   /// The calling thread's ring, made on first use; nullptr when io_uring cannot be used. The ring
@@ -49,12 +50,16 @@ class SyncRing {
   /// The calling thread's ring object, ready or not.
   static SyncRing& ofThisThread() noexcept;
   bool setUp() noexcept;
+  /// Unmaps and closes this process's copy of the ring, if it has one; submits nothing.
+  void release() noexcept;
   /// Submits the two prepared requests and waits for both; their results, first and second.
   std::pair<int, int> runPair() noexcept;
 
   io_uring ring_{};
-  bool tried_ = false;  // setUp has run, or the thread refused a ring
+  bool tried_ = false;    // setUp has run (in this process)
+  bool refused_ = false;  // the thread refused a ring
   bool ready_ = false;
+  unsigned generation_ = 0;  // of the process that set the ring up (see forThisThread)
 };
 
 }  // namespace corvane::ipc::detail

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -129,6 +130,43 @@ TEST_F(SyncRingTest, AFullSocketFailsTheSendAtOnce) {
   for (int i = 0; i < 10000 && sent >= 0; ++i)
     sent = ring_->disarmAndSend(epoll_.get(), ours_->get(), &event, message);
   EXPECT_EQ(sent, -EAGAIN);
+}
+
+TEST_F(SyncRingTest, AForkedChildUsesARingOfItsOwnAndLeavesTheParentsAlone) {
+  iovec part{};
+  const auto off = disarmed();
+  const auto before = messageFor("parent", part);
+  ASSERT_EQ(ring_->disarmAndSend(epoll_.get(), ours_->get(), &off, before), 6);
+  std::array<char, 16> got{};
+  ASSERT_EQ(::recv(theirs_->get(), got.data(), got.size(), 0), 6);
+
+  // The child makes a whole synchronous round trip; its exit status says how far it got.
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    SyncRing* mine = SyncRing::forThisThread();
+    if (mine == nullptr) ::_exit(2);
+    iovec childPart{};
+    const auto call = messageFor("child", childPart);
+    if (mine->disarmAndSend(epoll_.get(), ours_->get(), &off, call) != 5) ::_exit(3);
+    std::array<char, 16> seen{};
+    if (::recv(theirs_->get(), seen.data(), seen.size(), 0) != 5) ::_exit(4);
+    if (::send(theirs_->get(), "answer", 6, 0) != 6) ::_exit(5);
+    std::array<std::byte, 16> buffer{};
+    if (mine->receiveAndArm(ours_->get(), buffer, epoll_.get(), armed()) != 6) ::_exit(6);
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+
+  // Had the child submitted to the ring it inherited, its requests would run here as well.
+  const auto after = messageFor("again", part);
+  EXPECT_EQ(ring_->disarmAndSend(epoll_.get(), ours_->get(), &off, after), 5);
+  ASSERT_EQ(::recv(theirs_->get(), got.data(), got.size(), 0), 5);
+  EXPECT_EQ(std::string_view(got.data(), 5), "again");
+  EXPECT_EQ(::recv(theirs_->get(), got.data(), got.size(), MSG_DONTWAIT), -1) << "nothing more";
 }
 
 }  // namespace
