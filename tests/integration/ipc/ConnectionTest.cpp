@@ -138,6 +138,13 @@ struct Events {
     return std::all_of(errorList.begin(), errorList.end(),
                        [&](const auto& e) { return e.is(code); });
   }
+  /// What a failed expectation shows: how many replies came and which errors.
+  std::string summary() {
+    std::string text = fmt::format("{} replies, {} errors", replies.value(), errors.value());
+    const std::lock_guard list(mutex);
+    for (const auto& e : errorList) text += "; " + e.description();
+    return text;
+  }
 };
 
 class ConnectionTest : public ::testing::Test {
@@ -197,7 +204,7 @@ TEST_F(ConnectionTest, ConcurrentAsyncAndSyncCallsGetTheirOwnReplies) {
     });
   }
   workers.clear();
-  ASSERT_TRUE(events.replies.waitFor(threads * asyncPerThread));
+  ASSERT_TRUE(events.replies.waitFor(threads * asyncPerThread)) << events.summary();
   EXPECT_EQ(mismatches.load(), 0);
   EXPECT_EQ(events.errors.value(), 0);
   EXPECT_EQ(service.credentials().size(), 1U) << "one connection serves every thread";
@@ -503,8 +510,9 @@ TEST_F(ConnectionTest, SyncCallersGetTheirRepliesWhilePushesAndAsyncRepliesInter
     });
   }
   callers.clear();
-  ASSERT_TRUE(asyncReplies.waitFor(asyncCalls));
-  ASSERT_TRUE(events.replies.waitFor(threads * pushesPerThread));
+  ASSERT_TRUE(asyncReplies.waitFor(asyncCalls))
+      << asyncReplies.value() << " async replies; " << events.summary();
+  ASSERT_TRUE(events.replies.waitFor(threads * pushesPerThread)) << events.summary();
   EXPECT_EQ(mismatches.load(), 0);
   EXPECT_EQ(events.errors.value(), 0);
   const std::lock_guard list(pushedMutex);
