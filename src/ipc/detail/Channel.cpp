@@ -69,8 +69,7 @@ Channel::Channel(const std::shared_ptr<Runtime>& runtime, int fd, Role role,
       role_(role),
       owner_(std::move(owner)),
       maxCallsInFlight_(maxCallsInFlight),
-      credentials_(peerCredentials(fd)),
-      writesHeld_(role == Role::service) {
+      credentials_(peerCredentials(fd)) {
   // Blocking, so that a synchronous caller can wait in recv(2); see the class comment.
   ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
   if (writeFd_ < 0) {
@@ -88,8 +87,9 @@ Channel::~Channel() {
 
 void Channel::start() {
   if (role_ == Role::client) {
+    // Callers that found the channel before this point have queued their frames behind it.
     const std::lock_guard writing(writeMutex_);
-    writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
+    helloAheadOfHeldLocked();
   }
   auto runtime = runtime_.lock();
   if (!runtime) return;
@@ -263,6 +263,23 @@ bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string
     armFlushLocked();
   }
   return true;
+}
+
+void Channel::helloAheadOfHeldLocked() {
+  std::vector<std::byte> held(outQueue_.begin() + static_cast<std::ptrdiff_t>(outSent_),
+                              outQueue_.end());
+  outQueue_.clear();
+  outSent_ = 0;
+  writesHeld_ = false;
+  if (held.empty()) {
+    writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
+    return;
+  }
+  encodeFrameHeader(header_, FrameKind::hello, 0, {}, true, helloPayload.size());
+  queueLocked(header_);
+  queueLocked(Bytes(helloPayload).span());
+  queueLocked(held);
+  armFlushLocked();
 }
 
 void Channel::queueLocked(std::span<const std::byte> bytes) {
@@ -591,20 +608,7 @@ void Channel::handleHello(Frame& frame) {
     if (role_ == Role::service) {
       // Answer the HELLO ahead of anything the service queued meanwhile.
       const std::lock_guard writing(writeMutex_);
-      std::vector<std::byte> held(outQueue_.begin() + static_cast<std::ptrdiff_t>(outSent_),
-                                  outQueue_.end());
-      outQueue_.clear();
-      outSent_ = 0;
-      writesHeld_ = false;
-      if (held.empty()) {
-        writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
-      } else {
-        encodeFrameHeader(header_, FrameKind::hello, 0, {}, true, helloPayload.size());
-        queueLocked(header_);
-        queueLocked(Bytes(helloPayload).span());
-        queueLocked(held);
-        armFlushLocked();
-      }
+      helloAheadOfHeldLocked();
     }
     return;
   }

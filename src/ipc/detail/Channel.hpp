@@ -119,6 +119,8 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   bool writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
                         const std::optional<Bytes>& payload, SyncRing* disarmWith = nullptr,
                         bool defer = false);
+  /// Writes this side's HELLO ahead of the frames held back until now, and stops holding them.
+  void helloAheadOfHeldLocked();
   void queueLocked(std::span<const std::byte> bytes);
   void armFlushLocked();
   void flush();
@@ -190,7 +192,9 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   // Write side, under writeMutex_.
   mutable std::mutex writeMutex_;
   bool open_ = true;
-  bool writesHeld_;  // the service holds its frames until it has answered the client's HELLO
+  // Frames wait behind this side's HELLO: a client's until start() writes it (a caller can find
+  // the channel first), a service's until it answers the client's.
+  bool writesHeld_ = true;
   bool flushArmed_ = false;
   std::uint64_t nextSerial_ = 1;
   std::vector<std::byte> header_;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <future>
+#include <latch>
 #include <map>
 #include <numeric>
 #include <thread>
@@ -208,6 +209,38 @@ TEST_F(ConnectionTest, ConcurrentAsyncAndSyncCallsGetTheirOwnReplies) {
   EXPECT_EQ(mismatches.load(), 0);
   EXPECT_EQ(events.errors.value(), 0);
   EXPECT_EQ(service.credentials().size(), 1U) << "one connection serves every thread";
+}
+
+TEST_F(ConnectionTest, CallsRacingTheFirstConnectLeaveBehindItsHello) {
+  // Whoever loses the race to connect finds the new channel at once; its call must still leave
+  // after the HELLO, or the service refuses the connection and every call fails.
+  TestService service(directory.path());
+  constexpr int rounds = 200;
+  constexpr int callers = 6;
+  for (int round = 0; round < rounds; ++round) {
+    auto connection = makeConnection();
+    connection->resume();
+    const auto async = connection->remoteObjectProxy<TestProtocol>(onError());
+    const auto sync = connection->synchronousRemoteObjectProxy<TestProtocol>(onError());
+    Counter replies;
+    std::latch go(callers);
+    {
+      std::vector<std::jthread> threads;
+      for (int t = 0; t < callers; ++t) {
+        threads.emplace_back([&, t] {
+          go.arrive_and_wait();
+          if (t % 2 == 0) {
+            async.echo(text("[1]"), [&](Bytes) { replies.add(); });
+          } else {
+            sync.echo(text("[2]"), [&](Bytes) { replies.add(); });
+          }
+        });
+      }
+    }
+    ASSERT_TRUE(replies.waitFor(callers)) << "round " << round << ": " << events.summary();
+  }
+  EXPECT_EQ(events.errors.value(), 0);
+  EXPECT_EQ(service.credentials().size(), static_cast<std::size_t>(rounds));
 }
 
 TEST_F(ConnectionTest, SyncCallFromInsideDeliveryCallbacksCompletes) {
