@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <mutex>
 #include <sched.h>
+#include <span>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
@@ -64,6 +65,17 @@ class Placement {
   cpu_set_t saved_{};
 };
 
+/// Reads exactly `buffer.size()` bytes; false once the socket has ended.
+bool receiveAll(int fd, std::span<char> buffer) {
+  std::size_t got = 0;
+  while (got < buffer.size()) {
+    const ssize_t n = recv(fd, buffer.data() + got, buffer.size() - got, 0);
+    if (n <= 0) return false;
+    got += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
 /// A socket pair whose far end echoes every payload from a thread of its own.
 class RawPingPong {
  public:
@@ -71,15 +83,7 @@ class RawPingPong {
     socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_.data());
     server_ = std::jthread([fd = fds_[1]] {
       std::array<char, payloadSize> buffer{};
-      for (;;) {
-        std::size_t got = 0;
-        while (got < buffer.size()) {
-          const ssize_t n = recv(fd, buffer.data() + got, buffer.size() - got, 0);
-          if (n <= 0) return;
-          got += static_cast<std::size_t>(n);
-        }
-        send(fd, buffer.data(), buffer.size(), MSG_NOSIGNAL);
-      }
+      while (receiveAll(fd, buffer)) send(fd, buffer.data(), buffer.size(), MSG_NOSIGNAL);
     });
   }
   ~RawPingPong() {
@@ -93,12 +97,7 @@ class RawPingPong {
 
   void roundTrip() {
     send(fds_[0], buffer_.data(), buffer_.size(), MSG_NOSIGNAL);
-    std::size_t got = 0;
-    while (got < buffer_.size()) {
-      const ssize_t n = recv(fds_[0], buffer_.data() + got, buffer_.size() - got, 0);
-      if (n <= 0) return;
-      got += static_cast<std::size_t>(n);
-    }
+    receiveAll(fds_[0], buffer_);
   }
 
   /// Nanoseconds per round trip over `count` round trips.

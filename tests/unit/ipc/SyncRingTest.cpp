@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -79,6 +80,19 @@ class SyncRingTest : public testing::Test {
     return message;
   }
 
+  /// Sends `text` from our end through the ring, disarming first; what disarmAndSend returned.
+  ssize_t sendThroughRing(std::string_view text) {
+    iovec part{};
+    const auto off = disarmed();
+    return ring_->disarmAndSend(epoll_.get(), ours_->get(), &off, messageFor(text, part));
+  }
+  /// What the other end reads (waiting until something arrives).
+  std::string theyReceive() const {
+    std::array<char, 64> got{};
+    const ssize_t n = ::recv(theirs_->get(), got.data(), got.size(), 0);
+    return n > 0 ? std::string(got.data(), static_cast<std::size_t>(n)) : std::string();
+  }
+
   SyncRing* ring_ = nullptr;
   Fd epoll_{::epoll_create1(EPOLL_CLOEXEC)};
   std::optional<Fd> ours_;
@@ -86,14 +100,8 @@ class SyncRingTest : public testing::Test {
 };
 
 TEST_F(SyncRingTest, SendsAfterDisarmingSoTheAnswerReportsNothing) {
-  iovec part{};
-  const auto event = disarmed();
-  const auto message = messageFor("call", part);
-  EXPECT_EQ(ring_->disarmAndSend(epoll_.get(), ours_->get(), &event, message), 4);
-
-  std::array<char, 8> got{};
-  ASSERT_EQ(::recv(theirs_->get(), got.data(), got.size(), 0), 4);
-  EXPECT_EQ(std::string_view(got.data(), 4), "call");
+  EXPECT_EQ(sendThroughRing("call"), 4);
+  EXPECT_EQ(theyReceive(), "call");
   ASSERT_EQ(::send(theirs_->get(), "answer", 6, 0), 6);
   EXPECT_FALSE(reported());
 }
@@ -133,12 +141,8 @@ TEST_F(SyncRingTest, AFullSocketFailsTheSendAtOnce) {
 }
 
 TEST_F(SyncRingTest, AForkedChildUsesARingOfItsOwnAndLeavesTheParentsAlone) {
-  iovec part{};
-  const auto off = disarmed();
-  const auto before = messageFor("parent", part);
-  ASSERT_EQ(ring_->disarmAndSend(epoll_.get(), ours_->get(), &off, before), 6);
-  std::array<char, 16> got{};
-  ASSERT_EQ(::recv(theirs_->get(), got.data(), got.size(), 0), 6);
+  ASSERT_EQ(sendThroughRing("parent"), 6);
+  ASSERT_EQ(theyReceive(), "parent");
 
   // The child makes a whole synchronous round trip; its exit status says how far it got.
   const pid_t child = ::fork();
@@ -146,11 +150,11 @@ TEST_F(SyncRingTest, AForkedChildUsesARingOfItsOwnAndLeavesTheParentsAlone) {
   if (child == 0) {
     SyncRing* mine = SyncRing::forThisThread();
     if (mine == nullptr) ::_exit(2);
-    iovec childPart{};
-    const auto call = messageFor("child", childPart);
-    if (mine->disarmAndSend(epoll_.get(), ours_->get(), &off, call) != 5) ::_exit(3);
-    std::array<char, 16> seen{};
-    if (::recv(theirs_->get(), seen.data(), seen.size(), 0) != 5) ::_exit(4);
+    iovec part{};
+    const auto off = disarmed();
+    if (mine->disarmAndSend(epoll_.get(), ours_->get(), &off, messageFor("child", part)) != 5)
+      ::_exit(3);
+    if (theyReceive() != "child") ::_exit(4);
     if (::send(theirs_->get(), "answer", 6, 0) != 6) ::_exit(5);
     std::array<std::byte, 16> buffer{};
     if (mine->receiveAndArm(ours_->get(), buffer, epoll_.get(), armed()) != 6) ::_exit(6);
@@ -162,11 +166,10 @@ TEST_F(SyncRingTest, AForkedChildUsesARingOfItsOwnAndLeavesTheParentsAlone) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 
   // Had the child submitted to the ring it inherited, its requests would run here as well.
-  const auto after = messageFor("again", part);
-  EXPECT_EQ(ring_->disarmAndSend(epoll_.get(), ours_->get(), &off, after), 5);
-  ASSERT_EQ(::recv(theirs_->get(), got.data(), got.size(), 0), 5);
-  EXPECT_EQ(std::string_view(got.data(), 5), "again");
-  EXPECT_EQ(::recv(theirs_->get(), got.data(), got.size(), MSG_DONTWAIT), -1) << "nothing more";
+  EXPECT_EQ(sendThroughRing("again"), 5);
+  EXPECT_EQ(theyReceive(), "again");
+  std::array<char, 16> more{};
+  EXPECT_EQ(::recv(theirs_->get(), more.data(), more.size(), MSG_DONTWAIT), -1) << "nothing more";
 }
 
 }  // namespace
