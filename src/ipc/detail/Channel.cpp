@@ -134,10 +134,9 @@ void Channel::ready(bool writable, bool hungUp) {
 
 void Channel::send(Outgoing outgoing) noexcept {
   // A synchronous caller takes the reading before its call leaves, so that the answer cannot
-  // wake a worker first. With a ring, disarming the registration goes with the write.
+  // wake a worker first.
   const bool synchronous = outgoing.expectsReply && outgoing.sync;
-  SyncRing* ring = synchronous ? SyncRing::forThisThread() : nullptr;
-  bool reading = synchronous && takeReading(ring != nullptr);
+  bool reading = synchronous && takeReading();
   try {
     const auto kind = outgoing.expectsReply ? FrameKind::call : FrameKind::message;
     std::shared_ptr<SyncSlot> waiting;
@@ -160,14 +159,13 @@ void Channel::send(Outgoing outgoing) noexcept {
           pending_.emplace(serial, Pending{std::move(outgoing.reply), std::move(outgoing.onError),
                                            std::move(outgoing.sync)});
         }
-        writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument,
-                         reading ? ring : nullptr, defer);
+        writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument, defer);
         if (!outgoing.expectsReply && outgoing.sync) outgoing.sync->complete(Bytes(), std::nullopt);
       }
     }
     if (sent) {
       // A synchronous caller reads its own answer (see awaitOutcome).
-      if (waiting) awaitOutcome(*waiting, std::exchange(reading, false), ring);
+      if (waiting) awaitOutcome(*waiting, std::exchange(reading, false));
       return;
     }
     if (std::exchange(reading, false)) keepReading(ReadResult::open);
@@ -195,8 +193,8 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
     const auto kind = reply ? FrameKind::reply : FrameKind::fault;
     const auto& payload = reply ? reply : fault;
     const std::lock_guard writing(writeMutex_);
-    if (open_ && writeFrameLocked(kind, serial, {}, payload, nullptr, gather) && !gather
-        && !writesHeld_ && outSent_ < outQueue_.size()) {
+    if (open_ && writeFrameLocked(kind, serial, {}, payload, gather) && !gather && !writesHeld_
+        && outSent_ < outQueue_.size()) {
       flushLocked();
     }
   } catch (const std::exception& e) {
@@ -215,14 +213,11 @@ void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
 }
 
 bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                               const std::optional<Bytes>& payload, SyncRing* disarmWith,
-                               bool defer) {
+                               const std::optional<Bytes>& payload, bool defer) {
   encodeFrameHeader(header_, kind, serial, name, payload.has_value(),
                     payload ? payload->size() : 0);
   const std::span<const std::byte> body = payload ? payload->span() : std::span<const std::byte>{};
-  auto runtime = disarmWith != nullptr ? runtime_.lock() : nullptr;
   if (defer || writesHeld_ || outSent_ < outQueue_.size()) {
-    if (runtime) runtime->disarm(fd_, readKey_, Interest::readEdges);
     // Keep frame order: once anything waits, everything after it waits too, and the worker's
     // flush writes all of it at once.
     queueLocked(header_);
@@ -237,10 +232,6 @@ bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string
   message.msg_iovlen = body.empty() ? 1 : 2;
   const std::size_t total = header_.size() + body.size();
   ssize_t written = -EINTR;  // -errno from here on
-  if (runtime) {
-    const auto disarmed = Runtime::registration(readKey_, Interest::readEdges, false);
-    written = disarmWith->disarmAndSend(runtime->epollDescriptor(), fd_, &disarmed, message);
-  }
   while (written == -EINTR) {
     written = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (written < 0) written = -errno;
@@ -412,20 +403,20 @@ Channel::HandBack Channel::handBackLocked(ReadResult result) {
   return HandBack::done;
 }
 
-bool Channel::takeReading(bool disarmLater) {
+bool Channel::takeReading() {
   const std::lock_guard role(readMutex_);
   if (readState_ != ReadState::armed) return false;
   readState_ = ReadState::held;
-  // Until the registration is really disarmed an arrival may still wake a worker; it finds the
-  // reading held and leaves a note.
-  if (std::exchange(readArmed_, false) && !disarmLater) {
+  // An arrival that a worker was told of before the disarm finds the reading held and leaves a
+  // note.
+  if (std::exchange(readArmed_, false)) {
     if (auto runtime = runtime_.lock()) runtime->disarm(fd_, readKey_, Interest::readEdges);
   }
   return true;
 }
 
-void Channel::awaitOutcome(SyncSlot& slot, bool holdsReading, SyncRing* ring) {
-  if (holdsReading) keepReading(readUntilDone(slot, ring));
+void Channel::awaitOutcome(SyncSlot& slot, bool holdsReading) {
+  if (holdsReading) keepReading(readUntilDone(slot, SyncRing::forThisThread()));
   std::unique_lock role(readMutex_);
   for (;;) {
     if (slot.offered) {

@@ -53,11 +53,11 @@ class ChannelOwner {
 /// reads leaves a note (`readAgain_`), and the holder reads again before it gives the reading up.
 /// A synchronous caller takes the reading itself before its call leaves, and disarms the
 /// registration while it holds it, so that its answer wakes nobody but the caller: it waits for
-/// the answer in a blocking recv(2) on its own thread. Frames for others that it reads on the way
-/// are routed exactly as a worker would route them. A caller that finds the reading held waits
-/// for its answer and may be handed the reading when the holder gives it up. Incoming CALLs and
-/// MESSAGEs and the answers to asynchronous calls are queued for delivery in batches; the answer
-/// to a synchronous call goes straight to the caller's slot.
+/// the answer in a recv on its own thread (on its io_uring if it has one, see SyncRing). Frames for
+/// others that it reads on the way are routed exactly as a worker would route them. A caller that
+/// finds the reading held waits for its answer and may be handed the reading when the holder gives
+/// it up. Incoming CALLs and MESSAGEs and the answers to asynchronous calls are queued for delivery
+/// in batches; the answer to a synchronous call goes straight to the caller's slot.
 ///
 /// The socket itself is blocking, for that one recv(2); every other read and write says
 /// MSG_DONTWAIT.
@@ -113,12 +113,10 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   };
 
   // Writing (write lock held by the caller of the *Locked functions).
-  /// Writes a frame, or queues it behind what waits. With `disarmWith`, the read registration is
-  /// disarmed first, in one batch with the write on that ring (see takeReading). With `defer`,
-  /// the frame is queued for a worker's flush even if nothing waits yet.
+  /// Writes a frame, or queues it behind what waits. With `defer`, the frame is queued for a
+  /// worker's flush even if nothing waits yet.
   bool writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                        const std::optional<Bytes>& payload, SyncRing* disarmWith = nullptr,
-                        bool defer = false);
+                        const std::optional<Bytes>& payload, bool defer = false);
   /// Writes this side's HELLO ahead of the frames held back until now, and stops holding them.
   void helloAheadOfHeldLocked();
   void queueLocked(std::span<const std::byte> bytes);
@@ -129,15 +127,13 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
 
   // Reading (by the holder of the reading).
   void onReadable(bool hungUp);
-  /// Takes the reading for a synchronous caller if nobody holds it, and disarms the registration,
-  /// or, with `disarmLater`, leaves that to the caller's write (writeFrameLocked).
-  bool takeReading(bool disarmLater = false);
+  /// Takes the reading for a synchronous caller if nobody holds it, and disarms the registration.
+  bool takeReading();
   /// Waits for a synchronous call's outcome. A caller that took the reading before its call left
-  /// (`holdsReading`) reads its answer itself; with its `ring`, which disarmed the registration
-  /// together with the write, the first read arms the registration again in one batch. Without a
-  /// ring the registration was disarmed by takeReading and is armed when the reading is handed
-  /// back.
-  void awaitOutcome(SyncSlot& slot, bool holdsReading, SyncRing* ring);
+  /// (`holdsReading`) reads its answer itself; on its thread's ring, if it has one, the first read
+  /// and arming the registration again go in one batch. Otherwise the registration is armed when
+  /// the reading is handed back.
+  void awaitOutcome(SyncSlot& slot, bool holdsReading);
   ReadResult readUntilDone(SyncSlot& slot, SyncRing* ring);
   /// Reads from the socket and processes what it read. With `armWith` (waiting for data only),
   /// the read registration is armed again right after the first read, on that ring.

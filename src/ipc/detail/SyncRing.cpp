@@ -10,6 +10,7 @@
 #include <memory>
 #include <pthread.h>
 #include <string_view>
+#include <sys/socket.h>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -42,7 +43,6 @@ struct ProbeDeleter {
 bool supportsOurOperations(io_uring& ring) noexcept {
   const std::unique_ptr<io_uring_probe, ProbeDeleter> probe(io_uring_get_probe_ring(&ring));
   return probe && io_uring_opcode_supported(probe.get(), IORING_OP_EPOLL_CTL) != 0
-         && io_uring_opcode_supported(probe.get(), IORING_OP_SENDMSG) != 0
          && io_uring_opcode_supported(probe.get(), IORING_OP_RECV) != 0;
 }
 
@@ -129,31 +129,6 @@ std::pair<int, int> SyncRing::runPair() noexcept {
   // Requests the kernel did not take stay in the queue; the ring is not used again.
   if (broken) release();
   return {results[0], results[1]};
-}
-
-ssize_t SyncRing::disarmAndSend(int epoll, int fd, const epoll_event* disarm,
-                                const msghdr& message) {
-  if (disarm == nullptr || !ready_) {
-    // A ring that failed earlier in this call: the same calls, made plainly.
-    if (disarm != nullptr) ::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, const_cast<epoll_event*>(disarm));
-    const ssize_t sent = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-    return sent < 0 ? -errno : sent;
-  }
-  io_uring_sqe* control = io_uring_get_sqe(&ring_);
-  io_uring_sqe* send = io_uring_get_sqe(&ring_);
-  if (control == nullptr || send == nullptr) return -EAGAIN;  // never: the ring is empty now
-  io_uring_prep_epoll_ctl(control, epoll, fd, EPOLL_CTL_MOD, const_cast<epoll_event*>(disarm));
-  io_uring_sqe_set_data64(control, 1);
-  // A hard link: the CALL leaves after the disarm, and even if the disarm fails.
-  control->flags |= IOSQE_IO_HARDLINK;
-  // MSG_DONTWAIT makes a full socket fail the send at once instead of leaving it in the ring.
-  io_uring_prep_sendmsg(send, fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-  io_uring_sqe_set_data64(send, 2);
-  const auto [controlled, sent] = runPair();
-  if (controlled == notRun) ::epoll_ctl(epoll, EPOLL_CTL_MOD, fd, const_cast<epoll_event*>(disarm));
-  if (sent != notRun) return sent;
-  const ssize_t plain = ::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-  return plain < 0 ? -errno : plain;
 }
 
 ssize_t SyncRing::receiveAndArm(int fd, std::span<std::byte> buffer, int epoll,
