@@ -196,10 +196,11 @@ void facilitySync(benchmark::State& state) {
     std::fprintf(stderr, "call failed: %s\n", e.description().c_str());
   });
   const std::string payload(payloadSize, 'x');
-  proxy.call("echo:reply:", Bytes(payload), [](Bytes) {});  // connect outside the timing
+  proxy.call("echo:reply:", Bytes(payload), [](const Bytes&) {});  // connect outside the timing
   RoundTrips timing(state, pinned);
   for (auto _ : state) {
-    proxy.call("echo:reply:", Bytes(payload), [](Bytes reply) { benchmark::DoNotOptimize(reply); });
+    proxy.call("echo:reply:", Bytes(payload),
+               [](const Bytes& reply) { benchmark::DoNotOptimize(reply); });
   }
   timing.report(true);
 }
@@ -225,7 +226,7 @@ void facilityAsyncPipelined(benchmark::State& state) {
       room.wait(slots, [&] { return inFlight < window; });
       ++inFlight;
     }
-    proxy.call("echo:reply:", Bytes(payload), [&](Bytes) {
+    proxy.call("echo:reply:", Bytes(payload), [&](const Bytes&) {
       {
         const std::lock_guard slots(mutex);
         --inFlight;
@@ -255,7 +256,7 @@ void facilityAsyncRoundTrip(benchmark::State& state) {
   RoundTrips timing(state, pinned);
   for (auto _ : state) {
     bool replied = false;
-    proxy.call("echo:reply:", Bytes(payload), [&](Bytes) {
+    proxy.call("echo:reply:", Bytes(payload), [&](const Bytes&) {
       {
         const std::lock_guard lock(mutex);
         replied = true;

@@ -24,7 +24,7 @@ using testing::text;
 class EchoServiceProcess {
  public:
   EchoServiceProcess(const std::filesystem::path& directory, int inherited) {
-    const std::string dir = directory.native();
+    const std::string& dir = directory.native();
     pid_ = ::fork();
     if (pid_ == 0) {
       // Only async-signal-safe calls between fork and exec.
@@ -67,7 +67,7 @@ void waitUntilServing(const RemoteProxy& sync) {
   const auto deadline = std::chrono::steady_clock::now() + testing::bound;
   while (std::chrono::steady_clock::now() < deadline) {
     bool ok = false;
-    sync.call("echo:reply:", text("[]"), [&](Bytes) { ok = true; });
+    sync.call("echo:reply:", text("[]"), [&](const Bytes&) { ok = true; });
     if (ok) return;
     std::this_thread::yield();
   }
@@ -93,19 +93,19 @@ void exerciseEchoService(const std::filesystem::path& directory) {
 
   std::string answer;
   sync.call("echo:reply:", text(R"({"any":"bytes"})"),
-            [&](Bytes r) { answer = std::string(r.view()); });
+            [&](const Bytes& r) { answer = std::string(r.view()); });
   EXPECT_EQ(answer, R"({"any":"bytes"})");
-  sync.call("slow:reply:", text("[30]"), [&](Bytes r) { answer = std::string(r.view()); });
+  sync.call("slow:reply:", text("[30]"), [&](const Bytes& r) { answer = std::string(r.view()); });
   EXPECT_EQ(answer, "[30]");
   sync.call("push:reply:", text(R"(["message"])"),
-            [&](Bytes r) { answer = std::string(r.view()); });
+            [&](const Bytes& r) { answer = std::string(r.view()); });
   EXPECT_EQ(answer, R"(["message"])");
   ASSERT_TRUE(pushed.waitFor(1));
   EXPECT_EQ(pushedPayload, R"(["message"])");
   EXPECT_TRUE(errors.empty());
 
-  sync.call("nothing:reply:", text("[]"), [&](Bytes) { ADD_FAILURE(); });
-  sync.call("slow:reply:", text("soon"), [&](Bytes) { ADD_FAILURE(); });
+  sync.call("nothing:reply:", text("[]"), [&](const Bytes&) { ADD_FAILURE(); });
+  sync.call("slow:reply:", text("soon"), [&](const Bytes&) { ADD_FAILURE(); });
   ASSERT_EQ(errors.size(), 2U);
   EXPECT_TRUE(errors[0].is(ConnectionError::peerFault));
   EXPECT_EQ(errors[0].reason(), "unknown operation nothing:reply:");
