@@ -13,7 +13,7 @@ namespace corvane::ipc::detail {
 ///
 /// A synchronous caller that holds the reading of its channel has disarmed the channel's read
 /// registration and written its CALL. It then waits for data and arms the registration again:
-/// on this ring, both go in one io_uring_enter(2), and the wait is woken through the ring. Each
+/// on this ring, both go in one io_uring_enter(2), and the wait is woken through the ring. The
 /// batch is complete when the function returns, so the ring holds nothing between calls and the
 /// caller may release its locks.
 ///
