@@ -1,6 +1,9 @@
 #include "ipc/detail/Channel.hpp"
 #include "ipc/detail/Runtime.hpp"
 
+#include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
+
 #include <corvane/ipc/Connection.hpp>
 #include <corvane/platform/LogCategory.hpp>
 
@@ -69,9 +72,11 @@ class ConnectionCore final : public ChannelOwner,
   ConnectionCore(std::filesystem::path path, ConnectionOptions options)
       : path_(std::move(path)),
         options_(std::move(options)),
-        runtime_(std::make_shared<Runtime>()) {}
+        runtime_(std::make_shared<Runtime>(2)),
+        delivery_(boost::asio::make_strand(Executor(runtime_))) {}
 
   [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+  [[nodiscard]] DeliveryExecutor executor() const override { return delivery_; }
 
   template <class Field, class Value>
   void set(Field ConnectionCore::*field, Value value) {
@@ -92,10 +97,10 @@ class ConnectionCore final : public ChannelOwner,
       state_ = State::invalidated;
       channel = std::move(channel_);
     }
-    // Closing waits until the calls in flight have their error handlers queued, so they run
-    // before the invalidation handler.
-    if (channel) channel->closeNow(CloseReason::invalidated, reason);
-    announceInvalidation();
+    // The channel queues the outcomes of its calls in flight first, so they run before the
+    // invalidation handler.
+    if (channel) channel->close(CloseReason::invalidated, reason);
+    boost::asio::post(delivery_, [self = shared_from_this()] { self->runInvalidationHandler(); });
   }
 
   void shutdown() {
@@ -104,42 +109,43 @@ class ConnectionCore final : public ChannelOwner,
   }
 
   RemoteProxy proxy(ErrorHandler errorHandler, bool synchronous) {
-    std::optional<InterfaceDescription> remote;
-    {
-      const std::lock_guard state(mutex_);
-      remote = remoteInterface_;
-    }
-    return {shared_from_this(), std::move(errorHandler), std::move(remote), synchronous};
+    return {shared_from_this(), std::move(errorHandler), synchronous};
   }
 
   void send(Outgoing outgoing) noexcept override {
     try {
       std::optional<CallError> error;
-      auto channel = acquireChannel(error);
-      if (!channel) {
-        refuse(std::move(outgoing), std::move(*error));
+      std::shared_ptr<const InterfaceDescription> remote;
+      {
+        const std::lock_guard state(mutex_);
+        remote = remoteInterface_;
+      }
+      error = checkOutgoing(remote.get(), outgoing.operation, outgoing.shape);
+      std::shared_ptr<Channel> channel;
+      if (!error) channel = acquireChannel(error);
+      if (error) {
+        refuse(outgoing, std::move(*error), delivery_);
         return;
       }
       channel->send(std::move(outgoing));
     } catch (const std::exception& e) {
-      refuse(std::move(outgoing), {ConnectionError::connectFailed, e.what()});
+      refuse(outgoing, {ConnectionError::connectFailed, e.what()}, delivery_);
     }
   }
 
-  void refuse(Outgoing outgoing, CallError error) noexcept override {
-    failOutgoing(*runtime_, outgoing, std::move(error));
-  }
-
+  // Runs on the delivery executor.
   void channelClosed(const std::shared_ptr<Channel>& channel, CloseReason reason,
                      const std::string& detail) override {
     bool interrupted = false;
     bool invalidated = false;
+    std::function<void()> interruptionHandler;
     {
       const std::lock_guard state(mutex_);
       if (channel_ != channel) return;  // an older channel, or invalidate() took it already
       channel_.reset();
       if (reason == CloseReason::peerLost) {
         interrupted = state_ == State::resumed;
+        interruptionHandler = interruptionHandler_;
       } else if (state_ != State::invalidated) {
         state_ = State::invalidated;
         invalidated = true;
@@ -147,30 +153,24 @@ class ConnectionCore final : public ChannelOwner,
     }
     if (interrupted) {
       LogCategory::tether().info("Connection to {} interrupted: {}", path_.native(), detail);
-      runtime_->deliver([self = shared_from_this()] {
-        std::function<void()> handler;
-        {
-          const std::lock_guard state(self->mutex_);
-          handler = self->interruptionHandler_;
-        }
-        if (handler) runUserCode("interruption handler", handler);
-      });
+      if (interruptionHandler) runUserCode("interruption handler", interruptionHandler);
     }
     if (invalidated) {
       LogCategory::tether().error("Connection to {} invalidated: {}", path_.native(), detail);
-      announceInvalidation();
+      runInvalidationHandler();
     }
   }
 
   std::optional<InterfaceDescription> exportedInterface_;
   std::shared_ptr<ExportedObject> exportedObject_;
-  std::optional<InterfaceDescription> remoteInterface_;
+  std::shared_ptr<const InterfaceDescription> remoteInterface_;
   std::function<void()> interruptionHandler_;
   std::function<void()> invalidationHandler_;
 
  private:
   enum class State { idle, resumed, invalidated };
 
+  /// The open channel, or why there is none to be had; leaves a closed one behind.
   std::shared_ptr<Channel> currentChannel(std::optional<CallError>& error) {
     const std::lock_guard state(mutex_);
     if (state_ == State::invalidated) {
@@ -178,6 +178,7 @@ class ConnectionCore final : public ChannelOwner,
     } else if (state_ == State::idle) {
       error.emplace(ConnectionError::notResumed, "call resume() before sending");
     }
+    if (channel_ && !channel_->isOpen()) channel_.reset();
     return channel_;
   }
 
@@ -217,37 +218,40 @@ class ConnectionCore final : public ChannelOwner,
       }
     }
 
-    auto channel = std::make_shared<Channel>(runtime_, fd.release(), Role::client, weak_from_this(),
-                                             std::numeric_limits<std::size_t>::max());
+    auto channel = std::make_shared<Channel>(runtime_, fd.release(), Role::client, SessionLimits{},
+                                             nullptr, delivery_, weak_from_this());
     {
       const std::lock_guard state(mutex_);
       channel->setExportedInterface(exportedInterface_);
       channel->setExportedObject(exportedObject_);
-      if (state_ == State::invalidated) {
-        error.emplace(ConnectionError::invalidated, "");
-        return nullptr;  // the channel closes its descriptor as it goes
-      }
-      channel_ = channel;
     }
     channel->start();
-    return channel;
+    {
+      const std::lock_guard state(mutex_);
+      if (state_ != State::invalidated) {
+        channel_ = channel;
+        return channel;
+      }
+    }
+    channel->close(CloseReason::invalidated, "the connection was invalidated");
+    error.emplace(ConnectionError::invalidated, "");
+    return nullptr;
   }
 
-  void announceInvalidation() {
-    runtime_->deliver([self = shared_from_this()] {
-      std::function<void()> handler;
-      {
-        const std::lock_guard state(self->mutex_);
-        handler = std::move(self->invalidationHandler_);
-        self->invalidationHandler_ = nullptr;
-      }
-      if (handler) runUserCode("invalidation handler", handler);
-    });
+  void runInvalidationHandler() {
+    std::function<void()> handler;
+    {
+      const std::lock_guard state(mutex_);
+      handler = std::move(invalidationHandler_);
+      invalidationHandler_ = nullptr;
+    }
+    if (handler) runUserCode("invalidation handler", handler);
   }
 
   const std::filesystem::path path_;
   const ConnectionOptions options_;
-  std::shared_ptr<Runtime> runtime_;
+  const std::shared_ptr<Runtime> runtime_;
+  const DeliveryExecutor delivery_;
   std::mutex mutex_;
   std::mutex connectMutex_;
   State state_ = State::idle;
@@ -280,7 +284,7 @@ void Connection::setExportedObject(std::shared_ptr<ExportedObject> object) {
 
 void Connection::setRemoteObjectInterface(InterfaceDescription interface) {
   core_->set(&detail::ConnectionCore::remoteInterface_,
-             std::optional<InterfaceDescription>(std::move(interface)));
+             std::make_shared<const InterfaceDescription>(std::move(interface)));
 }
 
 void Connection::setInterruptionHandler(std::function<void()> handler) {
@@ -297,6 +301,10 @@ void Connection::resume() {
 
 void Connection::invalidate() {
   core_->invalidate("invalidated by its owner");
+}
+
+DeliveryExecutor Connection::executor() const {
+  return core_->executor();
 }
 
 RemoteProxy Connection::remoteObjectProxy(ErrorHandler errorHandler) const {

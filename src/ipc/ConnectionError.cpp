@@ -27,6 +27,8 @@ class ConnectionCategory final : public std::error_category {
         return "the peer broke the protocol";
       case ConnectionError::serviceNotTrusted:
         return "the service runs as an unexpected user";
+      case ConnectionError::limitExceeded:
+        return "the connection went past one of its limits";
     }
     return "unknown connection error";
   }

@@ -5,7 +5,15 @@
 #include <corvane/ipc/Listener.hpp>
 #include <corvane/platform/LogCategory.hpp>
 
+#include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
+
 #include <systemd/sd-daemon.h>
+
+#include <algorithm>
+#include <chrono>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -21,6 +29,10 @@ namespace corvane::ipc {
 namespace detail {
 
 namespace {
+
+std::string systemMessage(int error) {
+  return std::error_code(error, std::system_category()).message();
+}
 
 [[noreturn]] void throwSystem(int error, const std::string& what) {
   throw std::system_error(error, std::system_category(), what);
@@ -90,6 +102,15 @@ int bindSocket(const std::filesystem::path& path) {
 
 }  // namespace
 
+/// How long accepting pauses when the process is out of descriptors: from the first to the
+/// longest, doubling while it stays out of them.
+constexpr std::chrono::milliseconds firstAcceptPause{10};
+constexpr std::chrono::milliseconds longestAcceptPause{1000};
+
+bool outOfResources(int error) noexcept {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 /// The state behind a Listener: the listening socket and the accepted channels.
 class ListenerCore final : public ChannelOwner,
                            public Watcher,
@@ -98,15 +119,23 @@ class ListenerCore final : public ChannelOwner,
   ListenerCore(std::filesystem::path path, ListenerOptions options)
       : path_(std::move(path)),
         options_(std::move(options)),
-        runtime_(std::make_shared<Runtime>()) {
+        runtime_(std::make_shared<Runtime>(std::max<std::size_t>(options_.workerThreads, 1))),
+        budget_(std::make_shared<ReceiveBudget>(options_.receiveBudgetBytes)) {
     int fd = options_.adoptActivatedSocket ? adoptActivatedSocket(path_) : -1;
     activated_ = fd >= 0;
     if (!activated_) fd = bindSocket(path_);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
     listenFd_ = fd;
+    timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (timerFd_ < 0) {
+      const int failure = errno;
+      ::close(listenFd_);
+      throwSystem(failure, "timerfd_create");
+    }
   }
   ~ListenerCore() override {
     if (listenFd_ >= 0) ::close(listenFd_);
+    ::close(timerFd_);
   }
   ListenerCore(const ListenerCore&) = delete;
   ListenerCore& operator=(const ListenerCore&) = delete;
@@ -120,22 +149,22 @@ class ListenerCore final : public ChannelOwner,
   }
 
   void resume() {
-    {
-      const std::lock_guard state(mutex_);
-      if (resumed_) return;
-      resumed_ = true;
-    }
     const std::lock_guard accepting(acceptMutex_);
-    if (listenFd_ < 0) return;
-    acceptKey_ = runtime_->watch(listenFd_, Interest::readOnce, shared_from_this());
-    runtime_->arm(listenFd_, acceptKey_, Interest::readOnce);
+    if (resumed_ || listenFd_ < 0) return;
+    resumed_ = true;
+    listenKey_ = runtime_->watch(listenFd_, shared_from_this());
+    timerKey_ = runtime_->watch(timerFd_, shared_from_this());
+    runtime_->arm(listenFd_, listenKey_, EPOLLIN);
   }
 
   void invalidate() {
     {
       const std::lock_guard accepting(acceptMutex_);
       if (listenFd_ >= 0) {
-        if (acceptKey_ != 0) runtime_->unwatch(listenFd_, acceptKey_);
+        if (resumed_) {
+          runtime_->unwatch(listenFd_, listenKey_);
+          runtime_->unwatch(timerFd_, timerKey_);
+        }
         ::close(listenFd_);
         listenFd_ = -1;
         if (!activated_) {
@@ -144,22 +173,12 @@ class ListenerCore final : public ChannelOwner,
         }
       }
     }
+    std::set<std::shared_ptr<Channel>> open;
     {
-      std::set<std::shared_ptr<Channel>> open;
-      {
-        const std::lock_guard state(mutex_);
-        open.swap(channels_);
-      }
-      for (const auto& channel : open)
-        channel->closeNow(CloseReason::invalidated, "the service stopped");
+      const std::lock_guard state(mutex_);
+      open.swap(channels_);
     }
-  }
-
-  void ready(bool /*writable*/, bool /*hungUp*/) override {
-    const std::lock_guard accepting(acceptMutex_);
-    if (listenFd_ < 0) return;
-    acceptAll();
-    runtime_->arm(listenFd_, acceptKey_, Interest::readOnce);
+    for (const auto& channel : open) channel->close(CloseReason::invalidated, "the service stopped");
   }
 
   void shutdown() {
@@ -167,49 +186,87 @@ class ListenerCore final : public ChannelOwner,
     runtime_->stop();
   }
 
+  void ready(std::uint64_t key, std::uint32_t /*events*/) override {
+    const std::lock_guard accepting(acceptMutex_);
+    if (listenFd_ < 0) return;
+    if (key == timerKey_) {
+      std::uint64_t expirations = 0;
+      [[maybe_unused]] const auto got = ::read(timerFd_, &expirations, sizeof expirations);
+    } else if (acceptAll() == Accepting::paused) {
+      return;  // the timer arms the socket again
+    }
+    runtime_->arm(listenFd_, listenKey_, EPOLLIN);
+  }
+
+  // Runs on the closed channel's delivery executor.
   void channelClosed(const std::shared_ptr<Channel>& channel, CloseReason reason,
                      const std::string& detail) override {
     {
       const std::lock_guard state(mutex_);
       channels_.erase(channel);
     }
-    if (reason == CloseReason::protocolViolation || reason == CloseReason::helloMismatch) {
+    if (reason == CloseReason::protocolViolation || reason == CloseReason::helloMismatch
+        || reason == CloseReason::limitExceeded) {
       LogCategory::tether().error("Closed client connection (pid {}): {}",
                                   channel->credentials().pid, detail);
     }
   }
 
  private:
-  void acceptAll() {
+  enum class Accepting { drained, paused };
+
+  Accepting acceptAll() {
     for (;;) {
       const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-      if (fd < 0) {
-        if (errno == EINTR || errno == ECONNABORTED) continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-          LogCategory::tether().error("accept on {} failed: {}", path_.native(),
-                                      std::error_code(errno, std::system_category()).message());
+      if (fd >= 0) {
+        pause_ = firstAcceptPause;
+        try {
+          adopt(fd);
+        } catch (const std::exception& e) {
+          LogCategory::tether().error("Could not take a connection on {}: {}", path_.native(),
+                                      e.what());
         }
-        break;
+        continue;
       }
-      try {
-        adopt(fd);
-      } catch (const std::exception& e) {
-        LogCategory::tether().error("Could not take a connection on {}: {}", path_.native(),
-                                    e.what());
+      const int failure = errno;
+      if (failure == EINTR || failure == ECONNABORTED) continue;
+      if (failure == EAGAIN || failure == EWOULDBLOCK) return Accepting::drained;
+      if (!outOfResources(failure)) {
+        LogCategory::tether().error("accept on {} failed: {}", path_.native(),
+                                    systemMessage(failure));
+        return Accepting::drained;
       }
+      pauseAccepting(failure);
+      return Accepting::paused;
     }
   }
 
+  /// Out of descriptors (or memory): retrying at once would only spin, so wait a little longer
+  /// each time, and say so once per pause.
+  void pauseAccepting(int failure) {
+    LogCategory::tether().error("accept on {} failed: {}; accepting again in {} ms",
+                                path_.native(), systemMessage(failure), pause_.count());
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(pause_.count() / 1000);
+    when.it_value.tv_nsec = static_cast<long>((pause_.count() % 1000) * 1000000);
+    ::timerfd_settime(timerFd_, 0, &when, nullptr);
+    runtime_->arm(timerFd_, timerKey_, EPOLLIN);
+    pause_ = std::min(pause_ * 2, longestAcceptPause);
+  }
+
   void adopt(int fd) {
-    auto channel = std::make_shared<Channel>(runtime_, fd, Role::service, weak_from_this(),
-                                             options_.maxCallsInFlight);
+    const SessionLimits limits{options_.maxCallsInFlight, options_.maxQueuedIncomingBytes,
+                               options_.maxQueuedOutgoingBytes};
+    auto channel =
+        std::make_shared<Channel>(runtime_, fd, Role::service, limits, budget_,
+                                  boost::asio::make_strand(Executor(runtime_)), weak_from_this());
     {
       const std::lock_guard state(mutex_);
       channels_.insert(channel);
     }
-    // The handler runs on the delivery thread ahead of any call from this client, so what it
-    // sets is in place when the first call is dispatched.
-    runtime_->deliver([self = shared_from_this(), channel] {
+    // The handler runs on the peer's delivery executor ahead of any call from this client, so
+    // what it sets is in place when the first call is dispatched.
+    boost::asio::post(channel->delivery(), [self = shared_from_this(), channel] {
       Listener::ConnectionHandler handler;
       {
         const std::lock_guard state(self->mutex_);
@@ -229,13 +286,17 @@ class ListenerCore final : public ChannelOwner,
 
   const std::filesystem::path path_;
   const ListenerOptions options_;
-  std::shared_ptr<Runtime> runtime_;
-  std::mutex acceptMutex_;  // the listening socket
+  const std::shared_ptr<Runtime> runtime_;
+  const std::shared_ptr<ReceiveBudget> budget_;
+  std::mutex acceptMutex_;  // the listening socket and the pause
   int listenFd_ = -1;
-  std::uint64_t acceptKey_ = 0;
-  bool activated_ = false;
-  std::mutex mutex_;
+  int timerFd_ = -1;
+  std::uint64_t listenKey_ = 0;
+  std::uint64_t timerKey_ = 0;
   bool resumed_ = false;
+  bool activated_ = false;
+  std::chrono::milliseconds pause_ = firstAcceptPause;
+  std::mutex mutex_;  // the handler and the channels
   Listener::ConnectionHandler handler_;
   std::set<std::shared_ptr<Channel>> channels_;
 };
@@ -244,20 +305,26 @@ class ListenerCore final : public ChannelOwner,
 /// the connection alive.
 class PeerTarget final : public ProxyTarget {
  public:
-  explicit PeerTarget(std::weak_ptr<Channel> channel) : channel_(std::move(channel)) {}
+  explicit PeerTarget(const std::shared_ptr<Channel>& channel)
+      : channel_(channel), delivery_(channel->delivery()) {}
   void send(Outgoing outgoing) noexcept override {
-    if (auto channel = channel_.lock()) {
-      channel->send(std::move(outgoing));
-    } else {
-      failOutgoingHere(outgoing, {ConnectionError::invalidated, "the client connection is gone"});
+    auto channel = channel_.lock();
+    if (!channel) {
+      refuse(outgoing, {ConnectionError::invalidated, "the client connection is gone"}, delivery_);
+      return;
     }
+    if (auto error =
+            checkOutgoing(channel->remoteInterface().get(), outgoing.operation, outgoing.shape)) {
+      refuse(outgoing, std::move(*error), delivery_);
+      return;
+    }
+    channel->send(std::move(outgoing));
   }
-  void refuse(Outgoing outgoing, CallError error) noexcept override {
-    failOutgoingHere(outgoing, std::move(error));
-  }
+  [[nodiscard]] DeliveryExecutor executor() const override { return delivery_; }
 
  private:
   std::weak_ptr<Channel> channel_;
+  DeliveryExecutor delivery_;
 };
 
 }  // namespace detail
@@ -284,14 +351,16 @@ void Peer::setInvalidationHandler(std::function<void()> handler) {
   channel_->setCloseHandler(std::move(handler));
 }
 
+DeliveryExecutor Peer::executor() const {
+  return channel_->delivery();
+}
+
 RemoteProxy Peer::remoteObjectProxy(ErrorHandler errorHandler) const {
-  return {std::make_shared<detail::PeerTarget>(channel_), std::move(errorHandler),
-          channel_->remoteInterface(), false};
+  return {std::make_shared<detail::PeerTarget>(channel_), std::move(errorHandler), false};
 }
 
 RemoteProxy Peer::synchronousRemoteObjectProxy(ErrorHandler errorHandler) const {
-  return {std::make_shared<detail::PeerTarget>(channel_), std::move(errorHandler),
-          channel_->remoteInterface(), true};
+  return {std::make_shared<detail::PeerTarget>(channel_), std::move(errorHandler), true};
 }
 
 void Peer::invalidate() {

@@ -8,5 +8,5 @@ target_sources(corvane PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/Connection.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Listener.cpp
   ${CMAKE_CURRENT_LIST_DIR}/detail/Runtime.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/detail/Channel.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/detail/SyncRing.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/detail/Session.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/detail/Channel.cpp)

@@ -46,14 +46,15 @@ struct ConnectionOptions {
 /// protocol or one with the wrong uid invalidate the connection for good: calls in flight and all
 /// later calls fail with `invalidated`, and the invalidation handler runs once.
 ///
-/// Threads: the connection owns two worker threads that do the socket I/O and take turns at
-/// delivery, which runs the handlers of asynchronous calls, incoming calls on the exported object
-/// and the interruption and invalidation handlers, one at a time in arrival order (the "delivery
-/// thread" below); while one worker runs user code the other keeps doing I/O. A synchronous call
-/// reads its own answer off the socket on the calling thread. Every member function may be called
-/// from any thread at once, including from a delivery callback (destruction excepted: never destroy
-/// a Connection from one of its own callbacks). Destruction invalidates the connection, runs the
-/// error handlers of calls still in flight and joins both threads.
+/// Threads: the connection owns two worker threads that do the socket I/O and run its callbacks
+/// through its `executor()`: the outcomes of asynchronous calls, incoming calls on the exported
+/// object and the interruption and invalidation handlers run there one at a time, in the order
+/// their causes arrived (the "delivery executor" below), on whichever worker is free. A
+/// synchronous call reads its own answer off the socket on the calling thread. Every member
+/// function may be called from any thread at once, including from a callback (destruction
+/// excepted: never destroy a Connection from one of its own callbacks). Destruction invalidates
+/// the connection, runs the outcomes of the calls still in flight and joins both threads; from
+/// then on the executor runs what it is given on the submitting thread.
 class Connection {
  public:
   /// Throws std::invalid_argument for an invalid service name (see `servicePath`).
@@ -73,18 +74,22 @@ class Connection {
   /// The interface outgoing calls are checked against (see `RemoteProxy`); proxies made
   /// afterwards use it.
   void setRemoteObjectInterface(InterfaceDescription interface);
-  /// Runs on the delivery thread after each interruption, once the calls in flight have failed.
+  /// Runs on the delivery executor after each interruption, once the calls in flight have failed.
   void setInterruptionHandler(std::function<void()> handler);
-  /// Runs once, on the delivery thread, when the connection is invalidated.
+  /// Runs once, on the delivery executor, when the connection is invalidated.
   void setInvalidationHandler(std::function<void()> handler);
 
   /// Allows messages to be sent (the first one connects). Idempotent.
   void resume();
-  /// Invalidates the connection (final); idempotent. When it returns, the error handlers of the
-  /// calls in flight are queued on the delivery thread.
+  /// Invalidates the connection (final); idempotent. When it returns, the outcomes of the calls in
+  /// flight are queued on the delivery executor, ahead of the invalidation handler.
   void invalidate();
 
-  /// A proxy whose calls return at once; handlers run on the delivery thread.
+  /// The delivery executor: every callback of this connection runs through it, one at a time.
+  /// Work given to it runs in order with those callbacks.
+  [[nodiscard]] DeliveryExecutor executor() const;
+
+  /// A proxy whose calls return at once; outcomes run on the delivery executor.
   [[nodiscard]] RemoteProxy remoteObjectProxy(ErrorHandler errorHandler) const;
   /// A proxy whose calls return after their handler ran on the calling thread.
   [[nodiscard]] RemoteProxy synchronousRemoteObjectProxy(ErrorHandler errorHandler) const;

@@ -19,6 +19,7 @@ enum class ConnectionError {
   shapeMismatch,      ///< the call's form does not match the operation's shape
   protocolViolation,  ///< the peer broke the wire protocol (the connection is invalidated)
   serviceNotTrusted,  ///< the service's uid is not the required one (the connection is invalidated)
+  limitExceeded,      ///< the peer went past a limit of the connection, which closed it
 };
 
 /// The error category of `ConnectionError` ("corvane.ipc").

@@ -49,14 +49,14 @@ class Reply {
 };
 
 /// The object a connection exports: incoming CALLs and MESSAGEs are dispatched to it by operation
-/// name, one at a time on the connection's delivery thread, in arrival order. An operation that
+/// name, one at a time on the connection's delivery executor, in arrival order. An operation that
 /// is not in the exported interface (when one is set), or that is called in the wrong shape, is
 /// answered with a FAULT before it gets here.
 class ExportedObject {
  public:
   virtual ~ExportedObject() = default;
   /// Handles `operation`. `argument` is the payload (empty for a reply-only call). `reply` is
-  /// empty for a MESSAGE. Runs on the delivery thread; an exception is logged and, for a CALL
+  /// empty for a MESSAGE. Runs on the delivery executor; an exception is logged and, for a CALL
   /// not yet answered, turns into a FAULT.
   virtual void handle(std::string_view operation, std::optional<Bytes> argument, Reply reply) = 0;
 };

@@ -34,12 +34,17 @@ class Peer {
 
   /// The interface incoming calls are checked against (FAULT for anything outside it).
   void setExportedInterface(InterfaceDescription interface);
-  /// The object the client's calls are dispatched to, on the listener's delivery thread.
+  /// The object the client's calls are dispatched to, on this peer's delivery executor.
   void setExportedObject(std::shared_ptr<ExportedObject> object);
   /// The interface of the client's exported object, checked by proxies made afterwards.
   void setRemoteObjectInterface(InterfaceDescription interface);
-  /// Runs once on the delivery thread when this connection ends, for whatever reason.
+  /// Runs once on this peer's delivery executor when this connection ends, for whatever reason.
   void setInvalidationHandler(std::function<void()> handler);
+
+  /// This peer's delivery executor: its incoming calls, the outcomes of the service's calls to it
+  /// and its invalidation handler run there, one at a time in arrival order. Each peer has its
+  /// own, so a handler that waits on one client never delays the others.
+  [[nodiscard]] DeliveryExecutor executor() const;
 
   /// Proxies for the client's exported object (the service pushes MESSAGEs through them). They
   /// hold the connection weakly: once it is gone, calls fail with `invalidated`.
@@ -55,32 +60,45 @@ class Peer {
   std::shared_ptr<detail::Channel> channel_;
 };
 
-/// Options of a listener.
+/// Options of a listener. The limits bound what one client can make the service hold: about
+/// `maxCallsInFlight` frames being handled, `maxQueuedIncomingBytes` waiting behind them,
+/// `maxQueuedOutgoingBytes` of answers it does not read, and its share of `receiveBudgetBytes`.
+/// A client that goes past a limit is disconnected (and the error logged), nothing else.
 struct ListenerOptions {
   /// Where the socket is bound; empty = `defaultRuntimeDirectory()`.
   std::filesystem::path runtimeDirectory;
   /// Adopt a socket passed by systemd socket activation (LISTEN_FDS/LISTEN_PID), preferring one
   /// bound to this service's path, instead of binding.
   bool adoptActivatedSocket = true;
-  /// Calls a client may have in flight on this service; further frames are not read until an
-  /// answer is sent, so a client cannot make the service queue without bound.
+  /// Calls (and one-way messages) of one client being handled at once; further ones wait, in
+  /// order, until one is answered. Replies to the service's own calls are read all the while.
   std::size_t maxCallsInFlight = 256;
+  /// Bytes of one client's calls that may wait behind `maxCallsInFlight`.
+  std::size_t maxQueuedIncomingBytes = std::size_t{16} * 1024 * 1024;
+  /// Bytes of answers and messages that may wait for one client to read them.
+  std::size_t maxQueuedOutgoingBytes = std::size_t{16} * 1024 * 1024;
+  /// Bytes of partly received frames all clients may have together.
+  std::size_t receiveBudgetBytes = std::size_t{256} * 1024 * 1024;
+  /// Worker threads doing the I/O of every client and running the handlers; a handler that
+  /// blocks holds one of them.
+  std::size_t workerThreads = 4;
 };
 
 /// The service side of a named service: binds `<runtime dir>/<service name>` (creating the
 /// directory, replacing a stale socket) or adopts a systemd-activated socket, and accepts
 /// connections. Each accepted connection is handed to the connection handler, which inspects the
 /// peer's credentials, sets its exported object and returns true to accept or false to reject.
-/// Malformed input from a client closes only that client's connection.
+/// Malformed input from a client closes only that client's connection. When the process runs out
+/// of descriptors, accepting pauses for a short, growing while, and the failure is logged once per
+/// pause rather than once per attempt.
 ///
-/// Threads: two worker threads do the accepting and the I/O of all sockets and take turns at
-/// delivery, shared by all connections (the "delivery thread"), which runs the connection handler,
-/// incoming calls, answers to the service's own asynchronous calls and peers' invalidation
-/// handlers, one at a time in arrival order; while one worker runs user code the other keeps
-/// doing I/O, and a worker that reads a call runs it itself when delivery is free. Handlers should
-/// not block for long: keep the `Reply` and answer later instead. Destruction stops accepting,
-/// closes every connection (removing a socket it bound) and joins both threads; never destroy a
-/// Listener from one of its own callbacks.
+/// Threads: `workerThreads` workers do the accepting and the I/O of all sockets and run the
+/// handlers. Each client has its own delivery executor (`Peer::executor`): the connection handler,
+/// its incoming calls, the outcomes of the service's calls to it and its invalidation handler run
+/// there one at a time in arrival order, while other clients are served by the other workers.
+/// Handlers should not block for long: keep the `Reply` and answer later instead. Destruction
+/// stops accepting, closes every connection (removing a socket it bound) and joins the workers;
+/// never destroy a Listener from one of its own callbacks.
 class Listener {
  public:
   using ConnectionHandler = std::function<bool(Peer& peer)>;
@@ -93,7 +111,8 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  /// Decides on each new connection (runs on the delivery thread). Without one, every
+  /// Decides on each new connection (runs on the peer's delivery executor, before any of its
+  /// calls). Without one, every
   /// connection is rejected. Set it before `resume`.
   void setConnectionHandler(ConnectionHandler handler);
   /// Starts accepting. Idempotent.

@@ -2,6 +2,7 @@
 
 #include <corvane/coding/Bytes.hpp>
 #include <corvane/ipc/ConnectionError.hpp>
+#include <corvane/ipc/Executor.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
 
 #include <functional>
@@ -9,9 +10,32 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
+#include <variant>
 
 namespace corvane::ipc {
 
+/// The outcome of one call: the reply buffer, or why there is none.
+class CallResult {
+ public:
+  CallResult() = default;
+  explicit CallResult(Bytes reply) noexcept : value_(std::move(reply)) {}
+  explicit CallResult(CallError error) : value_(std::move(error)) {}
+
+  [[nodiscard]] bool hasReply() const noexcept { return value_.index() == 0; }
+  explicit operator bool() const noexcept { return hasReply(); }
+  /// The reply buffer; only when `hasReply()`.
+  [[nodiscard]] Bytes& reply() & { return std::get<Bytes>(value_); }
+  [[nodiscard]] Bytes&& reply() && { return std::get<Bytes>(std::move(value_)); }
+  /// The failure; only when `!hasReply()`.
+  [[nodiscard]] const CallError& error() const { return std::get<CallError>(value_); }
+
+ private:
+  std::variant<Bytes, CallError> value_;
+};
+
+/// Receives the outcome of one call, exactly once.
+using Completion = std::move_only_function<void(CallResult result)>;
 /// Receives the reply buffer of one call.
 using ReplyHandler = std::move_only_function<void(Bytes reply)>;
 /// Receives the failure of a call made through a proxy; runs once per failed call.
@@ -22,23 +46,29 @@ class ProxyTarget;
 }
 
 /// A proxy for the peer's exported object: sends any operation by name. For every call exactly
-/// one of the reply handler and the proxy's error handler runs, on every path.
+/// one outcome is delivered, on every path (reply, FAULT, refusal, peer loss, invalidation,
+/// destruction): the call's `Completion`, or for the reply-handler forms either the reply
+/// handler or the proxy's error handler.
 ///
-/// An asynchronous proxy returns at once; the handler runs later on the connection's delivery
-/// thread (or, once the connection is destroyed, on the thread that made the call). A synchronous
-/// proxy returns only after the handler has run, and runs it on the calling thread; it waits on
-/// its own condition, so it may be used from inside a delivery callback.
+/// An asynchronous proxy returns at once and never runs an outcome on the calling thread from
+/// inside the call: outcomes run on the connection's `DeliveryExecutor` (see `executor()`), in
+/// arrival order with incoming calls. A synchronous proxy returns only after the outcome has run,
+/// on the calling thread; it may be used from inside a delivery callback.
 ///
-/// Copyable and cheap; usable from any number of threads at once. A default-constructed proxy
-/// fails every call with `ConnectionError::invalidated`. Calls throw only what a reply handler
-/// run on the calling thread throws.
+/// Copyable and cheap (it shares its connection and error handler); usable from any number of
+/// threads at once. A default-constructed proxy fails every call with `invalidated`. Calls throw
+/// only what an outcome run on the calling thread throws (synchronous proxies).
 class RemoteProxy {
  public:
   RemoteProxy() = default;
   RemoteProxy(std::shared_ptr<detail::ProxyTarget> target, ErrorHandler errorHandler,
-              std::optional<InterfaceDescription> remoteInterface, bool synchronous);
+              bool synchronous);
 
-  /// Calls an argument-and-reply operation.
+  /// Calls `operation` with `argument` (none for a reply-only operation); `completion` gets the
+  /// reply or the error.
+  void call(std::string_view operation, std::optional<Bytes> argument,
+            Completion completion) const;
+  /// Calls an argument-and-reply operation; a failure goes to the proxy's error handler.
   void call(std::string_view operation, Bytes argument, ReplyHandler reply) const;
   /// Calls a reply-only operation (no argument buffer is sent).
   void call(std::string_view operation, ReplyHandler reply) const;
@@ -46,14 +76,17 @@ class RemoteProxy {
   void send(std::string_view operation, Bytes argument) const;
 
   [[nodiscard]] bool isSynchronous() const noexcept { return synchronous_; }
+  /// Where the asynchronous outcomes of this proxy's calls run; empty for a default-constructed
+  /// proxy.
+  [[nodiscard]] std::optional<DeliveryExecutor> executor() const;
 
  private:
   void dispatch(std::string_view operation, OperationShape shape, std::optional<Bytes> argument,
-                ReplyHandler reply) const;
+                Completion completion) const;
+  [[nodiscard]] Completion withErrorHandler(ReplyHandler reply) const;
 
   std::shared_ptr<detail::ProxyTarget> target_;
   std::shared_ptr<const ErrorHandler> errorHandler_;
-  std::shared_ptr<const InterfaceDescription> remoteInterface_;
   bool synchronous_ = false;
 };
 
@@ -91,6 +124,10 @@ class ProtocolProxy {
   }
   void call(const Operation& operation, ReplyHandler reply) const {
     proxy_.call(operation.name, std::move(reply));
+  }
+  void call(const Operation& operation, std::optional<Bytes> argument,
+            Completion completion) const {
+    proxy_.call(operation.name, std::move(argument), std::move(completion));
   }
   void send(const Operation& operation, Bytes argument) const {
     proxy_.send(operation.name, std::move(argument));

@@ -1,16 +1,14 @@
 #include "ipc/detail/Channel.hpp"
 
-#include "ipc/detail/SyncRing.hpp"
-
 #include <corvane/platform/LogCategory.hpp>
 
-#include <boost/json/parse.hpp>
+#include <boost/asio/post.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <limits>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <system_error>
@@ -22,9 +20,12 @@ namespace corvane::ipc::detail {
 namespace {
 
 constexpr std::size_t readChunk = std::size_t{64} * 1024;
-/// From this many calls in flight on a channel, a caller's asynchronous call is written by a
-/// worker together with whatever else is queued by then (see Channel::send).
-constexpr std::size_t deferFromCallsInFlight = 8;
+/// What one worker reads of a channel before it lets the others have a turn.
+constexpr std::size_t readPerTurn = std::size_t{1024} * 1024;
+/// From this many calls in flight, an asynchronous call is written together with the ones that
+/// follow it (see the class comment).
+constexpr std::size_t batchFromCallsInFlight = 8;
+constexpr std::size_t partsPerWrite = 64;
 
 std::string systemMessage(int error) {
   return std::error_code(error, std::system_category()).message();
@@ -37,45 +38,91 @@ PeerCredentials peerCredentials(int fd) {
   return {cred.pid, cred.uid, cred.gid};
 }
 
-CallError closeError(CloseReason reason, const std::string& detail) {
-  switch (reason) {
-    case CloseReason::peerLost:
-      return {ConnectionError::interrupted, detail};
-    case CloseReason::protocolViolation:
-      return {ConnectionError::protocolViolation, detail};
-    case CloseReason::helloMismatch:
-    case CloseReason::invalidated:
-      break;
+int duplicate(int fd) {
+  const int copy = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) {
+    const int failure = errno;
+    ::close(fd);
+    throw std::system_error(failure, std::system_category(), "dup");
   }
-  return {ConnectionError::invalidated, detail};
+  return copy;
 }
 
 }  // namespace
 
-bool isSupportedHello(const std::optional<Bytes>& payload) noexcept {
-  if (!payload) return false;
-  boost::system::error_code error;
-  const auto document = boost::json::parse(payload->view(), error);
-  if (error || !document.is_object()) return false;
-  const auto* version = document.as_object().if_contains("protocol");
-  return version != nullptr && version->is_int64() && version->as_int64() == protocolVersion;
+// ---- outgoing helpers shared by the proxy targets ---------------------------------------------
+
+void SyncSlot::complete(CallResult result) {
+  {
+    const std::lock_guard state(mutex_);
+    result_.emplace(std::move(result));
+  }
+  ready_.notify_one();
 }
 
-Channel::Channel(const std::shared_ptr<Runtime>& runtime, int fd, Role role,
-                 std::weak_ptr<ChannelOwner> owner, std::size_t maxCallsInFlight)
-    : runtime_(runtime),
-      fd_(fd),
-      writeFd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)),
-      role_(role),
-      owner_(std::move(owner)),
-      maxCallsInFlight_(maxCallsInFlight),
-      credentials_(peerCredentials(fd)) {
-  // Blocking, so that a synchronous caller can wait in recv(2); see the class comment.
-  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
-  if (writeFd_ < 0) {
-    ::close(fd_);
-    throw std::system_error(errno, std::system_category(), "dup");
+bool SyncSlot::done() {
+  const std::lock_guard state(mutex_);
+  return result_.has_value();
+}
+
+CallResult SyncSlot::take() {
+  std::unique_lock state(mutex_);
+  ready_.wait(state, [this] { return result_.has_value(); });
+  return std::move(*result_);
+}
+
+std::optional<CallError> checkOutgoing(const InterfaceDescription* interface,
+                                       std::string_view operation, OperationShape shape) {
+  if (!isValidOperationName(operation))
+    return CallError(ConnectionError::unknownOperation, "invalid operation name");
+  if (interface == nullptr) return std::nullopt;
+  const auto expected = interface->shape(operation);
+  if (!expected) {
+    return CallError(ConnectionError::unknownOperation,
+                     std::string(operation) + " is not in " + interface->name());
   }
+  if (*expected != shape) {
+    return CallError(ConnectionError::shapeMismatch,
+                     std::string(operation) + " is " + std::string(toString(*expected)));
+  }
+  return std::nullopt;
+}
+
+void refuse(Outgoing& outgoing, CallError error, const DeliveryExecutor& delivery) noexcept {
+  if (!outgoing.completion) {
+    LogCategory::tether().error("Could not send {}: {}", outgoing.operation, error);
+    return;
+  }
+  if (outgoing.slot != nullptr) {
+    outgoing.completion(CallResult(std::move(error)));
+    return;
+  }
+  try {
+    boost::asio::post(delivery, [completion = std::move(outgoing.completion),
+                                 error = std::move(error)]() mutable {
+      runUserCode("completion", [&] { completion(CallResult(std::move(error))); });
+    });
+  } catch (const std::exception& e) {
+    // Only allocation can fail here; the caller still gets its one outcome.
+    LogCategory::tether().fault("Could not deliver the failure of {}: {}", outgoing.operation,
+                                e.what());
+  }
+}
+
+// ---- the channel -----------------------------------------------------------------------------
+
+Channel::Channel(std::shared_ptr<Runtime> runtime, int fd, Role role, SessionLimits limits,
+                 std::shared_ptr<ReceiveBudget> budget, DeliveryExecutor delivery,
+                 std::weak_ptr<ChannelOwner> owner)
+    : runtime_(std::move(runtime)),
+      fd_(fd),
+      writeFd_(duplicate(fd)),
+      credentials_(peerCredentials(fd)),
+      delivery_(std::move(delivery)),
+      owner_(std::move(owner)),
+      session_(role, limits, std::move(budget)) {
+  // Blocking, for a synchronous caller's recv(2) (see the class comment).
+  ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
 }
 
 Channel::~Channel() {
@@ -86,730 +133,328 @@ Channel::~Channel() {
 }
 
 void Channel::start() {
-  if (role_ == Role::client) {
-    // Callers that found the channel before this point have queued their frames behind it.
-    const std::lock_guard writing(writeMutex_);
-    helloAheadOfHeldLocked();
-  }
-  auto runtime = runtime_.lock();
-  if (!runtime) return;
+  const std::lock_guard state(mutex_);
+  readKey_ = runtime_->watch(fd_, shared_from_this());
   try {
-    readKey_ = runtime->watch(fd_, Interest::readEdges, shared_from_this());
-    writeKey_ = runtime->watch(writeFd_, Interest::writeOnce, shared_from_this());
-  } catch (const std::exception& e) {
-    if (readKey_ != 0) runtime->unwatch(fd_, readKey_);
-    closeNow(CloseReason::peerLost, e.what());
-    keepReading(ReadResult::closed);
+    writeKey_ = runtime_->watch(writeFd_, shared_from_this());
+  } catch (...) {
+    runtime_->unwatch(fd_, readKey_);
+    throw;
+  }
+  started_ = true;
+  if (session_.closed()) {
+    afterSessionLocked();
     return;
   }
-  registered_.store(true);
-  if (closed_.load()) {
-    runtime->unwatch(fd_, readKey_);
-    runtime->unwatch(writeFd_, writeKey_);
-    keepReading(ReadResult::closed);
-    return;
-  }
-  {
-    const std::lock_guard writing(writeMutex_);
-    if (flushArmed_) runtime->arm(writeFd_, writeKey_, Interest::writeOnce);
-  }
-  // The reading has been held since construction; a synchronous caller may already wait for it.
-  keepReading(ReadResult::open);
+  readArmed_ = true;
+  runtime_->arm(fd_, readKey_, EPOLLIN | EPOLLRDHUP);
+  afterSessionLocked();  // a client's HELLO, and whatever its callers queued behind it
 }
 
-bool Channel::isOpen() const noexcept {
-  const std::lock_guard writing(writeMutex_);
-  return open_;
-}
-
-void Channel::ready(bool writable, bool hungUp) {
-  if (writable) {
-    flush();
-  } else {
-    onReadable(hungUp);
-  }
-}
-
-// ---- writing ---------------------------------------------------------------------------------
+// ---- sending ---------------------------------------------------------------------------------
 
 void Channel::send(Outgoing outgoing) noexcept {
-  // A synchronous caller takes the reading before its call leaves, so that the answer cannot
-  // wake a worker first.
-  const bool synchronous = outgoing.expectsReply && outgoing.sync;
-  bool reading = synchronous && takeReading();
+  if (outgoing.shape == OperationShape::oneWay) {
+    sendMessage(outgoing);
+    return;
+  }
+  SyncSlot* slot = outgoing.slot;
+  bool reading = false;
   try {
-    const auto kind = outgoing.expectsReply ? FrameKind::call : FrameKind::message;
-    std::shared_ptr<SyncSlot> waiting;
-    bool sent = false;
-    {
-      const std::lock_guard writing(writeMutex_);
-      if (open_) {
-        sent = true;
-        const std::uint64_t serial = nextSerial_++;
-        bool defer = false;
-        if (outgoing.expectsReply) {
-          waiting = outgoing.sync;
-          // Registered before the bytes leave, since the answer may come back at once.
-          const std::lock_guard pendingCalls(pendingMutex_);
-          // A caller with many calls in flight is bound by throughput, not by the latency of
-          // this one call: its frame waits for a worker's write, and the frames it queues
-          // meanwhile leave in the same write instead of one system call (and one wake-up of
-          // the peer) each.
-          defer = !synchronous && pending_.size() >= deferFromCallsInFlight;
-          pending_.emplace(serial, Pending{std::move(outgoing.reply), std::move(outgoing.onError),
-                                           std::move(outgoing.sync)});
-        }
-        writeFrameLocked(kind, serial, outgoing.operation, outgoing.argument, defer);
-        if (!outgoing.expectsReply && outgoing.sync) outgoing.sync->complete(Bytes(), std::nullopt);
+    const std::lock_guard state(mutex_);
+    if (slot != nullptr && !callerReads_ && started_ && session_.wantsInput()) {
+      // Take the reading before the CALL leaves, so that its answer wakes nobody but us.
+      callerReads_ = reading = true;
+      if (readArmed_) {
+        runtime_->disarm(fd_, readKey_);
+        readArmed_ = false;
       }
     }
-    if (sent) {
-      // A synchronous caller reads its own answer (see awaitOutcome).
-      if (waiting) awaitOutcome(*waiting, std::exchange(reading, false));
-      return;
-    }
-    if (std::exchange(reading, false)) keepReading(ReadResult::open);
-    if (auto runtime = runtime_.lock()) {
-      failOutgoing(*runtime, outgoing, {ConnectionError::interrupted, "the connection is closed"});
-    } else {
-      failOutgoingHere(outgoing, {ConnectionError::invalidated, "the connection is gone"});
-    }
+    const bool batch = slot == nullptr && session_.callsInFlight() >= batchFromCallsInFlight;
+    session_.call(outgoing.operation, std::move(outgoing.argument),
+                  std::move(outgoing.completion), slot != nullptr);
+    afterSessionLocked(!batch);
   } catch (const std::exception& e) {
-    // Only allocation can fail here; the caller still gets its one answer.
-    if (reading) keepReading(ReadResult::open);
-    failOutgoingHere(outgoing, {ConnectionError::invalidated, e.what()});
+    // Only allocation can fail here; the caller still gets its one outcome.
+    if (outgoing.completion) {
+      refuse(outgoing, CallError(ConnectionError::invalidated, e.what()), delivery_);
+    }
+  }
+  if (reading) readFor(*slot);
+}
+
+void Channel::sendMessage(Outgoing& outgoing) noexcept {
+  std::optional<CallError> failure;
+  try {
+    const std::lock_guard state(mutex_);
+    if (!session_.call(outgoing.operation, std::move(outgoing.argument), {})) {
+      failure = Session::closeError(session_.closeReason(), session_.closeDetail());
+    }
+    afterSessionLocked();
+  } catch (const std::exception& e) {
+    failure.emplace(ConnectionError::invalidated, e.what());
+  }
+  if (failure) {
+    refuse(outgoing, std::move(*failure), delivery_);
+  } else if (outgoing.slot != nullptr) {
+    outgoing.completion(CallResult(Bytes()));  // sent: a synchronous sender returns
   }
 }
 
 void Channel::answer(std::uint64_t serial, std::optional<Bytes> reply,
                      std::string_view reason) noexcept {
-  auto runtime = runtime_.lock();
-  // Answers given on the delivery turn with more deliveries queued behind are gathered and
-  // written together; the write registration is armed for them, so the other worker writes them
-  // out if the next handler blocks. The last answer of the run writes what was gathered.
-  const bool gather = runtime && runtime->onWorkerThread() && runtime->deliveriesQueued();
   try {
-    const std::optional<Bytes> fault = reply ? std::nullopt : std::optional<Bytes>(Bytes(reason));
-    const auto kind = reply ? FrameKind::reply : FrameKind::fault;
-    const auto& payload = reply ? reply : fault;
-    const std::lock_guard writing(writeMutex_);
-    if (open_ && writeFrameLocked(kind, serial, {}, payload, gather) && !gather && !writesHeld_
-        && outSent_ < outQueue_.size()) {
-      flushLocked();
-    }
+    const std::lock_guard state(mutex_);
+    session_.answer(serial, std::move(reply), reason);
+    // While more deliveries wait behind this handler, its answer waits for the last one's and
+    // they leave in one write; a worker writes them should one of those handlers block.
+    afterSessionLocked(deliveriesQueued_ == 0);
   } catch (const std::exception& e) {
     LogCategory::tether().error("Could not answer call {}: {}", serial, e.what());
   }
-  const std::size_t left = inFlight_.fetch_sub(1) - 1;
-  // Only the answer that brings the count back under the bound can end a pause.
-  if (left + 1 != maxCallsInFlight_) return;
-  if (!runtime) return;
-  {
-    const std::lock_guard role(readMutex_);
-    if (readState_ != ReadState::paused) return;  // the reader sees the new count itself
-    readState_ = ReadState::held;
-  }
-  runtime->post([self = shared_from_this()] { self->resumeReading(); });
 }
 
-bool Channel::writeFrameLocked(FrameKind kind, std::uint64_t serial, std::string_view name,
-                               const std::optional<Bytes>& payload, bool defer) {
-  encodeFrameHeader(header_, kind, serial, name, payload.has_value(),
-                    payload ? payload->size() : 0);
-  const std::span<const std::byte> body = payload ? payload->span() : std::span<const std::byte>{};
-  if (defer || writesHeld_ || outSent_ < outQueue_.size()) {
-    // Keep frame order: once anything waits, everything after it waits too, and the worker's
-    // flush writes all of it at once.
-    queueLocked(header_);
-    queueLocked(body);
-    if (!writesHeld_) armFlushLocked();
-    return true;
-  }
-  std::array<iovec, 2> parts{iovec{header_.data(), header_.size()},
-                             iovec{const_cast<std::byte*>(body.data()), body.size()}};  // NOLINT
-  msghdr message{};
-  message.msg_iov = parts.data();
-  message.msg_iovlen = body.empty() ? 1 : 2;
-  const std::size_t total = header_.size() + body.size();
-  ssize_t written = -EINTR;  // -errno from here on
-  while (written == -EINTR) {
-    written = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (written < 0) written = -errno;
-  }
-  if (written < 0) {
-    if (written != -EAGAIN && written != -EWOULDBLOCK) {
-      writeFailedLocked(static_cast<int>(-written));
-      return false;
-    }
-    written = 0;
-  }
-  const auto sent = static_cast<std::size_t>(written);
-  if (sent < total) {
-    if (sent < header_.size()) {
-      queueLocked(std::span<const std::byte>(header_).subspan(sent));
-      queueLocked(body);
+void Channel::afterSessionLocked(bool flushNow) {
+  if (!session_.closed() && started_) {
+    if (flushNow) {
+      flushLocked();
     } else {
-      queueLocked(body.subspan(sent - header_.size()));
+      scheduleFlushLocked();
     }
-    armFlushLocked();
   }
-  return true;
-}
-
-void Channel::helloAheadOfHeldLocked() {
-  std::vector<std::byte> held(outQueue_.begin() + static_cast<std::ptrdiff_t>(outSent_),
-                              outQueue_.end());
-  outQueue_.clear();
-  outSent_ = 0;
-  writesHeld_ = false;
-  if (held.empty()) {
-    writeFrameLocked(FrameKind::hello, 0, {}, Bytes(helloPayload));
-    return;
+  session_.takeEvents(events_);
+  for (auto& event : events_) {
+    if (auto* frame = std::get_if<Frame>(&event)) {
+      ++deliveriesQueued_;
+      boost::asio::post(delivery_, [self = shared_from_this(), frame = std::move(*frame)]() mutable {
+        self->dispatch(std::move(frame));
+      });
+      continue;
+    }
+    auto& completed = std::get<Completed>(event);
+    if (completed.synchronous) {
+      completed.completion(std::move(completed.result));  // fills the caller's slot
+      continue;
+    }
+    boost::asio::post(delivery_, [completion = std::move(completed.completion),
+                                  result = std::move(completed.result)]() mutable {
+      runUserCode("completion", [&] { completion(std::move(result)); });
+    });
   }
-  encodeFrameHeader(header_, FrameKind::hello, 0, {}, true, helloPayload.size());
-  queueLocked(header_);
-  queueLocked(Bytes(helloPayload).span());
-  queueLocked(held);
-  armFlushLocked();
-}
-
-void Channel::queueLocked(std::span<const std::byte> bytes) {
-  if (outSent_ == outQueue_.size()) {
-    outQueue_.clear();
-    outSent_ = 0;
-  }
-  outQueue_.insert(outQueue_.end(), bytes.begin(), bytes.end());
-}
-
-void Channel::armFlushLocked() {
-  if (flushArmed_) return;
-  flushArmed_ = true;
-  // Before start() registers the descriptor, start() arms it.
-  if (!registered_.load()) return;
-  if (auto runtime = runtime_.lock()) runtime->arm(writeFd_, writeKey_, Interest::writeOnce);
-}
-
-void Channel::flush() {
-  const std::lock_guard writing(writeMutex_);
-  flushArmed_ = false;
-  if (open_) flushLocked();
+  events_.clear();
+  if (session_.closed() && !tornDown_) teardownLocked();
 }
 
 void Channel::flushLocked() {
-  while (outSent_ < outQueue_.size()) {
-    const ssize_t written = ::send(fd_, outQueue_.data() + outSent_, outQueue_.size() - outSent_,
-                                   MSG_NOSIGNAL | MSG_DONTWAIT);
+  std::array<std::span<const std::byte>, partsPerWrite> parts;
+  std::array<iovec, partsPerWrite> vectors{};
+  while (session_.pendingOutput() > 0) {
+    const std::size_t count = session_.gatherOutput(parts);
+    for (std::size_t i = 0; i < count; ++i) {
+      vectors[i] = {const_cast<std::byte*>(parts[i].data()), parts[i].size()};  // NOLINT: C API
+    }
+    msghdr message{};
+    message.msg_iov = vectors.data();
+    message.msg_iovlen = count;
+    const ssize_t written = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (written < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        armFlushLocked();
+        if (!writeArmed_) {
+          writeArmed_ = true;
+          runtime_->arm(writeFd_, writeKey_, EPOLLOUT);
+        }
         return;
       }
-      writeFailedLocked(errno);
+      session_.close(CloseReason::peerLost, "write failed: " + systemMessage(errno));
       return;
     }
-    outSent_ += static_cast<std::size_t>(written);
+    session_.wrote(static_cast<std::size_t>(written));
   }
 }
 
-void Channel::writeFailedLocked(int error) {
-  // The read side sees the same loss; closing here as well makes sure nobody waits for it.
-  open_ = false;
-  if (auto runtime = runtime_.lock()) {
-    runtime->post([self = shared_from_this(), detail = "write failed: " + systemMessage(error)] {
-      self->closeNow(CloseReason::peerLost, detail);
-    });
-  }
+void Channel::scheduleFlushLocked() {
+  if (writeArmed_ || session_.pendingOutput() == 0) return;
+  // A worker writes once the socket reports writable, which it does at once: a moment later, with
+  // whatever was queued meanwhile.
+  writeArmed_ = true;
+  runtime_->arm(writeFd_, writeKey_, EPOLLOUT);
 }
 
 // ---- reading ---------------------------------------------------------------------------------
 
-void Channel::onReadable(bool hungUp) {
-  {
-    const std::lock_guard role(readMutex_);
-    if (readState_ != ReadState::armed) {
-      // Whoever holds the reading, or resumes it after a pause, reads again before giving it up.
-      if (readState_ != ReadState::closed) {
-        readAgain_ = true;
-        readToEnd_ = readToEnd_ || hungUp;
-      }
-      return;
-    }
-    readState_ = ReadState::held;
+void Channel::ready(std::uint64_t key, std::uint32_t /*events*/) {
+  const std::lock_guard state(mutex_);
+  if (tornDown_) return;
+  if (key == writeKey_) {
+    writeArmed_ = false;
+    afterSessionLocked();
+    return;
   }
-  // After a hang-up no edge follows the last bytes, so the end must be read as well.
-  keepReading(readAvailable(hungUp ? ReadAmount::untilEmpty : ReadAmount::whatArrived));
-}
-
-void Channel::resumeReading() {
-  keepReading(processFrames());
-}
-
-void Channel::keepReading(ReadResult result) {
-  for (;;) {
-    HandBack next = HandBack::done;
-    {
-      const std::lock_guard role(readMutex_);
-      next = handBackLocked(result);
-    }
-    switch (next) {
-      case HandBack::done:
-        return;
-      case HandBack::process:
-        result = processFrames();
-        break;
-      case HandBack::read:
-        result = readAvailable(ReadAmount::whatArrived);
-        break;
-      case HandBack::readToEnd:
-        result = readAvailable(ReadAmount::untilEmpty);
-        break;
-    }
-  }
-}
-
-Channel::HandBack Channel::handBackLocked(ReadResult result) {
-  if (result == ReadResult::closed || closed_.load()) {
-    readState_ = ReadState::closed;
-    for (auto* waiter : waiters_) waiter->poke();
-    waiters_.clear();
-    return HandBack::done;
-  }
-  if (result == ReadResult::paused) {
-    // An answer sent meanwhile may have ended the pause; its sender saw us reading.
-    if (inFlight_.load() < maxCallsInFlight_) return HandBack::process;
-    readState_ = ReadState::paused;
-    return HandBack::done;
-  }
-  while (!waiters_.empty()) {
-    auto* waiter = waiters_.front();
-    waiters_.pop_front();
-    if (waiter->done()) {
-      waiter->poke();
-      continue;
-    }
-    waiter->offered = true;  // the reading stays held, now by this caller (readAgain_ too)
-    waiter->poke();
-    return HandBack::done;
-  }
-  if (std::exchange(readAgain_, false))
-    return std::exchange(readToEnd_, false) ? HandBack::readToEnd : HandBack::read;
-  readState_ = ReadState::armed;
-  if (!readArmed_) {
-    // Arming reports data that arrived while the registration was disarmed.
+  readArmed_ = false;
+  if (callerReads_) return;  // the caller arms the registration when it is done
+  readLocked();
+  afterSessionLocked();
+  if (!tornDown_ && session_.wantsInput()) {
     readArmed_ = true;
-    if (auto runtime = runtime_.lock()) runtime->arm(fd_, readKey_, Interest::readEdges);
+    runtime_->arm(fd_, readKey_, EPOLLIN | EPOLLRDHUP);
   }
-  return HandBack::done;
 }
 
-bool Channel::takeReading() {
-  const std::lock_guard role(readMutex_);
-  if (readState_ != ReadState::armed) return false;
-  readState_ = ReadState::held;
-  // An arrival that a worker was told of before the disarm finds the reading held and leaves a
-  // note.
-  if (std::exchange(readArmed_, false)) {
-    if (auto runtime = runtime_.lock()) runtime->disarm(fd_, readKey_, Interest::readEdges);
-  }
-  return true;
-}
-
-void Channel::awaitOutcome(SyncSlot& slot, bool holdsReading) {
-  if (holdsReading) keepReading(readUntilDone(slot, SyncRing::forThisThread()));
-  std::unique_lock role(readMutex_);
-  for (;;) {
-    if (slot.offered) {
-      slot.offered = false;
-      role.unlock();
-      keepReading(readUntilDone(slot, nullptr));
-      role.lock();
-      continue;
+void Channel::readLocked() {
+  std::size_t taken = 0;
+  while (taken < readPerTurn && session_.wantsInput()) {
+    auto room = session_.receiveBuffer(readChunk);
+    const ssize_t got = ::recv(fd_, room.data(), room.size(), MSG_DONTWAIT);
+    if (got > 0) {
+      session_.received(static_cast<std::size_t>(got));
+      taken += static_cast<std::size_t>(got);
+      if (static_cast<std::size_t>(got) < room.size()) return;  // what arrived is in
+    } else if (got == 0) {
+      session_.receivedEnd();
+    } else if (errno != EINTR) {
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+      session_.close(CloseReason::peerLost, "read failed: " + systemMessage(errno));
     }
-    if (slot.done()) {
-      std::erase(waiters_, &slot);
-      return;
-    }
-    if (readState_ == ReadState::armed) {
-      std::erase(waiters_, &slot);
-      role.unlock();
-      if (takeReading()) keepReading(readUntilDone(slot, nullptr));
-      role.lock();
-      continue;
-    }
-    // Somebody else reads: wait for the answer, or for the reading to be handed over.
-    if (std::find(waiters_.begin(), waiters_.end(), &slot) == waiters_.end())
-      waiters_.push_back(&slot);
-    role.unlock();
-    slot.waitDoneOrPoked();
-    role.lock();
   }
 }
 
-Channel::ReadResult Channel::readUntilDone(SyncSlot& slot, SyncRing* ring) {
-  for (;;) {
-    if (slot.done()) return ReadResult::open;
-    if (closed_.load()) return ReadResult::closed;
-    const ReadResult result = readAvailable(ReadAmount::waitForData, std::exchange(ring, nullptr));
-    if (result != ReadResult::open) return result;
-  }
-}
-
-Channel::ReadResult Channel::readAvailable(ReadAmount amount, SyncRing* armWith) {
-  if (closed_.load()) return ReadResult::closed;
-  bool endOfStream = false;
-  int readError = 0;
-  // Only the first recv may block; closing shuts the socket down, which ends it.
-  int flags = amount == ReadAmount::waitForData ? 0 : MSG_DONTWAIT;
-  auto runtime = armWith != nullptr ? runtime_.lock() : nullptr;
-  for (;;) {
-    auto room = decoder_.prepare(readChunk);
-    ssize_t received = 0;  // -errno on failure
-    if (runtime) {
-      const auto armed = Runtime::registration(readKey_, Interest::readEdges, true);
-      received = armWith->receiveAndArm(fd_, room, runtime->epollDescriptor(), armed);
-      runtime.reset();
-      const std::lock_guard role(readMutex_);
-      readArmed_ = true;
+void Channel::readFor(SyncSlot& slot) {
+  thread_local std::vector<std::byte> buffer(readChunk);
+  while (!slot.done()) {
+    const ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), 0);
+    if (got < 0 && errno == EINTR) continue;
+    const int failure = errno;
+    const std::lock_guard state(mutex_);
+    if (got > 0) {
+      const auto size = static_cast<std::size_t>(got);
+      auto room = session_.receiveBuffer(size);
+      std::copy_n(buffer.begin(), size, room.begin());
+      session_.received(size);
+    } else if (got == 0) {
+      session_.receivedEnd();
     } else {
-      received = ::recv(fd_, room.data(), room.size(), flags);
-      if (received < 0) received = -errno;
+      session_.close(CloseReason::peerLost, "read failed: " + systemMessage(failure));
     }
-    if (received > 0) {
-      decoder_.commit(static_cast<std::size_t>(received));
-      // A short read took all the data there was; more data is another edge.
-      if (static_cast<std::size_t>(received) < room.size() && amount != ReadAmount::untilEmpty)
-        break;
-      flags = MSG_DONTWAIT;
-      continue;
-    }
-    if (received == 0) {
-      endOfStream = true;
-    } else if (received == -EINTR) {
-      continue;
-    } else if (received != -EAGAIN && received != -EWOULDBLOCK) {
-      readError = static_cast<int>(-received);
-    }
-    break;
+    afterSessionLocked();
+    if (!session_.wantsInput()) break;
   }
-  // Frames that arrived before the end are still delivered.
-  const ReadResult result = processFrames();
-  if (closed_.load()) return ReadResult::closed;
-  if (endOfStream) {
-    closeFromReader(CloseReason::peerLost, decoder_.bufferedBytes() == 0
-                                               ? "the peer closed the connection"
-                                               : "the peer closed the connection within a frame");
-    return ReadResult::closed;
-  }
-  if (readError != 0) {
-    closeFromReader(CloseReason::peerLost, systemMessage(readError));
-    return ReadResult::closed;
-  }
-  return result;
-}
-
-Channel::ReadResult Channel::processFrames() {
-  Frame frame;
-  ReadResult result = ReadResult::closed;
-  while (!closed_.load()) {
-    if (inFlight_.load() >= maxCallsInFlight_) {
-      result = ReadResult::paused;
-      break;
-    }
-    const auto status = decoder_.next(frame);
-    if (status == FrameDecoder::Status::needMore) {
-      result = ReadResult::open;
-      break;
-    }
-    if (status == FrameDecoder::Status::violation) {
-      closeFromReader(CloseReason::protocolViolation, decoder_.violation());
-      break;
-    }
-    handleFrame(frame);
-  }
-  flushDeliveries();
-  return closed_.load() ? ReadResult::closed : result;
-}
-
-void Channel::flushDeliveries() {
-  if (deliveries_.empty()) return;
-  if (auto runtime = runtime_.lock()) {
-    runtime->deliver(deliveries_);
-  } else {
-    deliveries_.clear();
-  }
-}
-
-void Channel::closeFromReader(CloseReason reason, const std::string& detail) {
-  // What was read before the violation or the end is delivered before the close handler.
-  flushDeliveries();
-  closeNow(reason, detail);
-}
-
-void Channel::handleFrame(Frame& frame) {
-  if (!helloDone_) {
-    handleHello(frame);
-    return;
-  }
-  switch (frame.kind) {
-    case FrameKind::hello:
-      closeFromReader(CloseReason::protocolViolation, "a second HELLO");
-      return;
-    case FrameKind::reply:
-      complete(frame.serial, std::move(frame.payload).value_or(Bytes()), std::nullopt);
-      return;
-    case FrameKind::fault: {
-      std::string reason(frame.payload ? frame.payload->view() : std::string_view("fault"));
-      complete(frame.serial, std::nullopt,
-               CallError(ConnectionError::peerFault, std::move(reason)));
-      return;
-    }
-    case FrameKind::call:
-    case FrameKind::message: {
-      if (frame.serial <= lastIncomingSerial_) {
-        closeFromReader(CloseReason::protocolViolation, "serials must increase");
-        return;
-      }
-      lastIncomingSerial_ = frame.serial;
-      if (frame.kind == FrameKind::call) inFlight_.fetch_add(1);
-      deliveries_.emplace_back([self = shared_from_this(), incoming = std::move(frame)]() mutable {
-        self->dispatch(std::move(incoming));
-      });
-      frame = Frame{};
-      return;
-    }
-  }
-}
-
-void Channel::handleHello(Frame& frame) {
-  if (frame.kind == FrameKind::hello && frame.serial == 0) {
-    if (!isSupportedHello(frame.payload)) {
-      if (role_ == Role::service) {
-        const std::lock_guard writing(writeMutex_);
-        writesHeld_ = false;
-        outQueue_.clear();
-        outSent_ = 0;
-        writeFrameLocked(FrameKind::fault, 0, {},
-                         Bytes(std::string_view("unsupported protocol version")));
-      }
-      closeFromReader(CloseReason::helloMismatch, "the peer does not speak protocol version 1");
-      return;
-    }
-    helloDone_ = true;
-    if (role_ == Role::service) {
-      // Answer the HELLO ahead of anything the service queued meanwhile.
-      const std::lock_guard writing(writeMutex_);
-      helloAheadOfHeldLocked();
-    }
-    return;
-  }
-  if (role_ == Role::client && frame.kind == FrameKind::fault && frame.serial == 0) {
-    closeFromReader(
-        CloseReason::helloMismatch,
-        std::string(frame.payload ? frame.payload->view() : "the service refused the HELLO"));
-    return;
-  }
-  closeFromReader(CloseReason::protocolViolation, "the first frame is not a HELLO");
-}
-
-void Channel::complete(std::uint64_t serial, std::optional<Bytes> reply,
-                       std::optional<CallError> error) {
-  Pending call;
-  bool known = false;
   {
-    const std::lock_guard pendingCalls(pendingMutex_);
-    if (auto found = pending_.find(serial); found != pending_.end()) {
-      call = std::move(found->second);
-      pending_.erase(found);
-      known = true;
+    const std::lock_guard state(mutex_);
+    callerReads_ = false;
+    if (!tornDown_ && session_.wantsInput()) {
+      // Arming reports whatever arrived behind our answer.
+      readArmed_ = true;
+      runtime_->arm(fd_, readKey_, EPOLLIN | EPOLLRDHUP);
     }
   }
-  if (!known) {
-    // Nothing of ours waits for it: the peer answers a call it never got.
-    closeFromReader(CloseReason::protocolViolation,
-                    "an answer to unknown serial " + std::to_string(serial));
-    return;
-  }
-  if (call.sync) {
-    call.sync->complete(std::move(reply), std::move(error));
-    return;
-  }
-  if (reply) {
-    deliveries_.emplace_back(
-        [handler = std::move(call.reply), bytes = std::move(*reply)]() mutable {
-          if (handler) handler(std::move(bytes));
-        });
-  } else if (call.onError && *call.onError) {
-    deliveries_.emplace_back(
-        [handler = std::move(call.onError), failure = std::move(*error)] { (*handler)(failure); });
-  }
 }
+
+// ---- delivery --------------------------------------------------------------------------------
 
 void Channel::dispatch(Frame frame) {
   std::shared_ptr<ExportedObject> object;
-  std::optional<OperationShape> shape;
-  bool checked = false;
+  std::shared_ptr<const InterfaceDescription> interface;
   {
-    const std::lock_guard config(configMutex_);
+    const std::lock_guard state(mutex_);
+    --deliveriesQueued_;
     object = exportedObject_;
-    if (exportedInterface_) {
-      checked = true;
-      shape = exportedInterface_->shape(frame.name);
-    }
+    interface = exportedInterface_;
   }
   const bool isCall = frame.kind == FrameKind::call;
-  Reply reply = isCall ? Reply(weak_from_this(), frame.serial) : Reply();
-  auto refuse = [&](const std::string& reason) {
-    if (isCall) {
-      reply.fail(reason);
-    } else {
-      LogCategory::tether().error("Dropped message {}: {}", frame.name, reason);
-    }
-  };
-  if (!object) return refuse("no exported object for " + frame.name);
-  if (checked) {
-    if (!shape) return refuse("unknown operation " + frame.name);
-    const bool fits = isCall ? (*shape == OperationShape::argumentAndReply && frame.payload)
-                                   || (*shape == OperationShape::replyOnly && !frame.payload)
-                             : *shape == OperationShape::oneWay && frame.payload.has_value();
-    if (!fits)
-      return refuse("shape mismatch for " + frame.name + " (" + std::string(toString(*shape))
-                    + ")");
+  auto refused =
+      object ? refusal(interface.get(), frame) : "no exported object for " + frame.name;
+  if (refused && isCall) {
+    answer(frame.serial, std::nullopt, *refused);
+    return;
   }
-  try {
-    object->handle(frame.name, std::move(frame.payload), std::move(reply));
-  } catch (const std::exception& e) {
-    LogCategory::tether().fault("Exported object threw on {}: {}", frame.name, e.what());
-  } catch (...) {
-    LogCategory::tether().fault("Exported object threw on {}", frame.name);
+  if (refused) {
+    LogCategory::tether().error("Dropped message {}: {}", frame.name, *refused);
+  } else {
+    Reply reply = isCall ? Reply(weak_from_this(), frame.serial) : Reply();
+    runUserCode("exported object", [&] {
+      object->handle(frame.name, std::move(frame.payload), std::move(reply));
+    });
+  }
+  if (!isCall) {
+    const std::lock_guard state(mutex_);
+    session_.messageHandled();
+    afterSessionLocked();
   }
 }
 
 // ---- closing ---------------------------------------------------------------------------------
 
-void Channel::close(CloseReason reason, std::string detail) noexcept {
-  {
-    // Nothing more leaves from the moment close() returns, even before a worker acts.
-    const std::lock_guard writing(writeMutex_);
-    open_ = false;
+void Channel::close(CloseReason reason, const std::string& detail) noexcept {
+  try {
+    const std::lock_guard state(mutex_);
+    session_.close(reason, detail);
+    afterSessionLocked();
+  } catch (const std::exception& e) {
+    LogCategory::tether().fault("Could not close a connection: {}", e.what());
   }
-  auto runtime = runtime_.lock();
-  if (!runtime) return;
-  runtime->post([self = shared_from_this(), reason, detail = std::move(detail)] {
-    self->closeNow(reason, detail);
-  });
 }
 
-void Channel::closeNow(CloseReason reason, const std::string& detail) {
-  {
-    std::unique_lock closing(closeMutex_);
-    if (closeState_ != CloseState::open) {
-      // Closing already: wait until the calls in flight have failed, unless this thread is the
-      // one closing (a handler run inline during shutdown).
-      if (closer_ != std::this_thread::get_id())
-        closeDone_.wait(closing, [this] { return closeState_ == CloseState::closed; });
-      return;
-    }
-    closeState_ = CloseState::closing;
-    closer_ = std::this_thread::get_id();
-  }
-  closed_.store(true);
-  {
-    const std::lock_guard writing(writeMutex_);
-    open_ = false;
-    outQueue_.clear();
-    outSent_ = 0;
-  }
-  // Wakes a caller that is waiting in recv(); the descriptor itself stays open until the channel
+void Channel::teardownLocked() {
+  tornDown_ = true;
+  open_.store(false, std::memory_order_release);
+  // Wakes a synchronous caller that waits in recv(); the descriptor stays open until the channel
   // is destroyed.
   ::shutdown(fd_, SHUT_RDWR);
-  auto runtime = runtime_.lock();
-  if (runtime && registered_.load()) {
-    runtime->unwatch(fd_, readKey_);
-    runtime->unwatch(writeFd_, writeKey_);
+  if (started_) {
+    runtime_->unwatch(fd_, readKey_);
+    runtime_->unwatch(writeFd_, writeKey_);
   }
-  {
-    const std::lock_guard role(readMutex_);
-    if (readState_ != ReadState::held) {
-      readState_ = ReadState::closed;
-      for (auto* waiter : waiters_) waiter->poke();
-      waiters_.clear();
-    }
-  }
-  std::unordered_map<std::uint64_t, Pending> failed;
-  {
-    const std::lock_guard pendingCalls(pendingMutex_);
-    failed.swap(pending_);
-  }
-  const CallError error = closeError(reason, detail);
-  for (auto& [serial, call] : failed) {
-    Outgoing outgoing{{},
-                      std::nullopt,
-                      true,
-                      std::move(call.reply),
-                      std::move(call.onError),
-                      std::move(call.sync)};
-    if (runtime) {
-      failOutgoing(*runtime, outgoing, error);
-    } else {
-      failOutgoingHere(outgoing, error);
-    }
-  }
-  std::shared_ptr<ExportedObject> object;
-  std::function<void()> handler;
-  {
-    const std::lock_guard config(configMutex_);
-    // Dropping the object breaks cycles through proxies it may hold.
-    object = std::move(exportedObject_);
-    handler = std::move(closeHandler_);
-    closedConfig_ = true;
-  }
-  if (runtime) {
-    runtime->deliver([object = std::move(object), handler = std::move(handler)]() mutable {
-      object.reset();
-      if (handler) handler();
-    });
-  }
-  if (auto owner = owner_.lock()) owner->channelClosed(shared_from_this(), reason, detail);
-  {
-    const std::lock_guard closing(closeMutex_);
-    closeState_ = CloseState::closed;
-  }
-  closeDone_.notify_all();
+  // Behind the failures the close posted: dropping the object breaks cycles through proxies it
+  // may hold, then the close handler and the owner hear of it.
+  boost::asio::post(delivery_, [self = shared_from_this(), object = std::move(exportedObject_),
+                                handler = std::move(closeHandler_), reason = session_.closeReason(),
+                                detail = session_.closeDetail()]() mutable {
+    object.reset();
+    if (handler) runUserCode("close handler", handler);
+    if (auto owner = self->owner_.lock()) owner->channelClosed(self, reason, detail);
+  });
 }
 
 // ---- configuration ---------------------------------------------------------------------------
 
 void Channel::setExportedInterface(std::optional<InterfaceDescription> interface) {
-  const std::lock_guard config(configMutex_);
-  exportedInterface_ = std::move(interface);
+  auto shared = interface ? std::make_shared<const InterfaceDescription>(std::move(*interface))
+                          : nullptr;
+  const std::lock_guard state(mutex_);
+  exportedInterface_ = std::move(shared);
 }
 
 void Channel::setExportedObject(std::shared_ptr<ExportedObject> object) {
-  const std::lock_guard config(configMutex_);
-  exportedObject_ = std::move(object);
+  const std::lock_guard state(mutex_);
+  if (!tornDown_) exportedObject_ = std::move(object);
 }
 
 void Channel::setRemoteInterface(std::optional<InterfaceDescription> interface) {
-  const std::lock_guard config(configMutex_);
-  remoteInterface_ = std::move(interface);
+  auto shared = interface ? std::make_shared<const InterfaceDescription>(std::move(*interface))
+                          : nullptr;
+  const std::lock_guard state(mutex_);
+  remoteInterface_ = std::move(shared);
 }
 
-std::optional<InterfaceDescription> Channel::remoteInterface() const {
-  const std::lock_guard config(configMutex_);
+std::shared_ptr<const InterfaceDescription> Channel::remoteInterface() const {
+  const std::lock_guard state(mutex_);
   return remoteInterface_;
 }
 
 void Channel::setCloseHandler(std::function<void()> handler) {
   {
-    const std::lock_guard config(configMutex_);
-    if (!closedConfig_) {
+    const std::lock_guard state(mutex_);
+    if (!tornDown_) {
       closeHandler_ = std::move(handler);
       return;
     }
   }
-  // Already closed: the handler still runs once.
-  if (auto runtime = runtime_.lock(); runtime && handler) runtime->deliver(std::move(handler));
+  // Closed already: the handler still runs once.
+  if (handler) {
+    boost::asio::post(delivery_,
+                      [handler = std::move(handler)] { runUserCode("close handler", handler); });
+  }
 }
 
 }  // namespace corvane::ipc::detail

@@ -1,180 +1,103 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
-#include <corvane/ipc/ConnectionError.hpp>
-#include <corvane/ipc/RemoteProxy.hpp>
+#include <corvane/platform/LogCategory.hpp>
 
-#include <array>
-#include <condition_variable>
+#include <boost/asio/execution_context.hpp>
+
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <span>
-#include <string>
-#include <sys/epoll.h>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
 namespace corvane::ipc::detail {
 
-/// Something the runtime watches a descriptor for: a channel or a listening socket.
+using Task = std::move_only_function<void()>;
+
+/// Something the runtime watches descriptors for: a channel or a listener.
 class Watcher {
  public:
   virtual ~Watcher() = default;
-  /// A registered descriptor is ready; `writable` says which of the two registrations fired,
-  /// `hungUp` that the peer has gone or the socket failed (nothing more will arrive).
-  virtual void ready(bool writable, bool hungUp) = 0;
+  /// The registration `key` fired with epoll `events`. It is disarmed now (one-shot) until its
+  /// watcher arms it again.
+  virtual void ready(std::uint64_t key, std::uint32_t events) = 0;
 };
 
-using Task = std::move_only_function<void()>;
-
-/// What a registration watches for, and how it is re-armed.
-enum class Interest : std::uint8_t {
-  readOnce,   ///< readable, one event per `arm`
-  writeOnce,  ///< writable, one event per `arm`
-  readEdges,  ///< readable, one event per arrival of data from `arm` until `disarm`
-};
-
-/// The two worker threads of a Connection or Listener, and the serial delivery of user code.
+/// The worker threads of a Connection or a Listener: they wait in one epoll set for descriptors
+/// and for tasks.
 ///
-/// Both workers wait in one epoll set. A listening socket and the writability of a channel are
-/// registered one-shot: one event, then whoever handled it re-arms. The readability of a channel
-/// is registered edge-triggered, which costs no system call per event; the channel itself makes
-/// sure that one thread at a time reads it (see Channel). User code
-/// (reply handlers, incoming calls, connection and lifecycle handlers) runs through `deliver`:
-/// one task at a time, in the order they were queued, on whichever worker holds the delivery
-/// turn. Only one worker can hold it, so the other one always stays free for socket I/O: user code
-/// that blocks never stalls reading or writing. A worker that has just queued an incoming call
-/// takes the turn itself if it is free and runs the call at once, which saves a thread hop on the
-/// way from the socket to the exported object.
-class Runtime {
+/// Descriptors are registered one-shot: an event disarms its registration, and whoever handled it
+/// arms it again, so that one thread at a time handles a registration and a synchronous caller
+/// can take a channel's reading over by disarming it. Each `epoll_wait` takes one event, so the
+/// workers share the load and one that runs a long task leaves the others waiting for events.
+///
+/// Tasks (`execute`) are the functions of `Executor`: the strands that deliver to user code post
+/// through it. A task submitted from a worker that may not run at once goes to that worker's own
+/// queue, which it runs as soon as the current event or task is done: the callbacks a worker's
+/// read produced then run on the same worker without waking another one.
+class Runtime final : public boost::asio::execution_context {
  public:
-  Runtime();
+  explicit Runtime(std::size_t workers);
   ~Runtime();
   Runtime(const Runtime&) = delete;
   Runtime& operator=(const Runtime&) = delete;
 
-  /// Registers `fd` for `watcher`, disarmed until `arm`; returns the registration's key.
-  std::uint64_t watch(int fd, Interest interest, const std::shared_ptr<Watcher>& watcher);
-  /// Arms a registration made by `watch` with the same interest. Arming reports a descriptor
+  /// Registers `fd` for `watcher`, disarmed; returns the registration's key.
+  std::uint64_t watch(int fd, const std::shared_ptr<Watcher>& watcher);
+  /// Arms a registration for `events` (EPOLLIN or EPOLLOUT) once. Arming reports a descriptor
   /// that is ready already.
-  void arm(int fd, std::uint64_t key, Interest interest) noexcept;
-  /// Disarms a registration (its watcher may still get one event that was already pending).
-  void disarm(int fd, std::uint64_t key, Interest interest) noexcept;
-  /// The epoll set and what `arm` (or `disarm`) gives it, for a caller that changes a
-  /// registration through another interface (see SyncRing).
-  [[nodiscard]] int epollDescriptor() const noexcept { return epoll_; }
-  [[nodiscard]] static epoll_event registration(std::uint64_t key, Interest interest,
-                                                bool armed) noexcept;
-  /// Removes a registration; no event reaches its watcher afterwards except one in progress.
+  void arm(int fd, std::uint64_t key, std::uint32_t events) noexcept;
+  /// Disarms a registration (an event that fired already may still reach its watcher).
+  void disarm(int fd, std::uint64_t key) noexcept;
+  /// Removes a registration; no event reaches its watcher afterwards, except one being handled.
   void unwatch(int fd, std::uint64_t key) noexcept;
 
-  /// Runs `task` (not user code) soon on a worker; dropped once the runtime has stopped.
-  void post(Task task);
-  /// Queues user code for the delivery turn, or runs it right here once the runtime has stopped,
-  /// so that handlers owed to a caller still run exactly once.
-  void deliver(Task task);
-  /// Same for several tasks at once, in order (one lock, one wake-up).
-  void deliver(std::vector<Task>& tasks);
+  /// Runs `task` on a worker: right here if this is a worker and `mayRunHere`; else soon. Once
+  /// the runtime has stopped, right here whatever the thread.
+  void execute(Task task, bool mayRunHere);
   [[nodiscard]] bool onWorkerThread() const noexcept;
-  /// Whether more user code waits for the delivery turn.
-  [[nodiscard]] bool deliveriesQueued();
-  /// Stops both workers and joins them, then runs what is still queued for delivery here. Not
-  /// from a worker.
+
+  /// Stops and joins the workers, then runs the tasks still queued on this thread. Not from a
+  /// worker; idempotent.
   void stop();
 
  private:
-  enum class Work { posted, delivery, none, stop };
-  /// What a worker does next, decided under one lock: posted tasks first (they are short and
-  /// never user code), then the delivery turn if it is free.
-  Work takeWork(std::vector<Task>& posted, Task& delivery);
   void work();
-  /// Runs `task` and whatever is queued behind it, then gives the delivery turn up.
-  void runDeliveryTurn(Task task);
-  /// Moves `tasks` to the delivery queue and wakes a worker if need be; or, once the runtime has
-  /// stopped, leaves them where they are and returns true: the caller runs them itself.
-  bool queueDeliveries(std::span<Task> tasks);
-  void wake() noexcept;
+  /// Runs the calling worker's own queue; what waits behind the task it runs goes to the shared
+  /// queue first, so that a task that blocks delays nothing else.
+  void runOwnQueue();
+  void queueShared(Task task);
+  void wakeLocked() noexcept;
 
   int epoll_ = -1;
-  int wakeFd_ = -1;  // edge-triggered: a task was queued
-  int stopFd_ = -1;  // level-triggered: wakes every worker once stopping
+  int wakeFd_ = -1;  // a task was queued (edge-triggered: one worker wakes per write)
+  int stopFd_ = -1;  // level-triggered: every worker sees it
 
-  std::mutex mutex_;
-  std::vector<Task> posted_;
-  std::deque<Task> deliveries_;
-  bool delivering_ = false;  // a worker holds the delivery turn
+  std::mutex mutex_;  // everything below
+  std::deque<Task> tasks_;
   bool wakePending_ = false;
   bool stopping_ = false;
-  bool stopped_ = false;  // deliveries run on the calling thread from now on
-  std::uint64_t nextKey_ = 1;
+  bool stopped_ = false;  // tasks run on the submitting thread from now on
+  std::uint64_t nextKey_ = 2;  // 0 and 1 are the wake and stop descriptors
   std::unordered_map<std::uint64_t, std::weak_ptr<Watcher>> watchers_;
-
-  std::mutex stopMutex_;
-  std::array<std::thread, 2> workers_;
-  std::array<std::thread::id, 2> workerIds_{};
-};
-
-/// Where a synchronous caller waits for its outcome.
-class SyncSlot {
- public:
-  /// A fresh slot for a call made on this thread: the thread's previous one once nobody else
-  /// holds it any more, which saves an allocation per call.
-  static std::shared_ptr<SyncSlot> forThisThread();
-
-  void complete(std::optional<Bytes> reply, std::optional<CallError> error);
-  /// Waits until completed; then exactly one of the two is set.
-  std::pair<std::optional<Bytes>, std::optional<CallError>> wait();
-  [[nodiscard]] bool done();
-  /// Wakes a `waitDoneOrPoked` without completing.
-  void poke();
-  /// Waits until completed or poked (and clears the poke).
-  void waitDoneOrPoked();
-
-  /// Set (under the channel's read lock) when a reader hands this caller the reading of its
-  /// channel.
-  bool offered = false;
-
- private:
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  bool done_ = false;
-  bool poked_ = false;
-  std::optional<Bytes> reply_;
-  std::optional<CallError> error_;
-};
-
-/// One outgoing CALL or MESSAGE and who to tell about its outcome.
-struct Outgoing {
-  std::string operation;
-  std::optional<Bytes> argument;
-  bool expectsReply = true;
-  ReplyHandler reply;  ///< asynchronous calls
-  std::shared_ptr<const ErrorHandler> onError;
-  std::shared_ptr<SyncSlot> sync;  ///< synchronous calls
-};
-
-/// Routes a failure to the caller: the sync slot, or the error handler on the delivery turn.
-void failOutgoing(Runtime& runtime, Outgoing& outgoing, CallError error);
-/// Same, for a caller whose runtime is gone or unknown: the handler runs on this thread.
-void failOutgoingHere(Outgoing& outgoing, CallError error);
-
-/// Something a RemoteProxy sends through: a client connection or an accepted peer.
-class ProxyTarget {
- public:
-  virtual ~ProxyTarget() = default;
-  /// Sends, or fails `outgoing` through its error path; never throws. For a synchronous call it
-  /// returns once the call's slot holds its outcome.
-  virtual void send(Outgoing outgoing) noexcept = 0;
-  /// Fails `outgoing` the way a failed send would (delivery turn for asynchronous calls).
-  virtual void refuse(Outgoing outgoing, CallError error) noexcept = 0;
+  std::vector<std::thread> workers_;
 };
 
 /// Runs user code: an exception is logged, never propagated.
-void runUserCode(std::string_view what, const std::function<void()>& code) noexcept;
+template <class Code>
+void runUserCode(std::string_view what, Code&& code) noexcept {
+  try {
+    std::forward<Code>(code)();
+  } catch (const std::exception& e) {
+    LogCategory::tether().fault("Connection {} threw: {}", what, e.what());
+  } catch (...) {
+    LogCategory::tether().fault("Connection {} threw a non-standard exception", what);
+  }
+}
 
 }  // namespace corvane::ipc::detail

@@ -1,5 +1,4 @@
 #include "IpcTestSupport.hpp"
-#include "ipc/detail/SyncRing.hpp"
 
 #include <corvane/ipc/Connection.hpp>
 #include <corvane/ipc/Listener.hpp>
@@ -192,7 +191,6 @@ TEST_F(ConnectionTest, ConcurrentAsyncAndSyncCallsGetTheirOwnReplies) {
     });
     workers.emplace_back([&, t] {
       // Threads without an io_uring make the plain system calls; both kinds share the socket.
-      if (t % 2 == 1) detail::SyncRing::refuseForThisThread();
       for (int i = 0; i < syncPerThread; ++i) {
         auto expected = fmt::format("[\"sync\",{},{}]", t, i);
         bool replied = false;
@@ -535,7 +533,6 @@ TEST_F(ConnectionTest, SyncCallersGetTheirRepliesWhilePushesAndAsyncRepliesInter
   });
   for (int t = 0; t < threads; ++t) {
     callers.emplace_back([&, t] {
-      if (t == 1) detail::SyncRing::refuseForThisThread();
       for (int i = 0; i < pushesPerThread; ++i) {
         auto argument = fmt::format("[{},{}]", t, i);
         bool replied = false;
