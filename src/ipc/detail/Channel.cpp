@@ -26,6 +26,8 @@ constexpr std::size_t readPerTurn = std::size_t{1024} * 1024;
 /// follow it (see the class comment).
 constexpr std::size_t batchFromCallsInFlight = 8;
 constexpr std::size_t partsPerWrite = 64;
+/// Reading is edge-triggered: a worker is told of each arrival without arming anything again.
+constexpr std::uint32_t readEvents = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
 std::string systemMessage(int error) {
   return std::error_code(error, std::system_category()).message();
@@ -147,7 +149,7 @@ void Channel::start() {
     return;
   }
   readArmed_ = true;
-  runtime_->arm(fd_, readKey_, EPOLLIN | EPOLLRDHUP);
+  runtime_->arm(fd_, readKey_, readEvents);
   afterSessionLocked();  // a client's HELLO, and whatever its callers queued behind it
 }
 
@@ -283,7 +285,7 @@ void Channel::scheduleFlushLocked() {
 
 // ---- reading ---------------------------------------------------------------------------------
 
-void Channel::ready(std::uint64_t key, std::uint32_t /*events*/) {
+void Channel::ready(std::uint64_t key, std::uint32_t events) {
   const std::lock_guard state(mutex_);
   if (tornDown_) return;
   if (key == writeKey_) {
@@ -291,32 +293,39 @@ void Channel::ready(std::uint64_t key, std::uint32_t /*events*/) {
     afterSessionLocked();
     return;
   }
-  readArmed_ = false;
-  if (callerReads_) return;  // the caller arms the registration when it is done
-  readLocked();
+  if (callerReads_) return;  // the caller arms the registration again when it is done
+  // After a hang-up no further edge comes, so the end is read as well.
+  const bool more = readLocked((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0);
   afterSessionLocked();
-  if (!tornDown_ && session_.wantsInput()) {
-    readArmed_ = true;
-    runtime_->arm(fd_, readKey_, EPOLLIN | EPOLLRDHUP);
+  if (tornDown_) return;
+  if (!session_.wantsInput()) {
+    runtime_->disarm(fd_, readKey_);
+    readArmed_ = false;
+  } else if (more) {
+    // This turn's share is read; arming again reports the rest to whichever worker is free.
+    runtime_->arm(fd_, readKey_, readEvents);
   }
 }
 
-void Channel::readLocked() {
+bool Channel::readLocked(bool toTheEnd) {
   std::size_t taken = 0;
-  while (taken < readPerTurn && session_.wantsInput()) {
+  while (session_.wantsInput()) {
+    if (taken >= readPerTurn) return true;
     auto room = session_.receiveBuffer(readChunk);
     const ssize_t got = ::recv(fd_, room.data(), room.size(), MSG_DONTWAIT);
     if (got > 0) {
       session_.received(static_cast<std::size_t>(got));
       taken += static_cast<std::size_t>(got);
-      if (static_cast<std::size_t>(got) < room.size()) return;  // what arrived is in
+      // A short read took all that had arrived; what comes later is a new edge.
+      if (!toTheEnd && static_cast<std::size_t>(got) < room.size()) return false;
     } else if (got == 0) {
       session_.receivedEnd();
     } else if (errno != EINTR) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
       session_.close(CloseReason::peerLost, "read failed: " + systemMessage(errno));
     }
   }
+  return false;
 }
 
 void Channel::readFor(SyncSlot& slot) {
@@ -345,7 +354,7 @@ void Channel::readFor(SyncSlot& slot) {
     if (!tornDown_ && session_.wantsInput()) {
       // Arming reports whatever arrived behind our answer.
       readArmed_ = true;
-      runtime_->arm(fd_, readKey_, EPOLLIN | EPOLLRDHUP);
+      runtime_->arm(fd_, readKey_, readEvents);
     }
   }
 }

@@ -36,8 +36,9 @@ class ChannelOwner {
 /// said: channel mutex, then a strand's or the runtime's internal lock (posting), then a
 /// synchronous caller's slot. Nothing takes the channel mutex while holding any of those.
 ///
-/// Reading: the socket's read registration is one-shot. A worker woken by it reads what has
-/// arrived (non-blocking, bounded per turn) and arms it again. A synchronous caller takes the
+/// Reading: the socket's read registration is edge-triggered. A worker told of an arrival reads
+/// what has come (non-blocking, up to a short read or one turn's share) without arming anything
+/// again. A synchronous caller takes the
 /// reading over instead of waiting for a worker: it disarms the registration, sends its CALL and
 /// reads in recv(2) on its own thread (the socket blocks for that one read; every other read and
 /// write says MSG_DONTWAIT) until its answer is in, routing whatever else it reads exactly as a
@@ -92,7 +93,8 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   void flushLocked();
   void scheduleFlushLocked();
   void sendMessage(Outgoing& outgoing) noexcept;
-  void readLocked();
+  /// Reads what has arrived, up to one turn's share; says whether more may be waiting.
+  bool readLocked(bool toTheEnd);
   void teardownLocked();
   /// A synchronous caller holding the reading reads until `slot` is filled or reading ends.
   void readFor(SyncSlot& slot);

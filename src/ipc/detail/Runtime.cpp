@@ -93,7 +93,7 @@ std::uint64_t Runtime::watch(int fd, const std::shared_ptr<Watcher>& watcher) {
 
 void Runtime::arm(int fd, std::uint64_t key, std::uint32_t events) noexcept {
   epoll_event event{};
-  event.events = events | EPOLLONESHOT;
+  event.events = (events & EPOLLET) != 0 ? events : events | EPOLLONESHOT;
   event.data.u64 = key;
   ::epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event);
 }

@@ -23,17 +23,18 @@ using Task = std::move_only_function<void()>;
 class Watcher {
  public:
   virtual ~Watcher() = default;
-  /// The registration `key` fired with epoll `events`. It is disarmed now (one-shot) until its
-  /// watcher arms it again.
+  /// The registration `key` fired with epoll `events`. A one-shot registration is disarmed now
+  /// until its watcher arms it again.
   virtual void ready(std::uint64_t key, std::uint32_t events) = 0;
 };
 
 /// The worker threads of a Connection or a Listener: they wait in one epoll set for descriptors
 /// and for tasks.
 ///
-/// Descriptors are registered one-shot: an event disarms its registration, and whoever handled it
-/// arms it again, so that one thread at a time handles a registration and a synchronous caller
-/// can take a channel's reading over by disarming it. Each `epoll_wait` takes one event, so the
+/// A registration is armed either one-shot (an event disarms it, and whoever handled it arms it
+/// again) or, with EPOLLET in the events, edge-triggered (one event per arrival, no re-arming);
+/// either way it can be disarmed, which is how a synchronous caller takes a channel's reading
+/// over. Each `epoll_wait` takes one event, so the
 /// workers share the load and one that runs a long task leaves the others waiting for events.
 ///
 /// Tasks (`execute`) are the functions of `Executor`: the strands that deliver to user code post
@@ -49,8 +50,8 @@ class Runtime final : public boost::asio::execution_context {
 
   /// Registers `fd` for `watcher`, disarmed; returns the registration's key.
   std::uint64_t watch(int fd, const std::shared_ptr<Watcher>& watcher);
-  /// Arms a registration for `events` (EPOLLIN or EPOLLOUT) once. Arming reports a descriptor
-  /// that is ready already.
+  /// Arms a registration for `events` (EPOLLIN or EPOLLOUT): once, or for every edge with
+  /// EPOLLET. Arming reports a descriptor that is ready already.
   void arm(int fd, std::uint64_t key, std::uint32_t events) noexcept;
   /// Disarms a registration (an event that fired already may still reach its watcher).
   void disarm(int fd, std::uint64_t key) noexcept;
