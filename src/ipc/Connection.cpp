@@ -115,14 +115,7 @@ class ConnectionCore final : public ChannelOwner,
   void send(Outgoing outgoing) noexcept override {
     try {
       std::optional<CallError> error;
-      std::shared_ptr<const InterfaceDescription> remote;
-      {
-        const std::lock_guard state(mutex_);
-        remote = remoteInterface_;
-      }
-      error = checkOutgoing(remote.get(), outgoing.operation, outgoing.shape);
-      std::shared_ptr<Channel> channel;
-      if (!error) channel = acquireChannel(error);
+      auto channel = acquireChannel(outgoing, error);
       if (error) {
         refuse(outgoing, std::move(*error), delivery_);
         return;
@@ -170,9 +163,13 @@ class ConnectionCore final : public ChannelOwner,
  private:
   enum class State { idle, resumed, invalidated };
 
-  /// The open channel, or why there is none to be had; leaves a closed one behind.
-  std::shared_ptr<Channel> currentChannel(std::optional<CallError>& error) {
+  /// The open channel, or why there is none to be had or `outgoing` may not use it; leaves a
+  /// closed one behind.
+  std::shared_ptr<Channel> currentChannel(const Outgoing& outgoing,
+                                          std::optional<CallError>& error) {
     const std::lock_guard state(mutex_);
+    error = checkOutgoing(remoteInterface_.get(), outgoing.operation, outgoing.shape);
+    if (error) return nullptr;
     if (state_ == State::invalidated) {
       error.emplace(ConnectionError::invalidated, "");
     } else if (state_ == State::idle) {
@@ -182,11 +179,12 @@ class ConnectionCore final : public ChannelOwner,
     return channel_;
   }
 
-  std::shared_ptr<Channel> acquireChannel(std::optional<CallError>& error) {
-    if (auto channel = currentChannel(error); channel || error) return channel;
+  std::shared_ptr<Channel> acquireChannel(const Outgoing& outgoing,
+                                          std::optional<CallError>& error) {
+    if (auto channel = currentChannel(outgoing, error); channel || error) return channel;
     // One connect at a time; whoever comes second uses the first one's channel.
     const std::lock_guard connecting(connectMutex_);
-    if (auto channel = currentChannel(error); channel || error) return channel;
+    if (auto channel = currentChannel(outgoing, error); channel || error) return channel;
 
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {

@@ -224,26 +224,25 @@ void Channel::afterSessionLocked(bool flushNow) {
       scheduleFlushLocked();
     }
   }
-  session_.takeEvents(events_);
-  for (auto& event : events_) {
-    if (auto* frame = std::get_if<Frame>(&event)) {
+  std::vector<SessionEvent> events;
+  session_.takeEvents(events);
+  // A synchronous caller's outcome goes straight to its slot; the rest is delivered in order, as
+  // one task per batch.
+  std::erase_if(events, [this](SessionEvent& event) {
+    if (std::holds_alternative<Frame>(event)) {
       ++deliveriesQueued_;
-      boost::asio::post(delivery_, [self = shared_from_this(), frame = std::move(*frame)]() mutable {
-        self->dispatch(std::move(frame));
-      });
-      continue;
+      return false;
     }
     auto& completed = std::get<Completed>(event);
-    if (completed.synchronous) {
-      completed.completion(std::move(completed.result));  // fills the caller's slot
-      continue;
-    }
-    boost::asio::post(delivery_, [completion = std::move(completed.completion),
-                                  result = std::move(completed.result)]() mutable {
-      runUserCode("completion", [&] { completion(std::move(result)); });
+    if (!completed.synchronous) return false;
+    completed.completion(std::move(completed.result));  // fills the caller's slot
+    return true;
+  });
+  if (!events.empty()) {
+    boost::asio::post(delivery_, [self = shared_from_this(), events = std::move(events)]() mutable {
+      self->deliver(events);
     });
   }
-  events_.clear();
   if (session_.closed() && !tornDown_) teardownLocked();
 }
 
@@ -360,6 +359,17 @@ void Channel::readFor(SyncSlot& slot) {
 }
 
 // ---- delivery --------------------------------------------------------------------------------
+
+void Channel::deliver(std::vector<SessionEvent>& events) {
+  for (auto& event : events) {
+    if (auto* frame = std::get_if<Frame>(&event)) {
+      dispatch(std::move(*frame));
+    } else {
+      auto& completed = std::get<Completed>(event);
+      runUserCode("completion", [&] { completed.completion(std::move(completed.result)); });
+    }
+  }
+}
 
 void Channel::dispatch(Frame frame) {
   std::shared_ptr<ExportedObject> object;

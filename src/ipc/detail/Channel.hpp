@@ -98,6 +98,8 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   void teardownLocked();
   /// A synchronous caller holding the reading reads until `slot` is filled or reading ends.
   void readFor(SyncSlot& slot);
+  /// Runs a batch of events on the delivery executor, in order.
+  void deliver(std::vector<SessionEvent>& events);
   void dispatch(Frame frame);
 
   const std::shared_ptr<Runtime> runtime_;
@@ -110,7 +112,6 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
 
   mutable std::mutex mutex_;  // everything below
   Session session_;
-  std::vector<SessionEvent> events_;  // scratch, reused
   std::uint64_t readKey_ = 0;
   std::uint64_t writeKey_ = 0;
   bool started_ = false;

@@ -90,6 +90,8 @@ std::optional<std::uint64_t> Session::call(std::string_view operation,
   } else {
     queueFrame(FrameKind::message, serial, operation, std::move(argument));
   }
+  // Going past the outgoing limit closed the session instead: nothing was queued.
+  if (closed_) return std::nullopt;
   return serial;
 }
 
@@ -123,16 +125,19 @@ void Session::close(CloseReason reason, std::string detail) {
   outputBytes_ = 0;
   queued_.clear();
   queuedBytes_ = 0;
-  // Calls in flight fail in serial order, the order they were made.
+  releaseBudget();
+  failPending(closeError(reason, closeDetail_));
+}
+
+void Session::failPending(const CallError& error) {
+  // In serial order, the order the calls were made.
   std::vector<std::pair<std::uint64_t, Pending>> failed(std::make_move_iterator(pending_.begin()),
                                                         std::make_move_iterator(pending_.end()));
   pending_.clear();
   std::sort(failed.begin(), failed.end(),
             [](const auto& a, const auto& b) { return a.first < b.first; });
   for (auto& [serial, call] : failed) {
-    events_.emplace_back(Completed{std::move(call.completion),
-                                   CallResult(closeError(reason, closeDetail_)),
-                                   call.synchronous});
+    events_.emplace_back(Completed{std::move(call.completion), CallResult(error), call.synchronous});
   }
 }
 
@@ -140,14 +145,18 @@ void Session::close(CloseReason reason, std::string detail) {
 
 void Session::queueFrame(FrameKind kind, std::uint64_t serial, std::string_view name,
                          std::optional<Bytes> payload) {
-  if (outputBytes_ > limits_.maxQueuedOutgoingBytes) {
-    close(CloseReason::limitExceeded,
-          fmt::format("the peer does not read: {} bytes wait for it", outputBytes_));
-    return;
-  }
   std::vector<std::byte> header;
   encodeFrameHeader(header, kind, serial, name, payload.has_value(),
                     payload ? payload->size() : 0);
+  // One frame always fits, however large; behind others it must fit within the limit.
+  const std::size_t frameBytes = header.size() + (payload ? payload->size() : 0);
+  const std::size_t limit = limits_.maxQueuedOutgoingBytes;
+  if (outputBytes_ > 0 && (frameBytes > limit || outputBytes_ > limit - frameBytes)) {
+    close(CloseReason::limitExceeded,
+          fmt::format("the peer does not read: {} bytes wait for it, {} more would go past {}",
+                      outputBytes_, frameBytes, limit));
+    return;
+  }
   outputBytes_ += header.size();
   if (kind == FrameKind::hello && outputHeld_) {
     // A service answers the HELLO ahead of whatever it queued meanwhile.
@@ -223,19 +232,14 @@ void Session::receivedEnd() {
   // A client that shut down its writing still gets the answers to the calls it sent; the calls
   // we made to it can no longer be answered.
   inputEnded_ = true;
-  for (auto& [serial, call] : pending_) {
-    events_.emplace_back(
-        Completed{std::move(call.completion),
-                  CallResult(CallError(ConnectionError::interrupted, "the peer hung up")),
-                  call.synchronous});
-  }
-  pending_.clear();
+  releaseBudget();  // a frame cut short by the end will never complete
+  failPending(CallError(ConnectionError::interrupted, "the peer hung up"));
   closeIfDrained();
 }
 
 void Session::chargeBudget() {
   if (!budget_) return;
-  const std::size_t buffered = closed_ ? 0 : decoder_.bufferedBytes();
+  const std::size_t buffered = closed_ || inputEnded_ ? 0 : decoder_.bufferedBytes();
   const std::size_t wanted = buffered > freeReceiveAllowance ? buffered - freeReceiveAllowance : 0;
   if (wanted < charged_) {
     budget_->give(charged_ - wanted);
@@ -244,12 +248,15 @@ void Session::chargeBudget() {
     if (!budget_->take(wanted - charged_)) {
       close(CloseReason::limitExceeded,
             "too many bytes of partly received frames across the service's connections");
-      budget_->give(charged_);
-      charged_ = 0;
       return;
     }
     charged_ = wanted;
   }
+}
+
+void Session::releaseBudget() noexcept {
+  if (budget_ && charged_ > 0) budget_->give(charged_);
+  charged_ = 0;
 }
 
 void Session::violation(std::string detail) {

@@ -41,8 +41,9 @@ struct SessionLimits {
   /// Bytes of the incoming CALLs and MESSAGEs waiting behind the in-flight limit; past it the
   /// peer is sending more than it can be served and the session closes.
   std::size_t maxQueuedIncomingBytes = std::numeric_limits<std::size_t>::max();
-  /// Bytes waiting to be written because the peer does not read; past it the session closes
-  /// (one frame always fits, however large).
+  /// Bytes waiting to be written because the peer does not read; a frame that would take them
+  /// past it closes the session instead of being queued (one frame always fits, however large,
+  /// when nothing else waits).
   std::size_t maxQueuedOutgoingBytes = std::numeric_limits<std::size_t>::max();
 };
 
@@ -93,7 +94,8 @@ class Session {
 
   /// Queues a CALL (or a MESSAGE when `completion` is empty: nothing answers it) and returns its
   /// serial. On a closed session nothing is queued: a CALL's completion comes back as an event
-  /// with the close's error, and the result is empty.
+  /// with the close's error, and the result is empty. The same holds when this very frame would
+  /// go past `maxQueuedOutgoingBytes` and so closes the session.
   std::optional<std::uint64_t> call(std::string_view operation, std::optional<Bytes> argument,
                                     Completion completion, bool synchronous = false);
   /// Answers an incoming CALL: a REPLY carrying `reply`, else a FAULT carrying `reason`.
@@ -155,7 +157,11 @@ class Session {
   void incoming(Frame& frame);
   void releaseQueued();
   void violation(std::string detail);
+  /// Fails every call of ours in flight with `error`, in serial order.
+  void failPending(const CallError& error);
   void chargeBudget();
+  /// Gives back all this session has taken from the budget: it will read no more.
+  void releaseBudget() noexcept;
   /// A service whose client has ended its stream closes once its answers are out.
   void closeIfDrained();
 
