@@ -47,3 +47,9 @@
 #include <corvane/requests/StoreAppIdentifier.hpp>
 #include <corvane/requests/UpdateBehavior.hpp>
 #include <corvane/requests/VPPInstallRequest.hpp>
+#include <corvane/service/FeatureFlag.hpp>
+#include <corvane/service/ManagedAppLibrary.hpp>
+#include <corvane/service/RequestOperations.hpp>
+#include <corvane/service/ServiceConnection.hpp>
+#include <corvane/service/ServiceProtocol.hpp>
+#include <corvane/service/SyncTetherResult.hpp>

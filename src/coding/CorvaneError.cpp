@@ -56,7 +56,13 @@ std::string localizedDescription(CorvaneError error) {
   return platform::Localization::localizedString(localizationKey(error));
 }
 
-Error::Error(CorvaneError error) : std::system_error(make_error_code(error)), error_(error) {}
+Error::Error(CorvaneError error, std::string cause)
+    : std::system_error(make_error_code(error)),
+      error_(error),
+      cause_(std::make_shared<const std::string>(std::move(cause))),
+      what_(std::make_shared<const std::string>(
+          cause_->empty() ? corvane::localizedDescription(error)
+                          : corvane::localizedDescription(error) + " (" + *cause_ + ")")) {}
 
 CorvaneError toCorvaneError(const std::exception_ptr& failure) noexcept {
   if (!failure) return CorvaneError::unrecoverableError;

@@ -206,8 +206,10 @@ class ConnectionCore final : public ChannelOwner,
     if (options_.requiredServiceUid) {
       ucred cred{};
       socklen_t size = sizeof cred;
-      if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0
-          || cred.uid != *options_.requiredServiceUid) {
+      const bool known = ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &size) == 0;
+      if (!known
+          || (cred.uid != *options_.requiredServiceUid
+              && !(options_.rootServiceTrusted && cred.uid == 0))) {
         const auto reason = fmt::format("{} is served by uid {}, not {}", path_.native(), cred.uid,
                                         *options_.requiredServiceUid);
         invalidate(reason);

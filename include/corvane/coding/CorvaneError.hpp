@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,12 +40,19 @@ BOOST_DESCRIBE_ENUM(CorvaneError, unrecoverableError, networkError, deviceNotMan
 /// itself when the resource bundle has no translation.
 [[nodiscard]] std::string localizedDescription(CorvaneError error);
 
-/// The exception that carries a `CorvaneError`. `code()` is in `corvaneCategory()`.
+/// The exception that carries a `CorvaneError`. `code()` is in `corvaneCategory()` and
+/// `code().message()` is the localized description. A failure made inside the library also keeps
+/// its `cause` ("cannot connect to /run/corvane/...: No such file or directory"), which `what()`
+/// adds to the description so that a person can act on it.
 class Error : public std::system_error {
  public:
-  explicit Error(CorvaneError error);
+  explicit Error(CorvaneError error, std::string cause = {});
 
   [[nodiscard]] CorvaneError error() const noexcept { return error_; }
+  /// What went wrong underneath; empty for an error the daemon reported.
+  [[nodiscard]] const std::string& cause() const noexcept { return *cause_; }
+  /// The localized description (as it was when the error was made), then the cause if any.
+  [[nodiscard]] const char* what() const noexcept override { return what_->c_str(); }
   /// The localized description, looked up afresh on every call.
   [[nodiscard]] std::string localizedDescription() const {
     return corvane::localizedDescription(error_);
@@ -65,6 +73,9 @@ class Error : public std::system_error {
 
  private:
   CorvaneError error_;
+  // Shared, so that copying the exception never throws.
+  std::shared_ptr<const std::string> cause_;
+  std::shared_ptr<const std::string> what_;
 };
 
 /// Maps any failure to a `CorvaneError`: a `corvane::Error` passes through unchanged, anything

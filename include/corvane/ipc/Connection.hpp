@@ -31,9 +31,11 @@ class ConnectionCore;
 struct ConnectionOptions {
   /// Where the service's socket lives; empty = `defaultRuntimeDirectory()`.
   std::filesystem::path runtimeDirectory;
-  /// When set, the service's uid (SO_PEERCRED) must be this one; checked at each connect, and a
-  /// mismatch invalidates the connection.
+  /// When set, the service's uid (SO_PEERCRED) must be this one (or root, with
+  /// `rootServiceTrusted`); checked at each connect, and a mismatch invalidates the connection.
   std::optional<std::uint32_t> requiredServiceUid;
+  /// With `requiredServiceUid`: a service running as root is trusted as well.
+  bool rootServiceTrusted = false;
 };
 
 /// A client connection to a named service over a Unix-domain socket.

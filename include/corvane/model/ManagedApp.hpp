@@ -75,6 +75,7 @@ class ManagedApp {
 
   /// The entry's identity: its bundle identifier.
   [[nodiscard]] const std::string& id() const noexcept { return stored_.bundleID; }
+  [[nodiscard]] const std::string& bundleID() const noexcept { return stored_.bundleID; }
   [[nodiscard]] const std::string& declarationIdentifier() const noexcept {
     return stored_.declarationIdentifier;
   }
@@ -142,6 +143,12 @@ class ManagedApp {
   /// The store's licence-agreement page for this item; empty without a licence agreement or an
   /// item number.
   [[nodiscard]] std::optional<boost::urls::url> licenseAgreementURL() const;
+
+  /// Asks the daemon to launch this app: an `AppLaunchRequest` for its `bundleID`, performed.
+  /// Completion: `void(std::exception_ptr)` through any Asio completion token (see
+  /// `AppLaunchRequest::perform`). Defined in <corvane/service/RequestOperations.hpp>.
+  template <class CompletionToken>
+  auto launch(CompletionToken&& token) const;
 
  private:
   friend struct coding::StoredCoding<ManagedApp>;

@@ -8,6 +8,13 @@ namespace corvane {
 /// identifier alone.
 struct AppLaunchRequest {
   std::string bundleID;
+
+  /// Sends "handleLaunchAppRequest:reply:" with the bundle identifier alone. Completion:
+  /// `void(std::exception_ptr)` through any Asio completion token; see
+  /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
+  /// <corvane/service/RequestOperations.hpp>, which callers include.
+  template <class CompletionToken>
+  auto perform(CompletionToken&& token) const;
 };
 
 }  // namespace corvane

@@ -21,6 +21,16 @@ struct DDMAppOrUpdateManagedAppRequest {
   DDMAppOrUpdateManagedAppRequest() : app(coding::Access::make<ManagedAppDeclaration>()) {}
 
  public:
+  /// Sends "addOrUpdateManagedApp:reply:" with this record. Completion: `void(std::exception_ptr)`
+  /// through any Asio completion token; see `ServiceConnection::withAsyncService` for the errors
+  /// and where the handler runs. Defined in <corvane/service/RequestOperations.hpp>, which callers
+  /// include.
+  template <class CompletionToken>
+  auto perform(CompletionToken&& token) const;
+  /// The same, blocking the calling thread until the reply has arrived. Throws
+  /// `corvane::Error` (or the encoder's `CodingError`) where `perform` would deliver it.
+  void performSynchronously() const;
+
   BOOST_DESCRIBE_CLASS(DDMAppOrUpdateManagedAppRequest, (), (app), (), ())
 };
 

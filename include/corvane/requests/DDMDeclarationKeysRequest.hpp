@@ -2,10 +2,23 @@
 
 #include <corvane/coding/Coding.hpp>
 
+#include <string>
+#include <vector>
+
 namespace corvane {
 
 /// Asks for the current declaration keys. It has no fields.
-struct DDMDeclarationKeysRequest {};
+struct DDMDeclarationKeysRequest {
+  /// Sends "currentDeclarationKeysWithReply:", without an argument. Completion:
+  /// `void(std::exception_ptr, std::vector<std::string>)` through any Asio completion token; see
+  /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
+  /// <corvane/service/RequestOperations.hpp>, which callers include.
+  template <class CompletionToken>
+  auto perform(CompletionToken&& token) const;
+  /// The same, blocking the calling thread until the reply has arrived. Throws
+  /// `corvane::Error` (or the encoder's `CodingError`) where `perform` would deliver it.
+  [[nodiscard]] std::vector<std::string> performSynchronously() const;
+};
 
 namespace coding {
 /// Encodes as an empty object; decoding reads nothing and never fails, whatever the input.

@@ -3,6 +3,13 @@
 namespace corvane {
 
 /// Asks the daemon to forget its managed-app install history. No fields; not coded.
-struct DDMResetManagedAppInstallHistoryRequest {};
+struct DDMResetManagedAppInstallHistoryRequest {
+  /// Sends "resetManagedAppInstallHistoryWithReply:", without an argument. Completion:
+  /// `void(std::exception_ptr)` through any Asio completion token; see
+  /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
+  /// <corvane/service/RequestOperations.hpp>, which callers include.
+  template <class CompletionToken>
+  auto perform(CompletionToken&& token) const;
+};
 
 }  // namespace corvane

@@ -14,6 +14,13 @@ class InstallEnterpriseManifestRequest {
 
   [[nodiscard]] const EnterpriseApp& app() const noexcept { return app_; }
 
+  /// Sends "installEnterpriseManifest:reply:" with the wrapped `EnterpriseApp`. Completion:
+  /// `void(std::exception_ptr)` through any Asio completion token; see
+  /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
+  /// <corvane/service/RequestOperations.hpp>, which callers include.
+  template <class CompletionToken>
+  auto perform(CompletionToken&& token) const;
+
  private:
   EnterpriseApp app_;
 };

@@ -54,6 +54,13 @@ class VPPInstallRequest {
   [[nodiscard]] RequestType requestType() const noexcept { return stored_.requestType; }
   [[nodiscard]] std::optional<std::int64_t> evid() const noexcept { return stored_.evid; }
 
+  /// Sends "handleVPPInstallRequest:reply:" with this record. Completion:
+  /// `void(std::exception_ptr)` through any Asio completion token; see
+  /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
+  /// <corvane/service/RequestOperations.hpp>, which callers include.
+  template <class CompletionToken>
+  auto perform(CompletionToken&& token) const;
+
  private:
   friend struct coding::StoredCoding<VPPInstallRequest>;
 

@@ -1,9 +1,9 @@
 #include "ipc/detail/Session.hpp"
 
 #include <boost/json/parse.hpp>
+#include <fmt/format.h>
 
 #include <algorithm>
-#include <fmt/format.h>
 #include <utility>
 
 namespace corvane::ipc::detail {
@@ -77,9 +77,8 @@ std::optional<std::uint64_t> Session::call(std::string_view operation,
                                            bool synchronous) {
   if (closed_) {
     if (completion) {
-      events_.emplace_back(Completed{std::move(completion),
-                                     CallResult(closeError(closeReason_, closeDetail_)),
-                                     synchronous});
+      events_.emplace_back(Completed{
+          std::move(completion), CallResult(closeError(closeReason_, closeDetail_)), synchronous});
     }
     return std::nullopt;
   }
@@ -137,7 +136,8 @@ void Session::failPending(const CallError& error) {
   std::sort(failed.begin(), failed.end(),
             [](const auto& a, const auto& b) { return a.first < b.first; });
   for (auto& [serial, call] : failed) {
-    events_.emplace_back(Completed{std::move(call.completion), CallResult(error), call.synchronous});
+    events_.emplace_back(
+        Completed{std::move(call.completion), CallResult(error), call.synchronous});
   }
 }
 
@@ -146,8 +146,7 @@ void Session::failPending(const CallError& error) {
 void Session::queueFrame(FrameKind kind, std::uint64_t serial, std::string_view name,
                          std::optional<Bytes> payload) {
   std::vector<std::byte> header;
-  encodeFrameHeader(header, kind, serial, name, payload.has_value(),
-                    payload ? payload->size() : 0);
+  encodeFrameHeader(header, kind, serial, name, payload.has_value(), payload ? payload->size() : 0);
   // One frame always fits, however large; behind others it must fit within the limit.
   const std::size_t frameBytes = header.size() + (payload ? payload->size() : 0);
   const std::size_t limit = limits_.maxQueuedOutgoingBytes;
@@ -225,8 +224,8 @@ void Session::received(std::size_t bytes) {
 void Session::receivedEnd() {
   if (closed_ || inputEnded_) return;
   if (role_ == Role::client || !helloDone_) {
-    close(CloseReason::peerLost, decoder_.bufferedBytes() > 0 ? "the peer hung up inside a frame"
-                                                              : "the peer hung up");
+    close(CloseReason::peerLost,
+          decoder_.bufferedBytes() > 0 ? "the peer hung up inside a frame" : "the peer hung up");
     return;
   }
   // A client that shut down its writing still gets the answers to the calls it sent; the calls
@@ -296,7 +295,8 @@ void Session::handleHello(Frame& frame) {
         outputOffset_ = 0;
         outputBytes_ = 0;
         outputHeld_ = false;
-        queueFrame(FrameKind::fault, 0, {}, Bytes(std::string_view("unsupported protocol version")));
+        queueFrame(FrameKind::fault, 0, {},
+                   Bytes(std::string_view("unsupported protocol version")));
         inputEnded_ = true;
         closeReason_ = CloseReason::helloMismatch;
         closeDetail_ = "the peer does not speak protocol version 1";

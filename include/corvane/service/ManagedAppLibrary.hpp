@@ -1,0 +1,66 @@
+#pragma once
+
+#include <corvane/model/ManagedApp.hpp>
+#include <corvane/model/ManagedAppInstallRequest.hpp>
+#include <corvane/requests/ManagedAppCancelRequest.hpp>
+#include <corvane/service/ServiceConnection.hpp>
+
+#include <memory>
+#include <tuple>
+
+namespace corvane {
+
+/// The public object through which a caller asks the daemon to install or cancel catalogue apps.
+/// It holds no state: every instance uses the process's one `ServiceConnection`, so instances
+/// behave alike. Usable from any thread at once; takes no lock.
+class ManagedAppLibrary {
+ public:
+  /// The process-wide instance, made on first use. Thread-safe; never throws.
+  [[nodiscard]] static ManagedAppLibrary& shared() noexcept;
+
+  ManagedAppLibrary() = default;
+
+  /// Asks the daemon to install whatever an install without an app covers (its decision):
+  /// "installManagedApp:reply:" with no declaration identifier or purchase parameters, user
+  /// initiated. Completion: `void(std::exception_ptr)` through any Asio completion token, as
+  /// `ServiceConnection::withAsyncService` describes.
+  template <class CompletionToken>
+  auto install(CompletionToken&& token) const {
+    return sendInstall(ManagedAppInstallRequest(std::nullopt, std::nullopt),
+                       std::forward<CompletionToken>(token));
+  }
+
+  /// Asks the daemon to install a catalogue app: its declaration identifier and purchase
+  /// parameters, user initiated. Completion as for `install(token)`.
+  template <class CompletionToken>
+  auto install(const ManagedApp& app, CompletionToken&& token) const {
+    return sendInstall(ManagedAppInstallRequest(app.declarationIdentifier(), app.buyParams()),
+                       std::forward<CompletionToken>(token));
+  }
+
+  /// Asks the daemon to cancel the installation of a catalogue app ("cancelManagedApp:reply:"
+  /// with its declaration identifier). Completion as for `install(token)`.
+  template <class CompletionToken>
+  auto cancel(const ManagedApp& app, CompletionToken&& token) const {
+    return ServiceConnection::withAsyncService<None>(
+        std::tuple(ManagedAppCancelRequest{app.declarationIdentifier()}),
+        [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
+          proxy.cancelManagedApp(std::move(argument), std::move(reply));
+        },
+        std::forward<CompletionToken>(token));
+  }
+
+ private:
+  template <class CompletionToken>
+  auto sendInstall(ManagedAppInstallRequest request, CompletionToken&& token) const {
+    request.setUserInitiated(true);
+    return ServiceConnection::withAsyncService<None>(
+        std::tuple(std::move(request)),
+        [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
+          proxy.installManagedApp(std::move(argument), std::move(reply));
+        },
+        std::forward<CompletionToken>(token));
+  }
+};
+
+}  // namespace corvane

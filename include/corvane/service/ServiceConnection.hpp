@@ -1,0 +1,232 @@
+#pragma once
+
+#include <corvane/coding/Coding.hpp>
+#include <corvane/coding/CorvaneError.hpp>
+#include <corvane/coding/ServiceResult.hpp>
+#include <corvane/coding/TetherDecoder.hpp>
+#include <corvane/coding/TetherEncoder.hpp>
+#include <corvane/ipc/Connection.hpp>
+#include <corvane/service/FeatureFlag.hpp>
+#include <corvane/service/ServiceProtocol.hpp>
+#include <corvane/service/SyncTetherResult.hpp>
+
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/execution/outstanding_work.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/prefer.hpp>
+#include <boost/asio/system_executor.hpp>
+
+#include <exception>
+#include <memory>
+#include <optional>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace corvane {
+
+/// The completion signature of a service call returning `Value`: `void(std::exception_ptr)`
+/// for operations without a value (`None`), else `void(std::exception_ptr, Value)`. The
+/// exception is empty on success; on failure it holds a `corvane::Error` (or, for an argument
+/// that cannot be encoded, the encoder's `CodingError`) and the value is default-made.
+template <class Value>
+using ServiceSignature = std::conditional_t<std::is_same_v<Value, None>, void(std::exception_ptr),
+                                            void(std::exception_ptr, Value)>;
+
+/// The library's one connection to the daemon's agent service.
+///
+/// It connects to `agentServiceName` in the runtime directory, exports the client callback
+/// interface (`handleMessages:`), declares `ServiceProtocol` as the remote interface, logs
+/// interruptions ("Daemon connection interrupted") and invalidation ("Daemon connection
+/// invalidated") at error level under the Tether category and does nothing else about them: the
+/// connection connects again by itself on the next call after an interruption, and after an
+/// invalidation every later call fails. The service must run as root when the runtime directory
+/// is the system one, else as the caller's own user or root.
+///
+/// Every member may be used from any thread at once. Destruction invalidates the connection; the
+/// shared instance is never destroyed.
+class ServiceConnection {
+ public:
+  /// The process's instance, made on first use while the service is enabled. Throws
+  /// `corvane::Error` (unrecoverableError, "the service is switched off") while it is not and
+  /// no instance exists yet; the next call tries again. Thread-safe.
+  [[nodiscard]] static ServiceConnection& shared();
+
+  /// A connection of its own (tests, tools). Throws `corvane::Error` (unrecoverableError) while
+  /// the service is switched off: no object is made then.
+  explicit ServiceConnection(const std::filesystem::path& runtimeDirectory = {});
+  ~ServiceConnection();
+  ServiceConnection(const ServiceConnection&) = delete;
+  ServiceConnection& operator=(const ServiceConnection&) = delete;
+
+  /// A proxy whose calls return at once; each call's completion runs on `executor()`.
+  [[nodiscard]] ServiceProtocol remoteObjectProxy() const;
+  /// A proxy whose calls return after their completion ran on the calling thread.
+  [[nodiscard]] ServiceProtocol synchronousRemoteObjectProxy() const;
+  /// Where replies are handled, and where a handler without an executor of its own runs.
+  [[nodiscard]] ipc::DeliveryExecutor executor() const;
+  /// The connection underneath (the push hub exports itself through it).
+  [[nodiscard]] ipc::Connection& connection() noexcept { return *connection_; }
+
+  /// Sends one remote operation asynchronously and delivers its decoded reply through any Asio
+  /// completion token (a callback, `use_future`, `use_awaitable`, `deferred`, ...).
+  ///
+  /// `arguments` is a tuple of the values to send (empty for the operations without one); they
+  /// are encoded, in order, into one buffer. `body(proxy, buffer, reply)` calls one operation of
+  /// `proxy` with the buffer (or without it, for a reply-only operation) and `reply`.
+  ///
+  /// Completion: `ServiceSignature<Value>`. The value is the `success` of the reply; the error is
+  /// the daemon's `failure` kind unchanged, or `unrecoverableError` for a failure made here
+  /// (switched off, no connection, undeliverable call, undecodable reply), whose `cause()` says
+  /// which; an argument that cannot be encoded fails with the encoder's `CodingError`, and then
+  /// nothing is sent. Nothing throws from the initiating call.
+  ///
+  /// Where: the handler runs through its associated executor (a coroutine resumes on its own)
+  /// and never inside the initiating call; while the call is pending, outstanding work is counted
+  /// on that executor. A handler without an executor runs on `executor()` of the shared
+  /// connection, or, when there is none (switched off, or it could not be made), on Asio's
+  /// system executor.
+  template <class Value, class Arguments, class Body, class CompletionToken>
+  static auto withAsyncService(Arguments arguments, Body body, CompletionToken&& token);
+
+  /// The synchronous twin: blocks the calling thread until the reply or the failure has arrived
+  /// and returns the value, or throws what the asynchronous routine would deliver. May be called
+  /// from inside a delivery callback.
+  template <class Value, class Arguments, class Body>
+  static Value withSyncService(Arguments arguments, Body body);
+
+ private:
+  std::unique_ptr<ipc::Connection> connection_;
+};
+
+namespace service::detail {
+
+/// `corvane::Error` for a failure made inside the library.
+[[nodiscard]] std::exception_ptr localFailure(std::string cause);
+/// The failure of a call the connection could not complete; writes the log line `logFormat`
+/// ("Error fetching remote object proxy: {}") with the connection's error.
+[[nodiscard]] std::exception_ptr callFailure(const ipc::CallError& error, bool synchronous);
+/// The failure of a reply that does not decode; writes "Error decoding Tether values: {}".
+[[nodiscard]] std::exception_ptr decodingFailure(const std::exception& error);
+/// The shared connection, or empty with the failure to report when it cannot be had.
+[[nodiscard]] ServiceConnection* sharedConnection(std::exception_ptr& failure) noexcept;
+
+/// The outcome of one call: a value, or the failure.
+template <class Value>
+struct Outcome {
+  std::exception_ptr failure;
+  Value value{};
+};
+
+/// Values decoding: the reply buffer as `ServiceResult<Value>`; never throws.
+template <class Value>
+Outcome<Value> decodeValues(const Bytes& reply) {
+  try {
+    auto [result] = TetherDecoder<ServiceResult<Value>>::decode(reply);
+    if (const auto error = result.error()) return {std::make_exception_ptr(Error(*error)), {}};
+    return {nullptr, std::move(result).valueOrThrow()};
+  } catch (const Error& error) {
+    return {std::current_exception(), {}};
+  } catch (const std::exception& error) {
+    return {decodingFailure(error), {}};
+  }
+}
+
+template <class Value>
+Outcome<Value> outcomeOf(ipc::CallResult& result, bool synchronous) {
+  if (!result) return {callFailure(result.error(), synchronous), {}};
+  return decodeValues<Value>(result.reply());
+}
+
+/// Calls `handler` with the outcome in the form of `ServiceSignature<Value>`.
+template <class Value, class Handler>
+void complete(Handler& handler, Outcome<Value>& outcome) {
+  if constexpr (std::is_same_v<Value, None>) {
+    std::move(handler)(outcome.failure);
+  } else {
+    std::move(handler)(outcome.failure, std::move(outcome.value));
+  }
+}
+
+/// Delivers a failure found before anything was sent: posted, never run inside the initiation.
+template <class Value, class Handler, class Fallback>
+void fail(Handler handler, std::exception_ptr failure, const Fallback& fallback) {
+  auto executor = boost::asio::get_associated_executor(handler, fallback);
+  boost::asio::post(executor, [handler = std::move(handler), failure]() mutable {
+    Outcome<Value> outcome{failure, {}};
+    complete<Value>(handler, outcome);
+  });
+}
+
+template <class Value, class Handler, class Arguments, class Body>
+void startAsync(Handler handler, Arguments& arguments, Body& body) {
+  const boost::asio::system_executor noConnection;
+  if (!isServiceEnabled()) {
+    fail<Value>(std::move(handler), localFailure("the service is switched off"), noConnection);
+    return;
+  }
+  Bytes buffer;
+  try {
+    buffer = std::apply([](const auto&... values) { return TetherEncoder::encode(values...); },
+                        arguments);
+  } catch (...) {
+    fail<Value>(std::move(handler), std::current_exception(), noConnection);
+    return;
+  }
+  std::exception_ptr failure;
+  ServiceConnection* connection = sharedConnection(failure);
+  if (connection == nullptr) {
+    fail<Value>(std::move(handler), failure, noConnection);
+    return;
+  }
+  // Counts as outstanding work on the handler's executor until the handler has run.
+  auto work =
+      boost::asio::prefer(boost::asio::get_associated_executor(handler, connection->executor()),
+                          boost::asio::execution::outstanding_work.tracked);
+  body(connection->remoteObjectProxy(), std::move(buffer),
+       ipc::Completion(
+           [handler = std::move(handler), work = std::move(work)](ipc::CallResult result) mutable {
+             auto outcome = outcomeOf<Value>(result, false);
+             boost::asio::dispatch(
+                 work, [handler = std::move(handler), outcome = std::move(outcome)]() mutable {
+                   complete<Value>(handler, outcome);
+                 });
+           }));
+}
+
+}  // namespace service::detail
+
+template <class Value, class Arguments, class Body, class CompletionToken>
+auto ServiceConnection::withAsyncService(Arguments arguments, Body body, CompletionToken&& token) {
+  return boost::asio::async_initiate<CompletionToken, ServiceSignature<Value>>(
+      [](auto handler, Arguments values, Body send) {
+        service::detail::startAsync<Value>(std::move(handler), values, send);
+      },
+      token, std::move(arguments), std::move(body));
+}
+
+template <class Value, class Arguments, class Body>
+Value ServiceConnection::withSyncService(Arguments arguments, Body body) {
+  if (!isServiceEnabled())
+    std::rethrow_exception(service::detail::localFailure("the service is switched off"));
+  Bytes buffer =
+      std::apply([](const auto&... values) { return TetherEncoder::encode(values...); }, arguments);
+  std::exception_ptr failure;
+  ServiceConnection* connection = service::detail::sharedConnection(failure);
+  if (connection == nullptr) std::rethrow_exception(failure);
+  SyncTetherResult<Value> box;
+  body(connection->synchronousRemoteObjectProxy(), std::move(buffer),
+       ipc::Completion([&box](ipc::CallResult result) {
+         auto outcome = service::detail::outcomeOf<Value>(result, true);
+         if (outcome.failure) {
+           box.result.emplace(outcome.failure);
+         } else {
+           box.result.emplace(std::move(outcome.value));
+         }
+       }));
+  return std::move(box).valueOrThrow();
+}
+
+}  // namespace corvane

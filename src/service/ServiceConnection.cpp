@@ -1,0 +1,123 @@
+#include <corvane/platform/FeatureFlags.hpp>
+#include <corvane/platform/LogCategory.hpp>
+#include <corvane/service/ServiceConnection.hpp>
+
+#include <fmt/format.h>
+
+#include <unistd.h>
+
+namespace corvane {
+
+namespace {
+
+constexpr std::string_view systemRuntimeDirectory = "/run/corvane";
+
+/// The connection's options: the service must be root in the system runtime directory, and the
+/// caller's own user or root in a private one.
+ipc::ConnectionOptions connectionOptions(const std::filesystem::path& runtimeDirectory) {
+  ipc::ConnectionOptions options;
+  options.runtimeDirectory =
+      runtimeDirectory.empty() ? ipc::defaultRuntimeDirectory() : runtimeDirectory;
+  const bool system =
+      options.runtimeDirectory.lexically_normal() == std::filesystem::path(systemRuntimeDirectory);
+  options.requiredServiceUid = system ? 0U : static_cast<std::uint32_t>(::getuid());
+  options.rootServiceTrusted = true;
+  return options;
+}
+
+std::string causeOf(const ipc::CallError& error) {
+  switch (static_cast<ipc::ConnectionError>(error.code().value())) {
+    case ipc::ConnectionError::connectFailed:
+      return "cannot connect to " + error.reason();
+    case ipc::ConnectionError::peerFault:
+      return "the service answered with a fault: " + error.reason();
+    case ipc::ConnectionError::interrupted:
+      return "the connection to the service was lost: " + error.reason();
+    default:
+      return error.description();
+  }
+}
+
+}  // namespace
+
+bool isServiceEnabled() noexcept {
+  return platform::FeatureFlags::isEnabled(domain(FeatureFlag::service),
+                                           feature(FeatureFlag::service));
+}
+
+ServiceConnection& ServiceConnection::shared() {
+  // A construction that throws leaves the instance unmade, so the next call tries again.
+  static ServiceConnection instance;
+  return instance;
+}
+
+ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirectory) {
+  if (!isServiceEnabled())
+    throw Error(CorvaneError::unrecoverableError, "the service is switched off");
+  connection_ = std::make_unique<ipc::Connection>(std::string(agentServiceName),
+                                                  connectionOptions(runtimeDirectory));
+  connection_->setExportedInterface(TetherClientProtocolDescription::interface());
+  connection_->setRemoteObjectInterface(ServiceProtocol::interface());
+  // Neither handler holds on to this object; the connection reconnects by itself.
+  connection_->setInterruptionHandler(
+      [] { LogCategory::tether().error("Daemon connection interrupted"); });
+  connection_->setInvalidationHandler(
+      [] { LogCategory::tether().error("Daemon connection invalidated"); });
+  connection_->resume();
+}
+
+ServiceConnection::~ServiceConnection() {
+  connection_->invalidate();
+}
+
+ServiceProtocol ServiceConnection::remoteObjectProxy() const {
+  return connection_->remoteObjectProxy<ServiceProtocol>({});
+}
+
+ServiceProtocol ServiceConnection::synchronousRemoteObjectProxy() const {
+  return connection_->synchronousRemoteObjectProxy<ServiceProtocol>({});
+}
+
+ipc::DeliveryExecutor ServiceConnection::executor() const {
+  return connection_->executor();
+}
+
+namespace service::detail {
+
+std::exception_ptr localFailure(std::string cause) {
+  return std::make_exception_ptr(Error(CorvaneError::unrecoverableError, std::move(cause)));
+}
+
+std::exception_ptr callFailure(const ipc::CallError& error, bool synchronous) {
+  if (synchronous) {
+    LogCategory::tether().error("Error fetching synchronous remote object proxy: {}", error);
+  } else {
+    LogCategory::tether().error("Error fetching remote object proxy: {}", error);
+  }
+  return localFailure(causeOf(error));
+}
+
+std::exception_ptr decodingFailure(const std::exception& error) {
+  const auto* coding = dynamic_cast<const CodingError*>(&error);
+  const std::string description = coding != nullptr
+                                      ? fmt::format("{} at {}: {}", toString(coding->kind()),
+                                                    coding->codingPath(), coding->description())
+                                      : std::string(error.what());
+  LogCategory::tether().error("Error decoding Tether values: {}", description);
+  return localFailure("the reply could not be decoded: " + description);
+}
+
+ServiceConnection* sharedConnection(std::exception_ptr& failure) noexcept {
+  try {
+    return &ServiceConnection::shared();
+  } catch (const Error&) {
+    failure = std::current_exception();
+  } catch (const std::exception& e) {
+    failure = localFailure(std::string("the connection could not be made: ") + e.what());
+  }
+  return nullptr;
+}
+
+}  // namespace service::detail
+
+}  // namespace corvane
