@@ -7,6 +7,8 @@
 // repetitions does not show in it. `vcsw` and `ivcsw` count the voluntary and involuntary
 // context switches of the whole process per round trip.
 
+#include "BenchSupport.hpp"
+
 #include <corvane/ipc/Connection.hpp>
 #include <corvane/ipc/Listener.hpp>
 
@@ -29,41 +31,10 @@ namespace {
 
 using corvane::Bytes;
 using namespace corvane::ipc;
+using corvane::bench::Placement;
+using corvane::bench::Switches;
 
 constexpr std::size_t payloadSize = 64;
-
-/// Context switches of the whole process so far.
-struct Switches {
-  long voluntary = 0;
-  long involuntary = 0;
-  static Switches now() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return {usage.ru_nvcsw, usage.ru_nivcsw};
-  }
-};
-
-/// Pins the calling thread (and so the threads it creates) to CPU 0 for its lifetime.
-class Placement {
- public:
-  explicit Placement(bool pinned) : pinned_(pinned) {
-    if (!pinned_) return;
-    sched_getaffinity(0, sizeof saved_, &saved_);
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(0, &one);
-    sched_setaffinity(0, sizeof one, &one);
-  }
-  ~Placement() {
-    if (pinned_) sched_setaffinity(0, sizeof saved_, &saved_);
-  }
-  Placement(const Placement&) = delete;
-  Placement& operator=(const Placement&) = delete;
-
- private:
-  bool pinned_;
-  cpu_set_t saved_{};
-};
 
 /// Reads exactly `buffer.size()` bytes; false once the socket has ended.
 bool receiveAll(int fd, std::span<char> buffer) {

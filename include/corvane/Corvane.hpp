@@ -13,6 +13,15 @@
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/coding/TetherEncoder.hpp>
 #include <corvane/coding/WireTypes.hpp>
+#include <corvane/ipc/Connection.hpp>
+#include <corvane/ipc/ConnectionError.hpp>
+#include <corvane/ipc/Executor.hpp>
+#include <corvane/ipc/ExportedObject.hpp>
+#include <corvane/ipc/Frame.hpp>
+#include <corvane/ipc/FrameDecoder.hpp>
+#include <corvane/ipc/InterfaceDescription.hpp>
+#include <corvane/ipc/Listener.hpp>
+#include <corvane/ipc/RemoteProxy.hpp>
 #include <corvane/model/AppState.hpp>
 #include <corvane/model/ManagedApp.hpp>
 #include <corvane/model/ManagedAppInstallRequest.hpp>

@@ -82,6 +82,14 @@ std::optional<std::uint64_t> Session::call(std::string_view operation,
     }
     return std::nullopt;
   }
+  if (inputEnded_ && completion) {
+    // The peer has ended its stream: nothing could answer this call.
+    events_.emplace_back(Completed{std::move(completion),
+                                   CallResult(CallError(ConnectionError::interrupted,
+                                                        "the peer hung up")),
+                                   synchronous});
+    return std::nullopt;
+  }
   const std::uint64_t serial = nextSerial_++;
   if (completion) {
     pending_.emplace(serial, Pending{std::move(completion), synchronous});

@@ -1,0 +1,180 @@
+// The service layer's cost over the connection facility. An in-process daemon answers
+// "getDeclarationStatus:reply:" with ten statuses. `serviceSync` times the synchronous status
+// request through the library (encoding, the shared connection, decoding) and then, right after
+// and for as many round trips, the facility's own synchronous call carrying the same bytes on a
+// connection of its own: `ratio` is the first over the second. `servicePipelined` keeps 256
+// asynchronous status requests in flight and reports completed calls per second, decoding
+// included. Each case runs unpinned and with every thread of the process on CPU 0.
+
+#include "BenchSupport.hpp"
+
+#include <corvane/Corvane.hpp>
+#include <corvane/ipc/Listener.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace corvane;
+
+std::string tenStatuses() {
+  std::string list;
+  for (int i = 0; i < 10; ++i) {
+    list += fmt::format(
+        R"({}{{"bundleID": "dev.corvane.app{}", "declarationIdentifier": "D{}",
+            "declarationKey": "K{}", "state": "managed", "updateState": "promptingForUpdateLogin",
+            "reasons": ["updateAvailable"], "name": "App {}",
+            "installedVersionInfo": {{"pomeralVersionID": {}, "bundleVersion": "1{}",
+                                     "bundleShortVersion": "1.0"}}}})",
+        i == 0 ? "" : ",", i, i, i, i, 1000 + i, i);
+  }
+  return R"([{"success": {"_0": [)" + list + "]}}]";
+}
+
+/// The daemon, the shared connection pointed at it, and a plain facility connection to it; made
+/// once, since the shared connection lives as long as the process.
+struct World {
+  std::filesystem::path directory;
+  std::optional<ipc::Listener> service;
+  std::optional<ipc::Connection> plain;
+  std::string reply = tenStatuses();
+  Bytes argument = TetherEncoder::encode(DDMDeclarationStatusRequest{});
+
+  World() {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "corvane-bench-XXXXXX").native();
+    directory = ::mkdtemp(pattern.data());
+    ::setenv("CORVANE_RUNTIME_DIR", directory.c_str(), 1);  // NOLINT: before any other thread
+    service.emplace(std::string(agentServiceName), ipc::ListenerOptions{directory, false, 4096});
+    service->setConnectionHandler([this](ipc::Peer& peer) {
+      auto table = std::make_shared<ipc::OperationTable>();
+      table->on(std::string(ServiceProtocol::Selectors::getDeclarationStatus.name),
+                [this](std::optional<Bytes>, ipc::Reply answer) { answer.send(Bytes(reply)); });
+      peer.setExportedObject(table);
+      return true;
+    });
+    service->resume();
+    plain.emplace(std::string(agentServiceName), ipc::ConnectionOptions{directory, std::nullopt});
+    plain->resume();
+    (void)DDMDeclarationStatusRequest{}.performSynchronously();  // connect outside the timing
+  }
+  ~World() {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
+  }
+
+  static World& get() {
+    static World world;
+    return world;
+  }
+};
+
+/// Every thread of the process on CPU 0 (threads made earlier included), for its lifetime.
+class AllThreadsPinned {
+ public:
+  explicit AllThreadsPinned(bool pinned) : pinned_(pinned) {
+    if (pinned_) apply(true);
+  }
+  ~AllThreadsPinned() {
+    if (pinned_) apply(false);
+  }
+  AllThreadsPinned(const AllThreadsPinned&) = delete;
+  AllThreadsPinned& operator=(const AllThreadsPinned&) = delete;
+
+ private:
+  static void apply(bool pin) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (pin) {
+      CPU_SET(0, &set);
+    } else {
+      for (std::size_t cpu = 0; cpu < CPU_SETSIZE; ++cpu) CPU_SET(cpu, &set);
+    }
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      const auto tid = static_cast<pid_t>(std::stol(task.path().filename().string()));
+      sched_setaffinity(tid, sizeof set, &set);
+    }
+  }
+  bool pinned_;
+};
+
+void serviceSync(benchmark::State& state) {
+  auto& world = World::get();
+  const bool pinned = state.range(0) != 0;
+  const AllThreadsPinned placement(pinned);
+  const DDMDeclarationStatusRequest request;
+  auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) benchmark::DoNotOptimize(request.performSynchronously());
+  const std::chrono::duration<double, std::nano> library = std::chrono::steady_clock::now() - start;
+
+  const auto proxy = world.plain->synchronousRemoteObjectProxy({});
+  start = std::chrono::steady_clock::now();
+  for (std::int64_t i = 0; i < state.iterations(); ++i) {
+    proxy.call(ServiceProtocol::Selectors::getDeclarationStatus.name, world.argument.clone(),
+               [](ipc::CallResult result) { benchmark::DoNotOptimize(result); });
+  }
+  const std::chrono::duration<double, std::nano> facility =
+      std::chrono::steady_clock::now() - start;
+  const auto iterations = static_cast<double>(state.iterations());
+  state.counters["ns_per_call"] = library.count() / iterations;
+  state.counters["facility_ns"] = facility.count() / iterations;
+  state.counters["ratio"] = library.count() / facility.count();
+  state.SetLabel(pinned ? "pinned" : "unpinned");
+}
+
+void servicePipelined(benchmark::State& state) {
+  World::get();
+  const bool pinned = state.range(0) != 0;
+  const AllThreadsPinned placement(pinned);
+  constexpr int window = 256;
+  std::mutex mutex;
+  std::condition_variable room;
+  int inFlight = 0;
+  std::int64_t calls = 0;
+  std::int64_t failures = 0;
+  const DDMDeclarationStatusRequest request;
+  const auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) {
+    {
+      std::unique_lock slots(mutex);
+      room.wait(slots, [&] { return inFlight < window; });
+      ++inFlight;
+    }
+    request.perform([&](std::exception_ptr failure, std::vector<ManagedAppStatus> statuses) {
+      benchmark::DoNotOptimize(statuses);
+      {
+        const std::lock_guard slots(mutex);
+        --inFlight;
+        if (failure) ++failures;
+      }
+      room.notify_one();
+    });
+    ++calls;
+  }
+  {
+    std::unique_lock slots(mutex);
+    room.wait(slots, [&] { return inFlight == 0; });
+  }
+  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+  state.counters["calls_per_s"] = static_cast<double>(calls) / elapsed.count();
+  if (failures != 0) state.SkipWithError("calls failed");
+  state.SetLabel(pinned ? "pinned" : "unpinned");
+}
+
+}  // namespace
+
+BENCHMARK(serviceSync)->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(servicePipelined)->Arg(0)->Arg(1)->UseRealTime();
+
+BENCHMARK_MAIN();
