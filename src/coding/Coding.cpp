@@ -193,9 +193,11 @@ std::int64_t decodeInt64(const boost::json::value& in, const CodingPath& path) {
                fmt::format("Number {} does not fit a signed 64-bit integer.", in.get_uint64()));
   }
   if (in.is_double()) {
-    // An integral double within range (1e3, 5.0) is accepted as the integer it denotes.
+    // An integral double within range (1e3, 5.0) is accepted as the integer it denotes. -2^63 is
+    // not: it is also the nearest double to the integers up to 1,024 below the range, so it
+    // cannot tell whether the text was in range (the minimum itself arrives as an int64).
     const double d = in.get_double();
-    if (std::trunc(d) == d && d >= -9223372036854775808.0 && d < 9223372036854775808.0) {
+    if (std::trunc(d) == d && d > -9223372036854775808.0 && d < 9223372036854775808.0) {
       return static_cast<std::int64_t>(d);
     }
     throwError(CodingError::Kind::typeMismatch, path,

@@ -38,6 +38,15 @@ bool expectChar(std::string_view text, std::size_t pos, char c) noexcept {
   return pos < text.size() && text[pos] == c;
 }
 
+// The times RFC 3339 can write in UTC: years 0000 to 9999.
+constexpr TimePoint firstWritable{std::chrono::sys_days{std::chrono::year{0} / 1 / 1}};
+constexpr TimePoint pastLastWritable{std::chrono::sys_days{std::chrono::year{10000} / 1 / 1}};
+
+// Every date-time that can be read, offsets of a day either way and leap seconds included, is a
+// TimePoint, so reading needs no range check.
+static_assert(TimePoint::min() < firstWritable - std::chrono::days{1}
+              && pastLastWritable + std::chrono::days{1} < TimePoint::max());
+
 }  // namespace
 
 std::string uuidString(const boost::uuids::uuid& value) {
@@ -73,17 +82,21 @@ std::optional<boost::uuids::uuid> parseUuid(std::string_view text) noexcept {
 
 std::string rfc3339String(TimePoint value) {
   using namespace std::chrono;
-  const auto since = duration_cast<nanoseconds>(value.time_since_epoch());
-  const sys_days day = floor<days>(sys_time<nanoseconds>(since));
+  if (value < firstWritable || value >= pastLastWritable) {
+    throw CodingError(CodingError::Kind::invalidValue, "",
+                      fmt::format("Unable to write the time {} microseconds from 1970 in RFC 3339: "
+                                  "its year is outside 0000 to 9999.",
+                                  value.time_since_epoch().count()));
+  }
+  const sys_days day = floor<days>(value);
   const year_month_day date(day);
-  const nanoseconds inDay = since - day.time_since_epoch();
-  const hh_mm_ss<nanoseconds> time(inDay);
+  const hh_mm_ss<microseconds> time(value - day);
   std::string out =
       fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(date.year()),
                   static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
                   time.hours().count(), time.minutes().count(), time.seconds().count());
   if (const auto fraction = time.subseconds().count(); fraction != 0) {
-    std::string digits = fmt::format("{:09}", fraction);
+    std::string digits = fmt::format("{:06}", fraction);
     digits.erase(digits.find_last_not_of('0') + 1);
     out += '.';
     out += digits;
@@ -103,14 +116,14 @@ std::optional<TimePoint> parseRfc3339(std::string_view text) noexcept {
     return std::nullopt;
   }
   std::size_t pos = 19;
-  std::int64_t nanos = 0;
+  std::int64_t micros = 0;
   if (expectChar(text, pos, '.')) {
     ++pos;
     const std::size_t first = pos;
-    std::int64_t scale = 100'000'000;
+    std::int64_t scale = 100'000;
     while (pos < text.size() && isDigit(text[pos])) {
-      // Digits beyond nanoseconds are read and dropped.
-      nanos += (text[pos] - '0') * scale;
+      // Digits beyond microseconds are read and dropped.
+      micros += (text[pos] - '0') * scale;
       scale /= 10;
       ++pos;
     }
@@ -139,12 +152,7 @@ std::optional<TimePoint> parseRfc3339(std::string_view text) noexcept {
   const std::int64_t seconds = std::int64_t{sys_days(date).time_since_epoch().count()} * 86'400
                                + std::int64_t{h} * 3'600 + std::int64_t{mi} * 60 + s
                                - std::int64_t{offsetMinutes} * 60;
-  // TimePoint counts in nanoseconds here: stay clear of the ends of its range.
-  constexpr auto limit =
-      duration_cast<std::chrono::seconds>(TimePoint::duration::max()).count() - 1;
-  if (seconds > limit || seconds < -limit) return std::nullopt;
-  return TimePoint(
-      duration_cast<TimePoint::duration>(std::chrono::seconds(seconds) + nanoseconds(nanos)));
+  return TimePoint(std::chrono::seconds(seconds) + microseconds(micros));
 }
 
 std::optional<boost::urls::url> parseUrl(std::string_view text) {

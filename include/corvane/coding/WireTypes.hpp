@@ -3,8 +3,9 @@
 // The value types of the daemon's wire, fixed here for both sides:
 //  - UUID: boost::uuids::uuid as its upper-case 36-character string;
 //  - URL: boost::urls::url as its string (an absolute URI);
-//  - point in time: std::chrono::system_clock::time_point as an RFC 3339 string, written in UTC
-//    with fractional seconds when there are any ("2026-11-22T10:00:00.5Z"), read with any offset;
+//  - point in time: `TimePoint`, system-clock microseconds, as an RFC 3339 string, written in UTC
+//    with fractional seconds when there are any ("2026-11-22T10:00:00.5Z"), read with any offset
+//    and every year from 0000 to 9999;
 //  - language identifier and information storage: see their own headers.
 // A malformed value fails decoding with a dataCorrupted CodingError at its coding path.
 
@@ -22,8 +23,10 @@
 
 namespace corvane {
 
-/// A point in time as the wire carries it.
-using TimePoint = std::chrono::system_clock::time_point;
+/// A point in time as the wire carries it. Microseconds, not the system clock's nanoseconds: a
+/// 64-bit count of nanoseconds ends in 1677 and 2262, one of microseconds spans every year an RFC
+/// 3339 date can name.
+using TimePoint = std::chrono::sys_time<std::chrono::microseconds>;
 
 namespace coding {
 
@@ -32,9 +35,11 @@ namespace coding {
 /// The UUID written in the standard 36-character form (either letter case); empty otherwise.
 [[nodiscard]] std::optional<boost::uuids::uuid> parseUuid(std::string_view text) noexcept;
 /// The RFC 3339 form in UTC, fractional seconds without trailing zeros ("...T10:00:00.5Z").
+/// Throws `CodingError` (invalidValue) for a time whose year in UTC is outside 0000 to 9999,
+/// which the form cannot write.
 [[nodiscard]] std::string rfc3339String(TimePoint value);
-/// The point in time an RFC 3339 date-time denotes (any offset, "T"/"t", "Z"/"z"); empty for
-/// malformed text or a time outside the range of TimePoint. Never throws.
+/// The point in time an RFC 3339 date-time denotes (any offset, "T"/"t", "Z"/"z"); fractional
+/// digits beyond microseconds are read and dropped. Empty for malformed text. Never throws.
 [[nodiscard]] std::optional<TimePoint> parseRfc3339(std::string_view text) noexcept;
 /// The URL when `text` is an absolute URI; empty otherwise. Never throws.
 [[nodiscard]] std::optional<boost::urls::url> parseUrl(std::string_view text);

@@ -16,59 +16,11 @@ namespace corvane::ipc {
 namespace {
 
 using testing::Counter;
+using testing::frame;
+using testing::RawSocket;
 using testing::text;
 
 constexpr const char* serviceName = "dev.corvane.robust.corvaneagent";
-
-/// An owned raw socket descriptor.
-class RawSocket {
- public:
-  explicit RawSocket(int fd = -1) : fd_(fd) {}
-  RawSocket(RawSocket&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  ~RawSocket() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  RawSocket(const RawSocket&) = delete;
-  RawSocket& operator=(const RawSocket&) = delete;
-  [[nodiscard]] int get() const { return fd_; }
-
-  static RawSocket connectTo(const std::filesystem::path& path) {
-    RawSocket s(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.native().copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::connect(s.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return s;
-  }
-  void write(std::span<const std::byte> bytes) const {
-    // The peer may already have closed on an earlier part; that is what is being tested.
-    (void)::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  }
-  /// Reads until the peer closes (true) or the bound passes (false); returns what came.
-  bool readUntilClosed(std::vector<std::byte>& received) const {
-    const auto deadline = std::chrono::steady_clock::now() + testing::bound;
-    for (;;) {
-      pollfd p{fd_, POLLIN, 0};
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
-      std::array<std::byte, 4096> chunk{};
-      const ssize_t n = ::recv(fd_, chunk.data(), chunk.size(), 0);
-      if (n <= 0) return true;
-      received.insert(received.end(), chunk.begin(), chunk.begin() + n);
-    }
-  }
-
- private:
-  int fd_;
-};
-
-std::vector<std::byte> frame(FrameKind kind, std::uint64_t serial, std::string name,
-                             std::optional<std::string_view> payload) {
-  Frame f{kind, serial, std::move(name), std::nullopt};
-  if (payload) f.payload.emplace(*payload);
-  return encodeFrame(f);
-}
 
 std::vector<std::byte> raw(std::initializer_list<unsigned> values) {
   std::vector<std::byte> out;

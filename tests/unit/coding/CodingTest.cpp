@@ -32,6 +32,11 @@ T decodeOne(std::string_view document) {
   return std::get<0>(TetherDecoder<T>::decode(bytesOf(document)));
 }
 
+template <class T>
+void decodeAs(std::string_view document) {
+  (void)decodeOne<T>(document);
+}
+
 // Runs `f` and returns the CodingError it throws; fails the test when it throws nothing.
 template <class F>
 CodingError codingErrorOf(F&& f) {
@@ -183,17 +188,39 @@ TEST(Numbers, IntegersAreCheckedNeverWrapped) {
   EXPECT_EQ(decodeOne<std::uint64_t>("[18446744073709551615]"),
             std::numeric_limits<std::uint64_t>::max());
   EXPECT_EQ(decodeOne<std::int32_t>("[-7]"), -7);
-  for (const char* bad : {"[9223372036854775808]", "[5.5]", "[1e300]", "[\"5\"]", "[true]"}) {
+  EXPECT_EQ(decodeOne<std::int64_t>("[-9223372036854774784]"), -9223372036854774784);
+  EXPECT_EQ(decodeOne<std::int64_t>("[-9.223372036854774784e18]"), -9223372036854774784);
+  // Integers up to 1,024 below the range are read as the double -2^63.
+  for (const char* bad :
+       {"[9223372036854775808]", "[9.223372036854775808e18]", "[5.5]", "[1e300]",
+        "[-9223372036854775809]", "[-9223372036854776832]", "[-9223372036854775808.5]",
+        "[-9.223372036854775809e18]", "[-9223372036854776833]", "[-1e300]", "[\"5\"]", "[true]"}) {
     EXPECT_EQ(codingErrorOf([&] { (void)decodeOne<std::int64_t>(bad); }).kind(), Kind::typeMismatch)
         << bad;
   }
-  for (const char* bad : {"[-1]", "[1.5]"}) {
+  for (const char* bad : {"[-1]", "[1.5]", "[18446744073709551616]", "[1.8446744073709551616e19]",
+                          "[-9223372036854775808]", "[-9223372036854775809]", "[-1e300]"}) {
     EXPECT_EQ(codingErrorOf([&] { (void)decodeOne<std::uint64_t>(bad); }).kind(),
               Kind::typeMismatch)
         << bad;
   }
-  EXPECT_EQ(codingErrorOf([&] { (void)decodeOne<std::int32_t>("[4294967296]"); }).kind(),
-            Kind::typeMismatch);
+  const std::vector<std::pair<std::string_view, void (*)(std::string_view)>> narrower = {
+      {"[2147483648]", &decodeAs<std::int32_t>},
+      {"[-2147483649]", &decodeAs<std::int32_t>},
+      {"[4294967296]", &decodeAs<std::int32_t>},
+      {"[-9223372036854775809]", &decodeAs<std::int32_t>},
+      {"[4294967296]", &decodeAs<std::uint32_t>},
+      {"[-1]", &decodeAs<std::uint32_t>},
+      {"[128]", &decodeAs<std::int8_t>},
+      {"[-129]", &decodeAs<std::int8_t>},
+      {"[-9223372036854775809]", &decodeAs<std::int8_t>},
+      {"[65536]", &decodeAs<std::uint16_t>},
+      {"[-1]", &decodeAs<std::uint16_t>},
+  };
+  for (const auto& row : narrower) {
+    EXPECT_EQ(codingErrorOf([&] { row.second(row.first); }).kind(), Kind::typeMismatch)
+        << row.first;
+  }
 }
 
 TEST(Numbers, DoublesMustBeFinite) {

@@ -107,10 +107,42 @@ TEST(ManagedApp, MissingOrMalformedFieldsFail) {
                      "No value associated with key \"maxHeight\"."}));
   EXPECT_EQ(fieldFailure(R"("screenshots": [], "icon": {"maxWidth": 1, "maxHeight": 1})").path,
             "icon");
-  EXPECT_EQ(fieldFailure(R"("screenshots": [], "itemID": "12")").kind, Kind::typeMismatch);
+  for (std::string_view field :
+       {R"("itemID": "12")", R"("itemID": 9223372036854775808)",
+        R"("itemID": -9223372036854775809)", R"("itemID": -9223372036854776832)",
+        R"("externalVersionID": -9223372036854775809)"}) {
+    const Failure failure = fieldFailure(fmt::format(R"("screenshots": [], {})", field));
+    EXPECT_EQ(failure.kind, Kind::typeMismatch) << field << ": " << failure;
+    EXPECT_TRUE(field.starts_with(fmt::format("\"{}\"", failure.path))) << field << ": " << failure;
+  }
   EXPECT_EQ(fieldFailure(R"("screenshots": [], "iconURL": "not a url")"),
             (Failure{Kind::dataCorrupted, "iconURL", "Invalid URL string \"not a url\"."}));
   EXPECT_EQ(fieldFailure(R"("screenshots": [], "languages": ["en", ""])").path, "languages[1]");
+}
+
+TEST(ManagedApp, ReleaseDatesOfEveryYearKeepTheCatalogue) {
+  using std::chrono::sys_days;
+  using std::chrono::year;
+  using namespace std::chrono_literals;
+  const std::vector<std::pair<std::string_view, TimePoint>> table = {
+      {"0001-01-01T00:00:00Z", TimePoint{sys_days{year{1} / 1 / 1}}},
+      {"2026-11-22T10:00:00.5Z", TimePoint{sys_days{year{2026} / 11 / 22} + 10h + 500ms}},
+      {"9999-12-31T23:59:59Z", TimePoint{sys_days{year{9999} / 12 / 31} + 23h + 59min + 59s}},
+  };
+  std::string catalogue = "[";
+  for (const auto& [text, time] : table) {
+    std::string entry(minimalEntry);
+    entry.insert(entry.size() - 1, fmt::format(R"(, "releaseDate": "{}")", text));
+    if (catalogue.size() > 1) catalogue += ", ";
+    catalogue += entry;
+  }
+  catalogue += "]";
+  const auto apps = decodeJson<std::vector<ManagedApp>>(catalogue);
+  ASSERT_EQ(apps.size(), table.size());
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    EXPECT_EQ(apps[i].releaseDate(), table[i].second) << table[i].first;
+  }
+  EXPECT_EQ(coding::encode(apps), parseJson(catalogue));
 }
 
 TEST(ManagedApp, MemberwiseConstructionKeepsEveryField) {

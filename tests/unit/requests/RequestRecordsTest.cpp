@@ -104,10 +104,23 @@ TEST(VPPInstallRequest, MissingOrMalformedFieldsFail) {
   EXPECT_EQ(failureOf<VPPInstallRequest>(R"({"id": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
       "appIdentifier": {}, "requestType": 1})"),
             (Failure{Kind::typeMismatch, "appIdentifier", std::string(oneKeyExpected)}));
-  EXPECT_EQ(failureOf<VPPInstallRequest>(R"({"id": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F",
-      "appIdentifier": {"itemID": {"_0": 1}}, "requestType": 1, "accountIdentifier": -1})")
-                .path,
-            "accountIdentifier");
+  // Integers outside the range of their field.
+  const std::vector<std::pair<std::string_view, std::string_view>> table = {
+      {R"("appIdentifier": {"itemID": {"_0": 1}}, "accountIdentifier": -1)", "accountIdentifier"},
+      {R"("appIdentifier": {"itemID": {"_0": 1}}, "accountIdentifier": -9223372036854775809)",
+       "accountIdentifier"},
+      {R"("appIdentifier": {"itemID": {"_0": 1}}, "accountIdentifier": 18446744073709551616)",
+       "accountIdentifier"},
+      {R"("appIdentifier": {"itemID": {"_0": 9223372036854775808}})", "appIdentifier.itemID._0"},
+      {R"("appIdentifier": {"itemID": {"_0": -9223372036854775809}})", "appIdentifier.itemID._0"},
+      {R"("appIdentifier": {"itemID": {"_0": -9223372036854776832}})", "appIdentifier.itemID._0"},
+  };
+  for (const auto& [fields, path] : table) {
+    const Failure failure = failureOf<VPPInstallRequest>(fmt::format(
+        R"({{"id": "E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "requestType": 1, {}}})", fields));
+    EXPECT_EQ(failure.kind, Kind::typeMismatch) << fields << ": " << failure;
+    EXPECT_EQ(failure.path, path) << fields;
+  }
   EXPECT_EQ(failureOf<VPPInstallRequest>(R"({"id": "not-a-uuid",
       "appIdentifier": {"itemID": {"_0": 1}}, "requestType": 1})")
                 .kind,
