@@ -4,11 +4,15 @@
 #include <systemd/sd-journal.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <unistd.h>
 
 namespace corvane::platform {
@@ -37,6 +41,22 @@ std::atomic<LogLevel>& thresholdCell() noexcept {
   return cell;
 }
 
+/// An object made on first use and never destroyed. Logging must keep working while static
+/// objects are destroyed at exit: a shared connection closing then logs from its own threads.
+template <class T>
+class Immortal {
+ public:
+  template <class... Args>
+  explicit Immortal(Args&&... args) {
+    std::construct_at(pointer(), std::forward<Args>(args)...);
+  }
+  [[nodiscard]] T& get() noexcept { return *pointer(); }
+
+ private:
+  T* pointer() noexcept { return std::launder(reinterpret_cast<T*>(storage_.data())); }  // NOLINT
+  alignas(T) std::array<std::byte, sizeof(T)> storage_{};
+};
+
 // The installed captures. `active` lets the common path skip the lock.
 struct Captures {
   std::atomic<int> active{0};
@@ -45,8 +65,8 @@ struct Captures {
 };
 
 Captures& captures() noexcept {
-  static Captures instance;
-  return instance;
+  static Immortal<Captures> instance;
+  return instance.get();
 }
 
 int syslogPriority(LogLevel level) noexcept {
@@ -192,10 +212,10 @@ bool ScopedLogCapture::waitFor(const std::function<bool(const LogRecord&)>& pred
 
 namespace corvane {
 
-#define CORVANE_LOG_CATEGORY(handle, name)                                     \
-  const platform::Log& LogCategory::handle() {                                 \
-    static const platform::Log log(std::string(LogCategory::subsystem), name); \
-    return log;                                                                \
+#define CORVANE_LOG_CATEGORY(handle, name)                                                   \
+  const platform::Log& LogCategory::handle() {                                               \
+    static platform::Immortal<platform::Log> log(std::string(LogCategory::subsystem), name); \
+    return log.get();                                                                        \
   }
 CORVANE_LOG_CATEGORY(appLaunch, "App Launch")
 CORVANE_LOG_CATEGORY(daemon, "Daemon")

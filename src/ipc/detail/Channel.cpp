@@ -55,10 +55,10 @@ int duplicate(int fd) {
 // ---- outgoing helpers shared by the proxy targets ---------------------------------------------
 
 void SyncSlot::complete(CallResult result) {
-  {
-    const std::lock_guard state(mutex_);
-    result_.emplace(std::move(result));
-  }
+  // Notified under the lock: the waiter may return, and the slot on its stack go, as soon as it
+  // sees the result.
+  const std::lock_guard state(mutex_);
+  result_.emplace(std::move(result));
   ready_.notify_one();
 }
 
