@@ -13,6 +13,10 @@ namespace {
 /// What a connection may buffer of a partly received frame without drawing on the shared budget:
 /// one read's worth, so that ordinary traffic never touches it.
 constexpr std::size_t freeReceiveAllowance = std::size_t{64} * 1024;
+/// Payloads up to this size are copied behind the frames before them (see queueFrame).
+constexpr std::size_t coalescedPayloadLimit = std::size_t{16} * 1024;
+/// A buffer of copied frames takes no more once it holds this much.
+constexpr std::size_t coalescedChunkLimit = std::size_t{256} * 1024;
 
 }  // namespace
 
@@ -153,10 +157,10 @@ void Session::failPending(const CallError& error) {
 
 void Session::queueFrame(FrameKind kind, std::uint64_t serial, std::string_view name,
                          std::optional<Bytes> payload) {
-  std::vector<std::byte> header;
-  encodeFrameHeader(header, kind, serial, name, payload.has_value(), payload ? payload->size() : 0);
+  encodeFrameHeader(header_, kind, serial, name, payload.has_value(), payload ? payload->size() : 0);
+  const std::size_t payloadBytes = payload ? payload->size() : 0;
   // One frame always fits, however large; behind others it must fit within the limit.
-  const std::size_t frameBytes = header.size() + (payload ? payload->size() : 0);
+  const std::size_t frameBytes = header_.size() + payloadBytes;
   const std::size_t limit = limits_.maxQueuedOutgoingBytes;
   if (outputBytes_ > 0 && (frameBytes > limit || outputBytes_ > limit - frameBytes)) {
     close(CloseReason::limitExceeded,
@@ -164,18 +168,31 @@ void Session::queueFrame(FrameKind kind, std::uint64_t serial, std::string_view 
                       outputBytes_, frameBytes, limit));
     return;
   }
-  outputBytes_ += header.size();
+  outputBytes_ += frameBytes;
+  const auto body = payload ? payload->span() : std::span<const std::byte>{};
   if (kind == FrameKind::hello && outputHeld_) {
     // A service answers the HELLO ahead of whatever it queued meanwhile.
-    outputBytes_ += payload->size();
-    output_.push_front(std::move(*payload));
-    output_.push_front(Bytes(std::move(header)));
+    std::vector<std::byte> hello(header_);
+    hello.insert(hello.end(), body.begin(), body.end());
+    output_.push_front(std::move(hello));
     return;
   }
-  output_.emplace_back(std::move(header));
-  if (payload && !payload->empty()) {
-    outputBytes_ += payload->size();
-    output_.push_back(std::move(*payload));
+  // Small frames are copied one behind the other into one buffer, so that a batch of them is a
+  // few buffers to write, not two per frame; a large payload is moved in as a buffer of its own.
+  const bool small = payloadBytes <= coalescedPayloadLimit;
+  if (output_.empty() || lastSealed_ || output_.back().size() >= coalescedChunkLimit) {
+    output_.push_back(std::move(spare_));
+    spare_.clear();
+    output_.back().clear();
+    lastSealed_ = false;
+  }
+  auto& last = output_.back();
+  last.insert(last.end(), header_.begin(), header_.end());
+  if (small) {
+    last.insert(last.end(), body.begin(), body.end());
+  } else {
+    output_.push_back(std::move(*payload).release());
+    lastSealed_ = true;
   }
 }
 
@@ -188,7 +205,7 @@ std::size_t Session::gatherOutput(std::span<std::span<const std::byte>> parts) c
   std::size_t filled = 0;
   for (auto buffer = output_.begin(); buffer != output_.end() && filled < parts.size();
        ++buffer, ++filled) {
-    parts[filled] = buffer->span().subspan(filled == 0 ? outputOffset_ : 0);
+    parts[filled] = std::span<const std::byte>(*buffer).subspan(filled == 0 ? outputOffset_ : 0);
   }
   return filled;
 }
@@ -202,6 +219,8 @@ void Session::wrote(std::size_t bytes) {
       break;
     }
     bytes -= left;
+    // A written buffer of small frames is kept for the next ones.
+    if (output_.front().capacity() <= coalescedChunkLimit * 2) spare_ = std::move(output_.front());
     output_.pop_front();
     outputOffset_ = 0;
   }

@@ -170,8 +170,12 @@ class Session {
   std::shared_ptr<ReceiveBudget> budget_;
   std::size_t charged_ = 0;  // taken from the budget for what the decoder buffers
 
-  // Output: whole buffers in order, the first one partly written.
-  std::deque<Bytes> output_;
+  // Output: buffers in order, the first one partly written; the last one takes further small
+  // frames unless it holds a payload of its own (sealed).
+  std::deque<std::vector<std::byte>> output_;
+  bool lastSealed_ = false;
+  std::vector<std::byte> spare_;   // a written buffer, kept for reuse
+  std::vector<std::byte> header_;  // scratch for encoding
   std::size_t outputOffset_ = 0;
   std::size_t outputBytes_ = 0;
   bool outputHeld_ = false;  // a service's frames wait until it has answered the HELLO
