@@ -186,32 +186,9 @@ void facilityAsyncPipelined(benchmark::State& state) {
     std::fprintf(stderr, "call failed: %s\n", e.description().c_str());
   });
   const std::string payload(payloadSize, 'x');
-  std::mutex mutex;
-  std::condition_variable room;
-  int inFlight = 0;
-  std::int64_t calls = 0;
-  const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    {
-      std::unique_lock slots(mutex);
-      room.wait(slots, [&] { return inFlight < window; });
-      ++inFlight;
-    }
-    proxy.call("echo:reply:", Bytes(payload), [&](const Bytes&) {
-      {
-        const std::lock_guard slots(mutex);
-        --inFlight;
-      }
-      room.notify_one();
-    });
-    ++calls;
-  }
-  {
-    std::unique_lock slots(mutex);
-    room.wait(slots, [&] { return inFlight == 0; });
-  }
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  state.counters["calls_per_s"] = static_cast<double>(calls) / elapsed.count();
+  corvane::bench::pipelined(state, window, [&](auto& done) {
+    proxy.call("echo:reply:", Bytes(payload), [&done](const Bytes&) { done(); });
+  });
   state.SetLabel(pinned ? "pinned" : "unpinned");
 }
 

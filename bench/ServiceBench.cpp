@@ -4,7 +4,8 @@
 // and for as many round trips, the facility's own synchronous call carrying the same bytes on a
 // connection of its own: `ratio` is the first over the second. `servicePipelined` keeps 256
 // asynchronous status requests in flight and reports completed calls per second, decoding
-// included. Each case runs unpinned and with every thread of the process on CPU 0.
+// included; `servicePipelinedNoValue` does the same with a remove request, whose reply carries
+// no value. Each case runs unpinned and with every thread of the process on CPU 0.
 
 #include "BenchSupport.hpp"
 
@@ -13,6 +14,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -61,6 +63,11 @@ struct World {
       auto table = std::make_shared<ipc::OperationTable>();
       table->on(std::string(ServiceProtocol::Selectors::getDeclarationStatus.name),
                 [this](std::optional<Bytes>, ipc::Reply answer) { answer.send(Bytes(reply)); });
+      table->on(
+          std::string(ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier.name),
+          [](std::optional<Bytes>, ipc::Reply answer) {
+            answer.send(Bytes(std::string_view(R"([{"success": {"_0": null}}])")));
+          });
       peer.setExportedObject(table);
       return true;
     });
@@ -133,48 +140,39 @@ void serviceSync(benchmark::State& state) {
   state.SetLabel(pinned ? "pinned" : "unpinned");
 }
 
-void servicePipelined(benchmark::State& state) {
+/// Keeps 256 asynchronous calls of `request` in flight and reports calls per second.
+template <class Request>
+void pipelinedRequests(benchmark::State& state, const Request& request) {
   World::get();
   const bool pinned = state.range(0) != 0;
   const AllThreadsPinned placement(pinned);
   constexpr int window = 256;
-  std::mutex mutex;
-  std::condition_variable room;
-  int inFlight = 0;
-  std::int64_t calls = 0;
-  std::int64_t failures = 0;
-  const DDMDeclarationStatusRequest request;
-  const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    {
-      std::unique_lock slots(mutex);
-      room.wait(slots, [&] { return inFlight < window; });
-      ++inFlight;
-    }
-    request.perform([&](std::exception_ptr failure, std::vector<ManagedAppStatus> statuses) {
-      benchmark::DoNotOptimize(statuses);
-      {
-        const std::lock_guard slots(mutex);
-        --inFlight;
-        if (failure) ++failures;
-      }
-      room.notify_one();
+  std::atomic<std::int64_t> failures{0};
+  corvane::bench::pipelined(state, window, [&](auto& done) {
+    request.perform([&](std::exception_ptr failure, auto&&... value) {
+      (benchmark::DoNotOptimize(value), ...);
+      if (failure) ++failures;
+      done();
     });
-    ++calls;
-  }
-  {
-    std::unique_lock slots(mutex);
-    room.wait(slots, [&] { return inFlight == 0; });
-  }
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  state.counters["calls_per_s"] = static_cast<double>(calls) / elapsed.count();
+  });
   if (failures != 0) state.SkipWithError("calls failed");
   state.SetLabel(pinned ? "pinned" : "unpinned");
+}
+
+/// The status request: ten statuses decoded per call.
+void servicePipelined(benchmark::State& state) {
+  pipelinedRequests(state, DDMDeclarationStatusRequest{});
+}
+
+/// A request without a value: a string encoded and an empty success decoded per call.
+void servicePipelinedNoValue(benchmark::State& state) {
+  pipelinedRequests(state, DDMRemoveManagedAppRequest{"D1"});
 }
 
 }  // namespace
 
 BENCHMARK(serviceSync)->Arg(0)->Arg(1)->UseRealTime();
 BENCHMARK(servicePipelined)->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(servicePipelinedNoValue)->Arg(0)->Arg(1)->UseRealTime();
 
 BENCHMARK_MAIN();
