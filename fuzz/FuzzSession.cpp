@@ -90,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   for (const auto& [number, times] : completions)
-    if (times != 1) std::abort();  // exactly once, on every path
+    if (times != 1) std::abort();                    // exactly once, on every path
   if (budget->left() != 256U * 1024U) std::abort();  // every byte given back
   return 0;
 }

@@ -1,11 +1,11 @@
 #include "ipc/detail/Channel.hpp"
 #include "ipc/detail/Runtime.hpp"
 
-#include <boost/asio/post.hpp>
-#include <boost/asio/strand.hpp>
-
 #include <corvane/ipc/Connection.hpp>
 #include <corvane/platform/LogCategory.hpp>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/strand.hpp>
 
 #include <cerrno>
 #include <cstdlib>

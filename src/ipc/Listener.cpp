@@ -7,19 +7,17 @@
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
-
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
-#include <chrono>
-#include <sys/epoll.h>
-#include <sys/timerfd.h>
-
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <set>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
@@ -178,7 +176,8 @@ class ListenerCore final : public ChannelOwner,
       const std::lock_guard state(mutex_);
       open.swap(channels_);
     }
-    for (const auto& channel : open) channel->close(CloseReason::invalidated, "the service stopped");
+    for (const auto& channel : open)
+      channel->close(CloseReason::invalidated, "the service stopped");
   }
 
   void shutdown() {
@@ -244,8 +243,8 @@ class ListenerCore final : public ChannelOwner,
   /// Out of descriptors (or memory): retrying at once would only spin, so wait a little longer
   /// each time, and say so once per pause.
   void pauseAccepting(int failure) {
-    LogCategory::tether().error("accept on {} failed: {}; accepting again in {} ms",
-                                path_.native(), systemMessage(failure), pause_.count());
+    LogCategory::tether().error("accept on {} failed: {}; accepting again in {} ms", path_.native(),
+                                systemMessage(failure), pause_.count());
     itimerspec when{};
     when.it_value.tv_sec = static_cast<time_t>(pause_.count() / 1000);
     when.it_value.tv_nsec = static_cast<long>((pause_.count() % 1000) * 1000000);

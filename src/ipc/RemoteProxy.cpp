@@ -12,8 +12,7 @@ RemoteProxy::RemoteProxy(std::shared_ptr<detail::ProxyTarget> target, ErrorHandl
 
 void RemoteProxy::call(std::string_view operation, std::optional<Bytes> argument,
                        Completion completion) const {
-  const auto shape =
-      argument ? OperationShape::argumentAndReply : OperationShape::replyOnly;
+  const auto shape = argument ? OperationShape::argumentAndReply : OperationShape::replyOnly;
   dispatch(operation, shape, std::move(argument), std::move(completion));
 }
 
@@ -54,7 +53,8 @@ void RemoteProxy::dispatch(std::string_view operation, OperationShape shape,
   if (!target_) {
     // No connection, so no executor to defer to: the outcome runs here.
     if (completion) {
-      completion(CallResult(CallError(ConnectionError::invalidated, "the proxy has no connection")));
+      completion(
+          CallResult(CallError(ConnectionError::invalidated, "the proxy has no connection")));
     }
     return;
   }

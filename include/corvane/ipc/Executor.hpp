@@ -39,9 +39,9 @@ class Executor {
       boost::asio::execution::context_t /*unused*/) const noexcept;
   [[nodiscard]] boost::asio::execution::blocking_t query(
       boost::asio::execution::blocking_t /*unused*/) const noexcept {
-    return neverBlocks_ ? boost::asio::execution::blocking_t(boost::asio::execution::blocking.never)
-                        : boost::asio::execution::blocking_t(
-                              boost::asio::execution::blocking.possibly);
+    return neverBlocks_
+               ? boost::asio::execution::blocking_t(boost::asio::execution::blocking.never)
+               : boost::asio::execution::blocking_t(boost::asio::execution::blocking.possibly);
   }
   /// The workers run until their owner is destroyed, whatever work is outstanding.
   [[nodiscard]] static constexpr boost::asio::execution::outstanding_work_t query(

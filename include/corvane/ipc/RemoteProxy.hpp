@@ -66,8 +66,7 @@ class RemoteProxy {
 
   /// Calls `operation` with `argument` (none for a reply-only operation); `completion` gets the
   /// reply or the error.
-  void call(std::string_view operation, std::optional<Bytes> argument,
-            Completion completion) const;
+  void call(std::string_view operation, std::optional<Bytes> argument, Completion completion) const;
   /// Calls an argument-and-reply operation; a failure goes to the proxy's error handler.
   void call(std::string_view operation, Bytes argument, ReplyHandler reply) const;
   /// Calls a reply-only operation (no argument buffer is sent).

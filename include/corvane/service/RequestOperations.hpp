@@ -35,7 +35,8 @@ struct Send {
 /// A body that calls one reply-only operation: the (empty) argument list is not sent.
 template <auto Operation>
 struct SendWithoutArgument {
-  void operator()(const ServiceProtocol& proxy, Bytes /*argument*/, ipc::Completion reply) const {
+  void operator()(const ServiceProtocol& proxy, const Bytes& /*argument*/,
+                  ipc::Completion reply) const {
     (proxy.*Operation)(std::move(reply));
   }
 };

@@ -173,8 +173,8 @@ void Channel::send(Outgoing outgoing) noexcept {
       }
     }
     const bool batch = slot == nullptr && session_.callsInFlight() >= batchFromCallsInFlight;
-    session_.call(outgoing.operation, std::move(outgoing.argument),
-                  std::move(outgoing.completion), slot != nullptr);
+    session_.call(outgoing.operation, std::move(outgoing.argument), std::move(outgoing.completion),
+                  slot != nullptr);
     afterSessionLocked(!batch);
   } catch (const std::exception& e) {
     // Only allocation can fail here; the caller still gets its one outcome.
@@ -381,8 +381,7 @@ void Channel::dispatch(Frame frame) {
     interface = exportedInterface_;
   }
   const bool isCall = frame.kind == FrameKind::call;
-  auto refused =
-      object ? refusal(interface.get(), frame) : "no exported object for " + frame.name;
+  auto refused = object ? refusal(interface.get(), frame) : "no exported object for " + frame.name;
   if (refused && isCall) {
     answer(frame.serial, std::nullopt, *refused);
     return;
@@ -391,9 +390,8 @@ void Channel::dispatch(Frame frame) {
     LogCategory::tether().error("Dropped message {}: {}", frame.name, *refused);
   } else {
     Reply reply = isCall ? Reply(weak_from_this(), frame.serial) : Reply();
-    runUserCode("exported object", [&] {
-      object->handle(frame.name, std::move(frame.payload), std::move(reply));
-    });
+    runUserCode("exported object",
+                [&] { object->handle(frame.name, std::move(frame.payload), std::move(reply)); });
   }
   if (!isCall) {
     const std::lock_guard state(mutex_);
@@ -438,8 +436,8 @@ void Channel::teardownLocked() {
 // ---- configuration ---------------------------------------------------------------------------
 
 void Channel::setExportedInterface(std::optional<InterfaceDescription> interface) {
-  auto shared = interface ? std::make_shared<const InterfaceDescription>(std::move(*interface))
-                          : nullptr;
+  auto shared =
+      interface ? std::make_shared<const InterfaceDescription>(std::move(*interface)) : nullptr;
   const std::lock_guard state(mutex_);
   exportedInterface_ = std::move(shared);
 }
@@ -450,8 +448,8 @@ void Channel::setExportedObject(std::shared_ptr<ExportedObject> object) {
 }
 
 void Channel::setRemoteInterface(std::optional<InterfaceDescription> interface) {
-  auto shared = interface ? std::make_shared<const InterfaceDescription>(std::move(*interface))
-                          : nullptr;
+  auto shared =
+      interface ? std::make_shared<const InterfaceDescription>(std::move(*interface)) : nullptr;
   const std::lock_guard state(mutex_);
   remoteInterface_ = std::move(shared);
 }

@@ -118,7 +118,7 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   bool readArmed_ = false;
   bool writeArmed_ = false;
   std::size_t deliveriesQueued_ = 0;  // incoming frames posted and not yet dispatched
-  bool callerReads_ = false;  // a synchronous caller holds the reading
+  bool callerReads_ = false;          // a synchronous caller holds the reading
   bool tornDown_ = false;
   std::shared_ptr<const InterfaceDescription> exportedInterface_;
   std::shared_ptr<ExportedObject> exportedObject_;

@@ -83,7 +83,7 @@ class Runtime final : public boost::asio::execution_context {
   std::deque<Task> tasks_;
   bool wakePending_ = false;
   bool stopping_ = false;
-  bool stopped_ = false;  // tasks run on the submitting thread from now on
+  bool stopped_ = false;       // tasks run on the submitting thread from now on
   std::uint64_t nextKey_ = 2;  // 0 and 1 are the wake and stop descriptors
   std::unordered_map<std::uint64_t, std::weak_ptr<Watcher>> watchers_;
   std::vector<std::thread> workers_;

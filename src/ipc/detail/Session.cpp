@@ -88,10 +88,9 @@ std::optional<std::uint64_t> Session::call(std::string_view operation,
   }
   if (inputEnded_ && completion) {
     // The peer has ended its stream: nothing could answer this call.
-    events_.emplace_back(Completed{std::move(completion),
-                                   CallResult(CallError(ConnectionError::interrupted,
-                                                        "the peer hung up")),
-                                   synchronous});
+    events_.emplace_back(Completed{
+        std::move(completion),
+        CallResult(CallError(ConnectionError::interrupted, "the peer hung up")), synchronous});
     return std::nullopt;
   }
   const std::uint64_t serial = nextSerial_++;
@@ -157,7 +156,8 @@ void Session::failPending(const CallError& error) {
 
 void Session::queueFrame(FrameKind kind, std::uint64_t serial, std::string_view name,
                          std::optional<Bytes> payload) {
-  encodeFrameHeader(header_, kind, serial, name, payload.has_value(), payload ? payload->size() : 0);
+  encodeFrameHeader(header_, kind, serial, name, payload.has_value(),
+                    payload ? payload->size() : 0);
   const std::size_t payloadBytes = payload ? payload->size() : 0;
   // One frame always fits, however large; behind others it must fit within the limit.
   const std::size_t frameBytes = header_.size() + payloadBytes;

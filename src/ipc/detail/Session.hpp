@@ -55,9 +55,7 @@ class ReceiveBudget {
   /// Takes `bytes` if that many are left.
   [[nodiscard]] bool take(std::size_t bytes) noexcept;
   void give(std::size_t bytes) noexcept { left_.fetch_add(bytes, std::memory_order_relaxed); }
-  [[nodiscard]] std::size_t left() const noexcept {
-    return left_.load(std::memory_order_relaxed);
-  }
+  [[nodiscard]] std::size_t left() const noexcept { return left_.load(std::memory_order_relaxed); }
 
  private:
   std::atomic<std::size_t> left_;
