@@ -635,6 +635,11 @@ int pauseOf(const std::string& line) {
 // tried again at once: a worker spun and the log filled with the same line. It now pauses, longer
 // each time, logging once per pause, and accepts again when descriptors are back.
 TEST_F(Bounds, OutOfDescriptorsTheListenerBacksOff) {
+#if defined(__SANITIZE_ADDRESS__)
+  // That build also checks virtual calls (UBSan's vptr check), which opens a pipe to probe memory
+  // and so reports every virtual call as invalid once the process has no descriptor left.
+  GTEST_SKIP() << "needs free descriptors under the sanitizers; runs in the plain and TSan builds";
+#endif
   Listener listener(serviceName, listenerOptions());
   serveEcho(listener);
   ASSERT_EQ(echoFromNewClient("[0]"), "[0]");
