@@ -64,18 +64,12 @@ ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirecto
   connection_->setInvalidationHandler(
       [] { LogCategory::tether().error("Daemon connection invalidated"); });
   connection_->resume();
+  proxy_.emplace(connection_->remoteObjectProxy<ServiceProtocol>({}));
+  synchronousProxy_.emplace(connection_->synchronousRemoteObjectProxy<ServiceProtocol>({}));
 }
 
 ServiceConnection::~ServiceConnection() {
   connection_->invalidate();
-}
-
-ServiceProtocol ServiceConnection::remoteObjectProxy() const {
-  return connection_->remoteObjectProxy<ServiceProtocol>({});
-}
-
-ServiceProtocol ServiceConnection::synchronousRemoteObjectProxy() const {
-  return connection_->synchronousRemoteObjectProxy<ServiceProtocol>({});
 }
 
 ipc::DeliveryExecutor ServiceConnection::executor() const {

@@ -6,6 +6,7 @@
 #include <boost/json/array.hpp>
 #include <boost/json/monotonic_resource.hpp>
 
+#include <array>
 #include <cstddef>
 #include <span>
 #include <string_view>
@@ -38,7 +39,9 @@ struct TetherDecoder {
   /// that is not a list, a list shorter than `sizeof...(Ts)`, or any value that does not decode;
   /// the error's coding path starts at the list ("[0].app").
   [[nodiscard]] static std::tuple<Ts...> decode(std::span<const std::byte> buffer) {
-    boost::json::monotonic_resource scratch;
+    // Small documents (most replies) parse without touching the heap.
+    std::array<unsigned char, 2048> initial;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+    boost::json::monotonic_resource scratch(initial.data(), initial.size());
     boost::json::value document;
     const auto& list = coding::detail::parseEnvelope(buffer, document, &scratch, sizeof...(Ts));
     const coding::CodingPath root;

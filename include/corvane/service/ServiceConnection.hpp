@@ -62,9 +62,11 @@ class ServiceConnection {
   ServiceConnection& operator=(const ServiceConnection&) = delete;
 
   /// A proxy whose calls return at once; each call's completion runs on `executor()`.
-  [[nodiscard]] ServiceProtocol remoteObjectProxy() const;
+  [[nodiscard]] const ServiceProtocol& remoteObjectProxy() const noexcept { return *proxy_; }
   /// A proxy whose calls return after their completion ran on the calling thread.
-  [[nodiscard]] ServiceProtocol synchronousRemoteObjectProxy() const;
+  [[nodiscard]] const ServiceProtocol& synchronousRemoteObjectProxy() const noexcept {
+    return *synchronousProxy_;
+  }
   /// Where replies are handled, and where a handler without an executor of its own runs.
   [[nodiscard]] ipc::DeliveryExecutor executor() const;
   /// The connection underneath (the push hub exports itself through it).
@@ -99,6 +101,9 @@ class ServiceConnection {
 
  private:
   std::unique_ptr<ipc::Connection> connection_;
+  // Made once: a proxy holds no state of a call, so every call shares them.
+  std::optional<ServiceProtocol> proxy_;
+  std::optional<ServiceProtocol> synchronousProxy_;
 };
 
 namespace service::detail {
