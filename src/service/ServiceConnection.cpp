@@ -8,6 +8,12 @@
 
 namespace corvane {
 
+namespace service::detail {
+/// The push hub that the connection exports. Defined by the push layer above this one, so that
+/// the includes keep pointing down while the link brings the hub in with the connection.
+std::shared_ptr<ipc::ExportedObject> pushHub();
+}  // namespace service::detail
+
 namespace {
 
 constexpr std::string_view systemRuntimeDirectory = "/run/corvane";
@@ -57,6 +63,7 @@ ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirecto
   connection_ = std::make_unique<ipc::Connection>(std::string(agentServiceName),
                                                   connectionOptions(runtimeDirectory));
   connection_->setExportedInterface(TetherClientProtocolDescription::interface());
+  connection_->setExportedObject(service::detail::pushHub());
   connection_->setRemoteObjectInterface(ServiceProtocol::interface());
   // Neither handler holds on to this object; the connection reconnects by itself.
   connection_->setInterruptionHandler(

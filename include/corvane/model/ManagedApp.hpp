@@ -15,6 +15,10 @@
 
 namespace corvane {
 
+template <class T>
+class AsyncStream;
+class AppState;
+
 /// The base address of the store's licence-agreement page; an item's page is this address
 /// followed by its item number.
 inline constexpr std::string_view licenseAgreementBaseURL =
@@ -149,6 +153,11 @@ class ManagedApp {
   /// `AppLaunchRequest::perform`). Defined in <corvane/service/RequestOperations.hpp>.
   template <class CompletionToken>
   auto launch(CompletionToken&& token) const;
+
+  /// The installation state of this app as the daemon pushes it, starting with the cached state
+  /// if there is one; every value kept. Ending the stream removes its listener and may withdraw
+  /// the registration. Defined with the push layer (<corvane/push/ListenerStreams.hpp>).
+  [[nodiscard]] AsyncStream<AppState> stateUpdates() const;
 
  private:
   friend struct coding::StoredCoding<ManagedApp>;

@@ -10,6 +10,10 @@
 
 namespace corvane {
 
+template <class T>
+class AsyncStream;
+struct AppProgress;
+
 /// The public object through which a caller asks the daemon to install or cancel catalogue apps.
 /// It holds no state: every instance uses the process's one `ServiceConnection`, so instances
 /// behave alike. Usable from any thread at once; takes no lock.
@@ -19,6 +23,18 @@ class ManagedAppLibrary {
   [[nodiscard]] static ManagedAppLibrary& shared() noexcept;
 
   ManagedAppLibrary() = default;
+
+  /// An asynchronous sequence of catalogues; defined in <corvane/push/ListenerStreams.hpp>.
+  class ManagedApps;
+
+  /// The catalogue as the daemon pushes it: starts with the cached catalogue if there is one, and
+  /// keeps only the newest undelivered result. Registers for catalogue messages unless already
+  /// registered; ending the sequence may withdraw that (a synchronous call). Defined with the
+  /// push layer; include <corvane/push/ListenerStreams.hpp>.
+  [[nodiscard]] ManagedApps managedApps() const;
+  /// Global progress of every app, every value kept. Ending the stream removes its listener and,
+  /// for the last one, withdraws the registration (a synchronous call under the hub's lock).
+  [[nodiscard]] AsyncStream<AppProgress> progressUpdates() const;
 
   /// Asks the daemon to install whatever an install without an app covers (its decision):
   /// "installManagedApp:reply:" with no declaration identifier or purchase parameters, user

@@ -1,0 +1,475 @@
+#pragma once
+
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/execution/outstanding_work.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/prefer.hpp>
+#include <boost/asio/system_executor.hpp>
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <iterator>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+namespace corvane {
+
+/// How much of what a producer yields a stream keeps while its consumer is not waiting. A waiting
+/// consumer always gets the next value handed over, whatever the policy (even a limit of 0).
+class BufferingPolicy {
+ public:
+  enum class Kind { unbounded, bufferingNewest, bufferingOldest };
+
+  /// Keeps every value until it is taken.
+  [[nodiscard]] static constexpr BufferingPolicy unbounded() noexcept {
+    return {Kind::unbounded, 0};
+  }
+  /// Keeps the newest `limit` values not yet taken: a value yielded into a full buffer is enqueued
+  /// and pushes the oldest buffered one out.
+  [[nodiscard]] static constexpr BufferingPolicy bufferingNewest(std::size_t limit) noexcept {
+    return {Kind::bufferingNewest, limit};
+  }
+  /// Keeps the oldest `limit` values not yet taken: a value yielded into a full buffer is dropped.
+  [[nodiscard]] static constexpr BufferingPolicy bufferingOldest(std::size_t limit) noexcept {
+    return {Kind::bufferingOldest, limit};
+  }
+
+  [[nodiscard]] constexpr Kind kind() const noexcept { return kind_; }
+  /// The most values kept; 0 for `unbounded`.
+  [[nodiscard]] constexpr std::size_t limit() const noexcept { return limit_; }
+
+  friend constexpr bool operator==(BufferingPolicy, BufferingPolicy) noexcept = default;
+
+ private:
+  constexpr BufferingPolicy(Kind kind, std::size_t limit) noexcept : kind_(kind), limit_(limit) {}
+
+  Kind kind_;
+  std::size_t limit_;
+};
+
+/// What became of one yielded value.
+enum class YieldStatus {
+  enqueued,   ///< handed to the waiting consumer or kept in the buffer
+  dropped,    ///< the buffer was full (or has no room at all) and let it go
+  terminated  ///< the stream has ended (finished or cancelled): nobody will ever take it
+};
+
+/// A single-consumer stream of values that one or more producers push into.
+///
+/// `make` returns both ends: the `AsyncStream` (the consuming end, move-only) and its
+/// `Continuation` (the producing end, a copyable handle):
+///
+///     auto [stream, continuation] = AsyncStream<int>::make(BufferingPolicy::bufferingNewest(8));
+///     continuation.onTermination([&hub, id] { hub.remove(id); });
+///     continuation.yield(1);
+///     continuation.finish();
+///     for (int value : stream) use(value);                      // blocking
+///     stream.next([](std::optional<int> value) { ... });        // or any Asio completion token
+///
+/// Ending. The stream ends, once, at the first of: the producer's `finish()`, the consumer's
+/// `cancel()`, the destruction of the consuming end (or a move assignment onto it). Ending runs the
+/// termination handler exactly once, on the thread that ended the stream, with no lock held; from
+/// then on every `yield` reports `terminated`. After `finish()` the consumer still takes what is
+/// buffered, then gets an empty optional; after a cancellation the buffer is discarded and the
+/// consumer gets an empty optional at once. Dropping every `Continuation` does not end the stream:
+/// a consumer then waits until it cancels.
+///
+/// Threads. Both ends may be used from any thread, and every member of either may run concurrently
+/// with any other, except that moving, assigning, destroying and iterating the consuming end need
+/// it to be otherwise unused (iteration keeps its current value in the object). A consumer's
+/// handler never runs inside `yield`, `finish`, `cancel` or the destructor: it is always posted to
+/// its executor.
+///
+/// Locking. Each stream has one short internal lock, held only to move list nodes and flags: no
+/// handler, termination handler, or constructor, assignment or destructor of `T` runs under it.
+/// So `yield` and `finish` may be called while holding a lock of one's own (a hub's lock), even one
+/// that the consumer's handler takes. The termination handler runs on the ending thread, though:
+/// if that thread holds a lock the handler takes, it deadlocks; end the stream outside such a lock.
+///
+/// `T` must be move-constructible. Values are moved, never copied.
+template <class T>
+class AsyncStream {
+  static_assert(std::is_object_v<T> && !std::is_const_v<T> && std::is_move_constructible_v<T>,
+                "AsyncStream<T> needs a non-const, move-constructible object type");
+  class State;
+
+ public:
+  using value_type = T;
+  class Continuation;
+  class Iterator;
+  struct Pair;
+
+  /// What `Continuation::yield` did with a value.
+  struct YieldResult {
+    YieldStatus status;
+    /// The value the stream let go: for `dropped` and `terminated`, the yielded value itself; for
+    /// `enqueued` into a full `bufferingNewest` buffer, the oldest buffered value that made room;
+    /// otherwise empty.
+    std::optional<T> discarded;
+
+    friend bool operator==(const YieldResult&, const YieldResult&) = default;
+  };
+
+  /// A new stream and its producing end. Throws `std::bad_alloc` only.
+  [[nodiscard]] static Pair make(BufferingPolicy policy = BufferingPolicy::unbounded());
+
+  /// Moves the consuming end. The source is left empty (its `next` completes at once with an empty
+  /// optional, its `cancel` does nothing) and its iterators become invalid.
+  AsyncStream(AsyncStream&& other) noexcept : state_(std::move(other.state_)) {}
+  /// Ends the stream this object held, as the destructor does, and takes over `other`'s.
+  AsyncStream& operator=(AsyncStream&& other) noexcept {
+    if (this != &other) {
+      auto previous = std::exchange(state_, std::move(other.state_));
+      current_.reset();
+      if (previous) previous->cancel();
+    }
+    return *this;
+  }
+  AsyncStream(const AsyncStream&) = delete;
+  AsyncStream& operator=(const AsyncStream&) = delete;
+  /// Ends the stream as `cancel()` does: the termination handler, if it has not run yet, runs on
+  /// the destroying thread. A pending `next` completes with an empty optional. The handlers must
+  /// not throw here (the program terminates).
+  ~AsyncStream() {
+    if (state_) state_->cancel();
+  }
+
+  /// Waits for the next value, delivered through any Asio completion token (a callback,
+  /// `use_future`, `use_awaitable`, `deferred`, ...). Completion signature:
+  /// `void(std::optional<T>)`: the next value, or an empty optional once the stream has finished
+  /// and its buffer is drained, or was cancelled.
+  ///
+  /// Where: the handler runs through its associated executor (a coroutine resumes on its own); a
+  /// handler without one runs on Asio's `system_executor` (its thread pool). It is always posted:
+  /// never run inside `next`, nor inside the producer's `yield`/`finish` or the consumer's
+  /// `cancel`. While the operation is pending it counts as outstanding work on that executor, so an
+  /// `io_context`'s `run()` does not return.
+  ///
+  /// At most one `next` (this one or the blocking one) may be pending at a time. A second one
+  /// started while another is pending is a usage error: it completes at once (posted) with an empty
+  /// optional, leaves the pending one alone and does not end the stream. The handler's
+  /// cancellation slot is not used; `cancel()` ends the wait (and the stream).
+  ///
+  /// Throws `std::bad_alloc` only, from the initiation. The operation keeps the stream's shared
+  /// state alive, so a `deferred` operation may outlive this object (it then completes empty).
+  template <boost::asio::completion_token_for<void(std::optional<T>)> CompletionToken>
+  auto next(CompletionToken&& token) {
+    return boost::asio::async_initiate<CompletionToken, void(std::optional<T>)>(
+        [](auto handler, const std::shared_ptr<State>& state) {
+          State::start(state.get(), std::move(handler));
+        },
+        token, state_);
+  }
+
+  /// Blocks the calling thread until the next value is there (or the stream has ended and its
+  /// buffer is drained: empty optional). While another `next` is pending it returns an empty
+  /// optional at once, as the asynchronous one does. Must not be called on a thread the producer
+  /// needs in order to yield. Throws what moving a `T` throws.
+  [[nodiscard]] std::optional<T> next() { return state_ ? state_->wait() : std::nullopt; }
+
+  /// Blocking iteration: each step waits as `next()` does; the range ends when `next()` gives an
+  /// empty optional. A single-pass input range: calling `begin()` again continues where the last
+  /// iteration stopped. The current value lives in this object (valid until the next step).
+  [[nodiscard]] Iterator begin() {
+    current_ = next();
+    return Iterator(current_ ? this : nullptr);
+  }
+  [[nodiscard]] std::default_sentinel_t end() const noexcept { return {}; }
+
+  /// Ends the stream from the consuming side: the buffered values are discarded, a pending `next`
+  /// completes with an empty optional (posted), and the termination handler, if it has not run
+  /// yet, runs on the calling thread before this returns. Later calls do nothing more. Throws what
+  /// the termination handler throws, or `std::bad_alloc` from posting the pending completion.
+  void cancel() {
+    if (state_) state_->cancel();
+  }
+
+ private:
+  explicit AsyncStream(std::shared_ptr<State> state) noexcept : state_(std::move(state)) {}
+
+  std::shared_ptr<State> state_;
+  std::optional<T> current_;  // the iteration slot
+};
+
+/// The producing end: a cheap, copyable handle to the stream's shared state. Every member may be
+/// called from any thread, on the same object too; none runs a consumer's handler inline. A
+/// moved-from handle acts on an ended stream.
+template <class T>
+class AsyncStream<T>::Continuation {
+ public:
+  /// Hands `value` to the waiting consumer (posting its handler) or buffers it as the policy says.
+  /// Throws `std::bad_alloc`, what moving a `T` throws, or what the waiting handler's executor
+  /// throws when posting to it; the value is lost then.
+  YieldResult yield(T value) const {
+    if (!state_) return {YieldStatus::terminated, std::optional<T>(std::move(value))};
+    return state_->yield(std::move(value));
+  }
+
+  /// Ends the stream from the producing side: the consumer takes what is buffered, then gets an
+  /// empty optional. If the stream had not ended yet, the termination handler runs on the calling
+  /// thread before this returns; otherwise nothing happens. Throws what the termination handler
+  /// throws, or `std::bad_alloc` from posting the pending completion.
+  void finish() const {
+    if (state_) state_->finish();
+  }
+
+  /// Sets the handler to run when the stream ends, replacing (and destroying, unrun) any earlier
+  /// one. If the stream has already ended, `handler` runs at once on the calling thread instead.
+  /// The handler must not throw when the stream ends by destruction or move assignment. Lifetime:
+  /// the stream keeps the handler until it ends, then releases it after it ran, so a handler may
+  /// capture a `Continuation` without leaking.
+  void onTermination(std::function<void()> handler) const {
+    if (!state_) {
+      if (handler) handler();
+      return;
+    }
+    state_->setTerminationHandler(std::move(handler));
+  }
+
+  /// Whether the stream has ended; once true, it stays true.
+  [[nodiscard]] bool isTerminated() const { return !state_ || state_->isTerminated(); }
+
+ private:
+  friend class AsyncStream;
+  explicit Continuation(std::shared_ptr<State> state) noexcept : state_(std::move(state)) {}
+
+  std::shared_ptr<State> state_;
+};
+
+/// The two ends of a new stream; use with structured bindings: `auto [stream, continuation]`.
+template <class T>
+struct AsyncStream<T>::Pair {
+  AsyncStream stream;
+  Continuation continuation;
+};
+
+/// The blocking input iterator of `AsyncStream`; compare it with `std::default_sentinel`.
+template <class T>
+class AsyncStream<T>::Iterator {
+ public:
+  using iterator_concept = std::input_iterator_tag;
+  using iterator_category = std::input_iterator_tag;
+  using value_type = T;
+  using difference_type = std::ptrdiff_t;
+  using reference = T&;
+
+  Iterator() = default;
+
+  [[nodiscard]] T& operator*() const { return *stream_->current_; }
+  [[nodiscard]] T* operator->() const { return std::addressof(*stream_->current_); }
+  /// Waits for the next value as `AsyncStream::next()` does.
+  Iterator& operator++() {
+    stream_->current_ = stream_->next();
+    if (!stream_->current_) stream_ = nullptr;
+    return *this;
+  }
+  void operator++(int) { ++*this; }
+
+  friend bool operator==(const Iterator& iterator, std::default_sentinel_t) noexcept {
+    return iterator.stream_ == nullptr;
+  }
+
+ private:
+  friend class AsyncStream;
+  explicit Iterator(AsyncStream* stream) noexcept : stream_(stream) {}
+
+  AsyncStream* stream_ = nullptr;
+};
+
+/// The shared state. Values travel in single-element list nodes made and emptied outside the lock,
+/// so only node splicing and flag changes happen under it.
+template <class T>
+class AsyncStream<T>::State {
+ public:
+  explicit State(BufferingPolicy policy) noexcept : policy_(policy) {}
+
+  /// Starts a `next` for `handler` on `state` (empty: a moved-from stream, which is ended).
+  template <class Handler>
+  static void start(State* state, Handler handler) {
+    auto pending = std::make_unique<PendingFor<Handler>>(std::move(handler));
+    std::list<T> taken;
+    if (state != nullptr) {
+      const std::lock_guard lock(state->mutex_);
+      if (!state->buffer_.empty()) {
+        taken.splice(taken.end(), state->buffer_, state->buffer_.begin());
+      } else if (!state->terminated_ && !state->isWaited()) {
+        state->pending_ = std::move(pending);
+        return;
+      }
+    }
+    pending->complete(valueOf(taken));
+  }
+
+  std::optional<T> wait() {
+    std::list<T> taken;
+    {
+      std::unique_lock lock(mutex_);
+      if (!buffer_.empty()) {
+        taken.splice(taken.end(), buffer_, buffer_.begin());
+      } else if (!terminated_ && !isWaited()) {
+        Blocked blocked;
+        blocked_ = &blocked;
+        // Whoever sets `done` also clears `blocked_`, under the lock.
+        handedOver_.wait(lock, [&blocked] { return blocked.done; });
+        taken.splice(taken.end(), blocked.value);
+      }
+    }
+    return valueOf(taken);
+  }
+
+  YieldResult yield(T value) {
+    std::list<T> incoming;
+    incoming.push_back(std::move(value));
+    std::list<T> evicted;
+    std::unique_ptr<Pending> pending;
+    bool wake = false;
+    YieldStatus status = YieldStatus::enqueued;
+    {
+      const std::lock_guard lock(mutex_);
+      if (terminated_) {
+        status = YieldStatus::terminated;
+      } else if (pending_) {
+        pending = std::move(pending_);
+      } else if (blocked_ != nullptr) {
+        blocked_->value.splice(blocked_->value.end(), incoming);
+        wake = release();
+      } else if (policy_.kind() == BufferingPolicy::Kind::unbounded
+                 || buffer_.size() < policy_.limit()) {
+        buffer_.splice(buffer_.end(), incoming);
+      } else if (policy_.kind() == BufferingPolicy::Kind::bufferingNewest && policy_.limit() > 0) {
+        evicted.splice(evicted.end(), buffer_, buffer_.begin());
+        buffer_.splice(buffer_.end(), incoming);
+      } else {
+        status = YieldStatus::dropped;
+      }
+    }
+    if (wake) handedOver_.notify_all();
+    if (pending) {
+      pending->complete(valueOf(incoming));
+      return {status, std::nullopt};
+    }
+    return {status, valueOf(status == YieldStatus::enqueued ? evicted : incoming)};
+  }
+
+  void finish() { end(false); }
+  void cancel() { end(true); }
+
+  void setTerminationHandler(std::function<void()> handler) {
+    bool ended = false;
+    {
+      const std::lock_guard lock(mutex_);
+      ended = terminated_;
+      if (!ended) std::swap(onTermination_, handler);
+    }
+    // Either the replaced handler, destroyed here outside the lock, or the new one, run at once.
+    if (ended && handler) handler();
+  }
+
+  bool isTerminated() {
+    const std::lock_guard lock(mutex_);
+    return terminated_;
+  }
+
+ private:
+  /// A pending asynchronous `next`, its handler's type erased.
+  class Pending {
+   public:
+    Pending() = default;
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+    virtual ~Pending() = default;
+    /// Posts the handler with `value` to its executor. Called once, with no lock held.
+    virtual void complete(std::optional<T> value) = 0;
+  };
+
+  template <class Handler>
+  class PendingFor final : public Pending {
+   public:
+    explicit PendingFor(Handler handler)
+        : handler_(std::move(handler)),
+          work_(boost::asio::prefer(
+              boost::asio::get_associated_executor(handler_, boost::asio::system_executor()),
+              boost::asio::execution::outstanding_work.tracked)) {}
+
+    void complete(std::optional<T> value) override {
+      const auto executor = work_;
+      // The work stays counted until the handler has run.
+      boost::asio::post(
+          executor, [handler = std::move(handler_), work = std::move(work_),
+                     value = std::move(value)]() mutable { std::move(handler)(std::move(value)); });
+    }
+
+   private:
+    using Work = std::decay_t<decltype(boost::asio::prefer(
+        std::declval<boost::asio::associated_executor_t<Handler, boost::asio::system_executor>>(),
+        boost::asio::execution::outstanding_work.tracked))>;
+
+    Handler handler_;
+    Work work_;
+  };
+
+  /// A consumer blocked in `wait`, on its own stack.
+  struct Blocked {
+    std::list<T> value;
+    bool done = false;
+  };
+
+  static std::optional<T> valueOf(std::list<T>& node) {
+    if (node.empty()) return std::nullopt;
+    return std::optional<T>(std::move(node.front()));
+  }
+
+  bool isWaited() const noexcept { return pending_ != nullptr || blocked_ != nullptr; }
+
+  /// Lets the blocked consumer go; true if there was one. Under the lock.
+  bool release() noexcept {
+    if (blocked_ == nullptr) return false;
+    blocked_->done = true;
+    blocked_ = nullptr;
+    return true;
+  }
+
+  void end(bool discard) {
+    std::list<T> discarded;
+    std::unique_ptr<Pending> pending;
+    std::function<void()> handler;
+    bool wake = false;
+    {
+      const std::lock_guard lock(mutex_);
+      if (discard) discarded.splice(discarded.end(), buffer_);
+      if (!terminated_) {
+        terminated_ = true;
+        handler = std::exchange(onTermination_, nullptr);
+        // A waiting consumer implies an empty buffer: it is owed the end of the stream now.
+        pending = std::move(pending_);
+        wake = release();
+      }
+    }
+    if (wake) handedOver_.notify_all();
+    if (pending) pending->complete(std::nullopt);
+    if (handler) handler();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable handedOver_;
+  const BufferingPolicy policy_;
+  std::list<T> buffer_;
+  std::unique_ptr<Pending> pending_;
+  Blocked* blocked_ = nullptr;
+  bool terminated_ = false;
+  std::function<void()> onTermination_;
+};
+
+template <class T>
+auto AsyncStream<T>::make(BufferingPolicy policy) -> Pair {
+  auto state = std::make_shared<State>(policy);
+  return Pair{AsyncStream(state), Continuation(std::move(state))};
+}
+
+}  // namespace corvane

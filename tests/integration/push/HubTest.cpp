@@ -1,0 +1,354 @@
+// The push channel end to end: an in-process daemon built on the facility's listener records the
+// registration calls it gets and pushes batches to the client through the real connection; the
+// library's hub and streams are observed from the outside. Each test case runs in a process of
+// its own, so the shared connection and hub start empty.
+
+#include "integration/ipc/IpcTestSupport.hpp"
+
+#include <corvane/Corvane.hpp>
+#include <corvane/push/ListenerStreams.hpp>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/use_future.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <future>
+#include <mutex>
+
+namespace corvane::testing {
+namespace {
+
+namespace asio = boost::asio;
+using ipc::testing::bound;
+using ipc::testing::Counter;
+using ipc::testing::TemporaryDirectory;
+
+constexpr std::string_view successWithoutValue = R"([{"success": {"_0": null}}])";
+
+/// A daemon that records registration calls and pushes batches to its one client.
+class PushingDaemon {
+ public:
+  explicit PushingDaemon(const std::filesystem::path& directory)
+      : listener_(std::string(agentServiceName), ipc::ListenerOptions{directory, false}) {
+    listener_.setConnectionHandler([this](ipc::Peer& peer) {
+      auto table = std::make_shared<ipc::OperationTable>();
+      for (const auto* operation : {&ServiceProtocol::Selectors::addMessageRegistrations,
+                                    &ServiceProtocol::Selectors::removeMessageRegistrations}) {
+        table->on(std::string(operation->name),
+                  [this, name = std::string(operation->name)](std::optional<Bytes> argument,
+                                                              ipc::Reply reply) {
+                    std::string answer(successWithoutValue);
+                    {
+                      const std::lock_guard state(mutex_);
+                      calls_.emplace_back(name, std::string(argument->view()));
+                      if (failAdds_ && name == "addMessageRegistrations:reply:")
+                        answer = R"([{"failure": {"_0": {"networkError": {}}}}])";
+                    }
+                    reply.send(Bytes(answer));
+                    registrationCalls.add();
+                  });
+      }
+      peer.setExportedObject(table);
+      peer.setRemoteObjectInterface(TetherClientProtocolDescription::interface());
+      {
+        const std::lock_guard state(mutex_);
+        client_ = peer.remoteObjectProxy([](const ipc::CallError&) {});
+      }
+      connected.add();
+      return true;
+    });
+    listener_.resume();
+  }
+
+  /// Pushes one batch, as raw JSON (a list of messages).
+  void push(std::string_view batch) {
+    ASSERT_TRUE(connected.waitFor(1));
+    ipc::RemoteProxy client;
+    {
+      const std::lock_guard state(mutex_);
+      client = client_;
+    }
+    client.send("handleMessages:", Bytes(fmt::format("[{}]", batch)));
+  }
+  void failAdds() {
+    const std::lock_guard state(mutex_);
+    failAdds_ = true;
+  }
+  /// The registration calls so far: operation and argument document.
+  [[nodiscard]] std::vector<std::pair<std::string, std::string>> calls() const {
+    const std::lock_guard state(mutex_);
+    return calls_;
+  }
+
+  Counter connected;
+  Counter registrationCalls;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::pair<std::string, std::string>> calls_;
+  ipc::RemoteProxy client_;
+  bool failAdds_ = false;
+  ipc::Listener listener_;
+};
+
+std::string catalogOf(std::string_view name) {
+  return fmt::format(
+      R"({{"type": {{"managedAppCatalog": {{"_0": [{{"declarationIdentifier": "D-{0}",
+          "bundleID": "dev.corvane.{0}", "platform": 1, "name": "{0}", "genres": [],
+          "languages": [], "screenshots": [], "hasLicenseAgreement": false}}]}}}}}})",
+      name);
+}
+
+std::string progressOf(std::string_view bundle, std::string_view state) {
+  return fmt::format(
+      R"({{"type": {{"appProgress": {{"progress": {{"state": {}, "bundleID": "{}",
+          "uuid": "0F0E0D0C-0B0A-0908-0706-050403020100"}}}}}}}})",
+      state, bundle);
+}
+
+/// The name of the only app of a catalogue result, or its error's case name.
+std::string describe(const std::optional<CatalogResult>& result) {
+  if (!result) return "<ended>";
+  if (const auto* apps = std::get_if<std::vector<ManagedApp>>(&*result)) {
+    return apps->empty() ? "<empty>" : apps->front().name();
+  }
+  return std::string(caseName(std::get<CorvaneError>(*result)));
+}
+
+std::string upperCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return text;
+}
+
+ManagedApp appWithBundle(const std::string& bundleID) {
+  return ManagedApp("D", bundleID, std::nullopt, std::nullopt, Platform(1), std::nullopt,
+                    std::nullopt, "N", std::nullopt, std::nullopt, {}, std::nullopt, {},
+                    std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                    std::nullopt, {}, std::nullopt, std::nullopt, std::nullopt, false, std::nullopt,
+                    std::nullopt);
+}
+
+class HubTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("CORVANE_RUNTIME_DIR", directory.path().c_str(), 1);  // NOLINT: before any thread
+  }
+
+  /// Waits until the hub's active registrations satisfy `predicate`.
+  template <class Predicate>
+  static bool waitForHub(Predicate predicate) {
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (!predicate(TetherClient::shared().snapshot())) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+
+  TemporaryDirectory directory;
+  platform::ScopedLogCapture log;
+};
+
+TEST_F(HubTest, ASecondCatalogListenerGetsTheCacheFirstAndNoSecondRegistration) {
+  PushingDaemon daemon(directory.path());
+  auto first = ManagedAppLibrary::shared().managedApps();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  daemon.push(fmt::format("[{}]", catalogOf("One")));
+  EXPECT_EQ(describe(first.next()), "One");
+
+  auto second = ManagedAppLibrary::shared().managedApps();
+  EXPECT_EQ(describe(second.next()), "One") << "the cached catalogue comes at once";
+  daemon.push(fmt::format("[{}]", catalogOf("Two")));
+  EXPECT_EQ(describe(first.next()), "Two");
+  EXPECT_EQ(describe(second.next()), "Two");
+  const auto calls = daemon.calls();
+  ASSERT_EQ(calls.size(), 1U) << "appCatalog was active already";
+  EXPECT_EQ(calls[0].first, "addMessageRegistrations:reply:");
+  EXPECT_EQ(boost::json::parse(calls[0].second),
+            boost::json::parse(
+                fmt::format(R"([[{{"appCatalog": {{}}}}], "{}"])",
+                            upperCase(boost::uuids::to_string(TetherClient::shared().clientID())))))
+      << calls[0].second;
+}
+
+TEST_F(HubTest, TheLastListenerWithdrawsAndALaterOneStillGetsTheCache) {
+  PushingDaemon daemon(directory.path());
+  {
+    auto apps = ManagedAppLibrary::shared().managedApps();
+    ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+    daemon.push(fmt::format("[{}]", catalogOf("One")));
+    EXPECT_EQ(describe(apps.next()), "One");
+  }  // ending the sequence removes its listener and withdraws the registration
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  EXPECT_EQ(daemon.calls().at(1).first, "removeMessageRegistrations:reply:");
+  EXPECT_TRUE(
+      waitForHub([](const TetherClient::Storage& hub) { return hub.activeRegistrations.empty(); }));
+
+  auto later = ManagedAppLibrary::shared().managedApps();
+  EXPECT_EQ(describe(later.next()), "One");
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(3)) << "the later listener registers again";
+}
+
+TEST_F(HubTest, CatalogueMessagesBecomeResultsInBatchOrder) {
+  PushingDaemon daemon(directory.path());
+  auto apps = ManagedAppLibrary::shared().managedApps();
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  // Neither list nor error, then an error, then a list; the newest-only buffer of the catalogue
+  // keeps only the last one, so each is taken before the next is pushed.
+  daemon.push(R"([{"type": {"managedAppCatalog": {}}}])");
+  EXPECT_EQ(describe(apps.next()), "unrecoverableError");
+  daemon.push(R"([{"type": {"managedAppCatalog": {"_1": {"networkError": {}}}}}])");
+  EXPECT_EQ(describe(apps.next()), "networkError");
+  // One batch: a catalogue, then progress; both arrive, the catalogue handled first.
+  daemon.push(fmt::format("[{}, {}]", catalogOf("Three"),
+                          progressOf("dev.corvane.x", R"({"installing": {"_0": 0.5}})")));
+  EXPECT_EQ(describe(apps.next()), "Three");
+  const auto value = progress.next();
+  ASSERT_TRUE(value);
+  EXPECT_EQ(value->bundleID, "dev.corvane.x");
+}
+
+TEST_F(HubTest, AnUndecodableBatchChangesNothingAndWritesOneLine) {
+  PushingDaemon daemon(directory.path());
+  auto apps = ManagedAppLibrary::shared().managedApps();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  daemon.push(fmt::format("[{}, {{\"type\": {{\"bogus\": {{}}}}}}]", catalogOf("Never")));
+  daemon.push(fmt::format("[{}]", catalogOf("After")));
+  EXPECT_EQ(describe(apps.next()), "After") << "the bad batch was dropped whole";
+  std::size_t lines = 0;
+  for (const auto& record : log.records())
+    lines += record.message.starts_with("Error decoding Tether client message: ") ? 1U : 0U;
+  EXPECT_EQ(lines, 1U);
+}
+
+TEST_F(HubTest, ProgressForAnAppNobodyWatchesStillUpdatesItsCachedState) {
+  PushingDaemon daemon(directory.path());
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  daemon.push(fmt::format("[{}]", progressOf("dev.corvane.quiet", R"({"waiting": {}})")));
+  ASSERT_TRUE(progress.next());
+  // Progress listeners are served before the state cache is written, so wait for it.
+  EXPECT_TRUE(waitForHub([](const TetherClient::Storage& hub) {
+    return hub.cachedStates.contains("dev.corvane.quiet");
+  }));
+  auto state = appWithBundle("dev.corvane.quiet").stateUpdates();
+  const auto cached = state.next();
+  ASSERT_TRUE(cached) << "a new state listener gets the cached state at once";
+}
+
+TEST_F(HubTest, AStateListenerAndACallbackShareTheRegistration) {
+  PushingDaemon daemon(directory.path());
+  const std::string bundle = "dev.corvane.notes";
+  Counter called;
+  auto stream = std::make_optional(appWithBundle(bundle).stateUpdates());
+  TetherClient::shared().addStateChangeBlock(bundle, "observer",
+                                             [&](const AppState&) { called.add(); });
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  daemon.push(fmt::format("[{}]", progressOf(bundle, R"({"installing": {"_0": 0.5}})")));
+  ASSERT_TRUE(stream->next());
+  ASSERT_TRUE(called.waitFor(1));
+
+  stream.reset();  // the stream's listener goes: cached state deleted, registration kept
+  auto hub = TetherClient::shared().snapshot();
+  EXPECT_FALSE(hub.cachedStates.contains(bundle));
+  EXPECT_TRUE(
+      hub.activeRegistrations.contains(MessageRegistration::appStateChangeByBundleID(bundle)));
+  EXPECT_EQ(daemon.calls().size(), 1U);
+  daemon.push(fmt::format("[{}]", progressOf(bundle, R"({"waiting": {}})")));
+  ASSERT_TRUE(called.waitFor(2)) << "the callback still gets states";
+
+  TetherClient::shared().removeStateChangeBlock(bundle, "observer");
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
+  EXPECT_EQ(TetherClient::shared().snapshot().subscriberCounts.at(bundle), 0);
+}
+
+TEST_F(HubTest, AFailedAddLeavesTheRegistrationInactiveSoTheNextListenerAsksAgain) {
+  PushingDaemon daemon(directory.path());
+  daemon.failAdds();
+  {
+    auto apps = ManagedAppLibrary::shared().managedApps();
+    ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+    ASSERT_TRUE(waitForHub(
+        [](const TetherClient::Storage& hub) { return hub.activeRegistrations.empty(); }));
+    EXPECT_TRUE(log.waitFor(
+        [](const platform::LogRecord& r) {
+          return r.message.starts_with("Error registering for message: [App catalog changed]: ");
+        },
+        bound));
+  }
+  auto again = ManagedAppLibrary::shared().managedApps();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  EXPECT_EQ(daemon.calls().at(1).first, "addMessageRegistrations:reply:");
+}
+
+TEST_F(HubTest, ASlowCatalogueConsumerSeesTheNewestWhileProgressKeepsEveryValue) {
+  PushingDaemon daemon(directory.path());
+  auto apps = ManagedAppLibrary::shared().managedApps();
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  daemon.push(fmt::format("[{}, {}, {}, {}]", catalogOf("A"), catalogOf("B"), catalogOf("C"),
+                          progressOf("dev.corvane.marker", R"({"waiting": {}})")));
+  for (int i = 0; i < 3; ++i)
+    daemon.push(fmt::format("[{}]", progressOf("dev.corvane.p", R"({"installing": {"_0": 0.5}})")));
+  // All four progress values are kept; by then the catalogue has been fanned out three times.
+  std::vector<std::string> bundles;
+  for (int i = 0; i < 4; ++i) bundles.push_back(progress.next().value().bundleID);
+  EXPECT_EQ(bundles, (std::vector<std::string>{"dev.corvane.marker", "dev.corvane.p",
+                                               "dev.corvane.p", "dev.corvane.p"}));
+  EXPECT_EQ(describe(apps.next()), "C") << "only the newest undelivered result is kept";
+}
+
+TEST_F(HubTest, EndingStreamsFromACallbackAndFromACoroutineDoesNotDeadlock) {
+  PushingDaemon daemon(directory.path());
+  // From a delivery callback: the state-change callback ends a progress stream, which withdraws
+  // its registration with a synchronous call from the connection's delivery thread.
+  auto progress = std::make_shared<std::optional<AsyncStream<AppProgress>>>(
+      ManagedAppLibrary::shared().progressUpdates());
+  std::promise<void> ended;
+  TetherClient::shared().addStateChangeBlock("dev.corvane.cb", "ender",
+                                             [&, progress](const AppState&) {
+                                               if (progress->has_value()) {
+                                                 progress->reset();
+                                                 ended.set_value();
+                                               }
+                                             });
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  daemon.push(fmt::format("[{}]", progressOf("dev.corvane.cb", R"({"waiting": {}})")));
+  ASSERT_EQ(ended.get_future().wait_for(bound), std::future_status::ready);
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(3));
+  EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
+
+  // From a coroutine: it takes one catalogue and lets its sequence go.
+  asio::io_context io;
+  std::string seen;
+  asio::co_spawn(
+      io,
+      [&]() -> asio::awaitable<void> {
+        auto apps = ManagedAppLibrary::shared().managedApps();
+        auto result = co_await apps.next(asio::use_awaitable);
+        seen = describe(result);
+      },
+      asio::detached);
+  std::thread pusher([&] {
+    ASSERT_TRUE(daemon.registrationCalls.waitFor(4));
+    daemon.push(fmt::format("[{}]", catalogOf("Co")));
+  });
+  io.run();
+  pusher.join();
+  EXPECT_EQ(seen, "Co");
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(5)) << "the coroutine's sequence withdrew";
+}
+
+}  // namespace
+}  // namespace corvane::testing
