@@ -3,7 +3,7 @@
 #include <corvane/platform/LogCategory.hpp>
 #include <corvane/platform/Random.hpp>
 #include <corvane/push/TetherClient.hpp>
-#include <corvane/service/ServiceConnection.hpp>
+#include <corvane/service/RequestOperations.hpp>
 
 #include <algorithm>
 #include <cstdio>
@@ -48,14 +48,6 @@ std::string errorText(const std::exception_ptr& failure) {
   }
 }
 
-/// The body of both registration calls: one operation with the (list, client) argument.
-template <auto Operation>
-struct Send {
-  void operator()(const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) const {
-    (proxy.*Operation)(std::move(argument), std::move(reply));
-  }
-};
-
 }  // namespace
 
 std::shared_ptr<TetherClient> TetherClient::sharedPointer() {
@@ -85,7 +77,8 @@ void TetherClient::registerLocked(const std::vector<MessageRegistration>& regist
   // Nobody waits for it; a failure makes the registrations inactive again, so that a later
   // listener asks again.
   ServiceConnection::withAsyncService<None>(
-      std::tuple(pending, clientID_), Send<&ServiceProtocol::addMessageRegistrations>{},
+      std::tuple(pending, clientID_),
+      service::detail::Send<&ServiceProtocol::addMessageRegistrations>{},
       [this, pending](std::exception_ptr failure) {
         if (!failure) return;
         LogCategory::tether().error("Error registering for message: {}: {}", description(pending),
@@ -99,8 +92,9 @@ void TetherClient::unregisterLocked(const std::vector<MessageRegistration>& regi
   auto withdrawn = filter(registrations, storage_.activeRegistrations, true);
   if (withdrawn.empty()) return;
   try {
-    ServiceConnection::withSyncService<None>(std::tuple(withdrawn, clientID_),
-                                             Send<&ServiceProtocol::removeMessageRegistrations>{});
+    ServiceConnection::withSyncService<None>(
+        std::tuple(withdrawn, clientID_),
+        service::detail::Send<&ServiceProtocol::removeMessageRegistrations>{});
   } catch (...) {
     LogCategory::tether().error("Error removing registration for message: {}: {}",
                                 description(withdrawn), errorText(std::current_exception()));
