@@ -350,5 +350,37 @@ TEST_F(HubTest, EndingStreamsFromACallbackAndFromACoroutineDoesNotDeadlock) {
   ASSERT_TRUE(daemon.registrationCalls.waitFor(5)) << "the coroutine's sequence withdrew";
 }
 
+TEST_F(HubTest, OnAnInternalBuildDaemonLinesArePrintedAndLoggingIsAskedFor) {
+  ::setenv("CORVANE_INTERNAL_BUILD", "1", 1);  // NOLINT: before the connection's threads
+  PushingDaemon daemon(directory.path());
+  auto apps = ManagedAppLibrary::shared().managedApps();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ::testing::internal::CaptureStdout();
+  // The catalogue comes behind the other two in the batch, so once it is here they were handled.
+  daemon.push(fmt::format(
+      R"([{{"type": {{"connectionEstablished": {{}}}}}}, {{"type": {{"log": {{"log": "daemon says hi"}}}}}}, {}])",
+      catalogOf("Marker")));
+  EXPECT_EQ(describe(apps.next()), "Marker");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "daemon says hi\n");
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  const auto calls = daemon.calls();
+  EXPECT_EQ(boost::json::parse(calls.at(1).second).as_array().at(0),
+            boost::json::parse(R"([{"logging": {}}])"));
+}
+
+TEST_F(HubTest, ElsewhereDaemonLinesAndTheConnectionMessageAreIgnored) {
+  ::unsetenv("CORVANE_INTERNAL_BUILD");  // NOLINT
+  PushingDaemon daemon(directory.path());
+  auto apps = ManagedAppLibrary::shared().managedApps();
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ::testing::internal::CaptureStdout();
+  daemon.push(fmt::format(
+      R"([{{"type": {{"connectionEstablished": {{}}}}}}, {{"type": {{"log": {{"log": "quiet"}}}}}}, {}])",
+      catalogOf("Marker")));
+  EXPECT_EQ(describe(apps.next()), "Marker");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(daemon.calls().size(), 1U) << "no logging registration";
+}
+
 }  // namespace
 }  // namespace corvane::testing
