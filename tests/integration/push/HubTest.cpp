@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <future>
@@ -380,6 +381,41 @@ TEST_F(HubTest, ElsewhereDaemonLinesAndTheConnectionMessageAreIgnored) {
   EXPECT_EQ(describe(apps.next()), "Marker");
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(daemon.calls().size(), 1U) << "no logging registration";
+}
+
+TEST_F(HubTest, StreamsOpenedAndEndedWhileBatchesArriveLoseNothingAndKeepTheCountsRight) {
+  PushingDaemon daemon(directory.path());
+  auto keeper = ManagedAppLibrary::shared().progressUpdates();  // keeps progress registered
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  constexpr int rounds = 40;
+  std::atomic<bool> pushing{true};
+  std::thread pusher([&] {
+    for (int batches = 0; pushing && batches < 2000; ++batches) {
+      daemon.push(fmt::format("[{}, {}]", progressOf("dev.corvane.race", R"({"waiting": {}})"),
+                              catalogOf("Race")));
+    }
+  });
+  std::vector<std::thread> consumers;
+  for (int t = 0; t < 3; ++t) {
+    consumers.emplace_back([&, t] {
+      const auto app = appWithBundle(fmt::format("dev.corvane.race{}", t % 2));
+      for (int i = 0; i < rounds; ++i) {
+        auto progress = ManagedAppLibrary::shared().progressUpdates();
+        auto state = app.stateUpdates();
+        auto apps = ManagedAppLibrary::shared().managedApps();
+        if (i % 4 == 0) (void)apps.next();  // sometimes take a value before ending
+      }
+    });
+  }
+  for (auto& consumer : consumers) consumer.join();
+  pushing = false;
+  pusher.join();
+  // Every stream ended: only the keeper is left, and the per-app counts are back to zero.
+  const auto hub = TetherClient::shared().snapshot();
+  EXPECT_EQ(hub.progressListeners.size(), 1U);
+  EXPECT_TRUE(hub.catalogListeners.empty());
+  for (const auto& [bundle, count] : hub.subscriberCounts) EXPECT_EQ(count, 0) << bundle;
+  EXPECT_TRUE(keeper.next()) << "the remaining stream still gets values";
 }
 
 }  // namespace
