@@ -79,7 +79,7 @@ void TetherClient::registerLocked(const std::vector<MessageRegistration>& regist
   ServiceConnection::withAsyncService<None>(
       std::tuple(pending, clientID_),
       service::detail::Send<&ServiceProtocol::addMessageRegistrations>{},
-      [this, pending](std::exception_ptr failure) {
+      [this, pending](const std::exception_ptr& failure) {
         if (!failure) return;
         LogCategory::tether().error("Error registering for message: {}: {}", description(pending),
                                     errorText(failure));
