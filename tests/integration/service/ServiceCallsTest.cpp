@@ -211,6 +211,14 @@ Outcome<Value> run(Form form, Start start, Sync sync) {
   return outcome;
 }
 
+/// The declaration keys, asked for in one form.
+Outcome<std::vector<std::string>> askForKeys(Form form) {
+  const DDMDeclarationKeysRequest keys;
+  return run<std::vector<std::string>>(
+      form, [&](auto&& token) { return keys.perform(std::forward<decltype(token)>(token)); },
+      [&] { return keys.performSynchronously(); });
+}
+
 /// One operation as a caller starts it: how to start it in each form and what the daemon must
 /// receive.
 struct Operation {
@@ -393,10 +401,7 @@ TEST_P(ServiceCallsTest, ValuesComeBackDecoded) {
                      "state": "queued", "reasons": [], "name": "Two"},
                     {"bundleID": "b1", "declarationIdentifier": "d1", "declarationKey": "k1",
                      "state": "managed", "reasons": [], "name": "One"}]}}])");
-  const DDMDeclarationKeysRequest keys;
-  const auto gotKeys = run<std::vector<std::string>>(
-      GetParam(), [&](auto&& token) { return keys.perform(std::forward<decltype(token)>(token)); },
-      [&] { return keys.performSynchronously(); });
+  const auto gotKeys = askForKeys(GetParam());
   ASSERT_TRUE(gotKeys.value) << gotKeys.error().what();
   EXPECT_EQ(*gotKeys.value, (std::vector<std::string>{"K1", "K2"}));
 
@@ -434,10 +439,7 @@ TEST_P(ServiceCallsTest, AnUndecodableReplyIsUnrecoverableAndLoggedOnce) {
   FakeDaemon daemon(directory.path());
   daemon.script(ServiceProtocol::Selectors::currentDeclarationKeys.name,
                 R"([{"success": {"_0": ["K1", 2]}}])");
-  const DDMDeclarationKeysRequest keys;
-  const auto outcome = run<std::vector<std::string>>(
-      GetParam(), [&](auto&& token) { return keys.perform(std::forward<decltype(token)>(token)); },
-      [&] { return keys.performSynchronously(); });
+  const auto outcome = askForKeys(GetParam());
   ASSERT_TRUE(outcome.failure);
   EXPECT_EQ(outcome.error().error(), CorvaneError::unrecoverableError);
   EXPECT_NE(std::string(outcome.error().what())
@@ -471,10 +473,7 @@ TEST_P(ServiceCallsTest, SwitchedOffEveryOperationFailsAndNothingIsSent) {
 }
 
 TEST_P(ServiceCallsTest, WithoutADaemonTheErrorNamesTheSocket) {
-  const DDMDeclarationKeysRequest keys;
-  const auto outcome = run<std::vector<std::string>>(
-      GetParam(), [&](auto&& token) { return keys.perform(std::forward<decltype(token)>(token)); },
-      [&] { return keys.performSynchronously(); });
+  const auto outcome = askForKeys(GetParam());
   ASSERT_TRUE(outcome.failure);
   EXPECT_EQ(outcome.error().error(), CorvaneError::unrecoverableError);
   const auto socket = (directory.path() / agentServiceName).native();
