@@ -423,11 +423,7 @@ TEST_P(ServiceCallsTest, TheDaemonsFailuresArriveUnchanged) {
                     CorvaneError::deviceNotManaged, CorvaneError::unsupportedPlatform}) {
     daemon.script(ServiceProtocol::Selectors::currentDeclarationKeys.name,
                   fmt::format(R"([{{"failure": {{"_0": {{"{}": {{}}}}}}}}])", caseName(kind)));
-    const DDMDeclarationKeysRequest keys;
-    const auto outcome = run<std::vector<std::string>>(
-        GetParam(),
-        [&](auto&& token) { return keys.perform(std::forward<decltype(token)>(token)); },
-        [&] { return keys.performSynchronously(); });
+    const auto outcome = askForKeys(GetParam());
     ASSERT_TRUE(outcome.failure) << caseName(kind);
     EXPECT_EQ(outcome.error().error(), kind);
     EXPECT_EQ(outcome.error().cause(), "") << "the daemon's error carries no local cause";
