@@ -56,8 +56,9 @@ class ProxyTarget;
 /// on the calling thread; it may be used from inside a delivery callback.
 ///
 /// Copyable and cheap (it shares its connection and error handler); usable from any number of
-/// threads at once. A default-constructed proxy fails every call with `invalidated`. Calls throw
-/// only what an outcome run on the calling thread throws (synchronous proxies).
+/// threads at once. A default-constructed proxy fails every call with `invalidated`, at once on the
+/// calling thread (it has no executor to defer to). Calls throw only what an outcome run on the
+/// calling thread throws (synchronous proxies, default-constructed ones).
 class RemoteProxy {
  public:
   RemoteProxy() = default;
