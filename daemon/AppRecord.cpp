@@ -1,0 +1,81 @@
+#include "AppRecord.hpp"
+
+#include <array>
+#include <utility>
+
+namespace corvane::sim {
+
+namespace {
+constexpr std::array<std::pair<Phase, std::string_view>, 6> phaseNames{{
+    {Phase::optional, "optional"},
+    {Phase::waiting, "waiting"},
+    {Phase::downloading, "downloading"},
+    {Phase::installing, "installing"},
+    {Phase::managed, "managed"},
+    {Phase::failed, "failed"},
+}};
+}  // namespace
+
+std::string_view toString(Phase phase) noexcept {
+  for (const auto& [value, name] : phaseNames)
+    if (value == phase) return name;
+  return "optional";
+}
+
+std::optional<Phase> phaseFromString(std::string_view text) noexcept {
+  for (const auto& [value, name] : phaseNames)
+    if (name == text) return value;
+  return std::nullopt;
+}
+
+AppState AppRecord::appState() const {
+  switch (phase) {
+    case Phase::waiting:
+      return AppState::waiting();
+    case Phase::downloading:
+      return AppState::downloading(progress);
+    case Phase::installing:
+      return AppState::installing(progress);
+    case Phase::managed:
+      return AppState::managed();
+    case Phase::optional:
+    case Phase::failed:
+      break;
+  }
+  // Not on the device: it can be obtained.
+  return AppState::available(AppState::Availability::available);
+}
+
+ManagedAppStatus AppRecord::status() const {
+  ManagedAppStatus status;
+  status.bundleID = bundleID;
+  status.declarationIdentifier = declarationIdentifier;
+  status.declarationKey = declarationKey;
+  status.name = name;
+  status.reasons = reasons;
+  switch (phase) {
+    case Phase::optional:
+      status.state = ManagedAppStatus::State::optional;
+      break;
+    case Phase::waiting:
+      status.state = ManagedAppStatus::State::queued;
+      break;
+    case Phase::downloading:
+      status.state = ManagedAppStatus::State::downloading;
+      break;
+    case Phase::installing:
+      status.state = ManagedAppStatus::State::installing;
+      break;
+    case Phase::managed:
+      status.state = ManagedAppStatus::State::managed;
+      status.installedVersionInfo =
+          ManagedAppStatus::InstalledVersionInfo{versionID, version, version};
+      break;
+    case Phase::failed:
+      status.state = ManagedAppStatus::State::failed;
+      break;
+  }
+  return status;
+}
+
+}  // namespace corvane::sim

@@ -1,0 +1,92 @@
+#pragma once
+
+#include "AppRecord.hpp"
+
+#include <corvane/model/ManagedAppStatus.hpp>
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvane::sim {
+
+/// How the simulated installs go.
+struct EngineSettings {
+  /// Ticks a download takes (its progress moves by 1/downloadSteps a tick).
+  int downloadSteps = 5;
+  /// Ticks an installation takes once downloaded.
+  int installSteps = 2;
+  /// Installs that download or install at the same time; the rest wait.
+  std::size_t parallelInstalls = 2;
+  /// Apps whose install fails on purpose, with the reason reported. downloadFailed fails at the
+  /// end of the download, every other reason at the end of the installation.
+  std::map<std::string, ManagedAppStatus::Reason, std::less<>> failures;
+};
+
+/// The simulated install engine: a state machine over the apps the daemon looks after, stepped
+/// by `tick()` and by the daemon's requests. It knows no clock, socket or database: the daemon
+/// ticks it on a timer (tests tick it by hand) and takes the changes to store and publish.
+///
+///   optional --install--> waiting --tick--> downloading(0 .. 1) --> installing(0 .. 1) --> managed
+///   failed <-- (a failure on purpose, or an app the catalogue does not know)
+///   waiting/downloading/installing --cancel--> optional
+///
+/// Not thread-safe: one owner drives it.
+class Engine {
+ public:
+  /// One change to one app, in the order they happened.
+  struct Change {
+    AppRecord record;
+    bool removed = false;
+    /// The phase moved (not only the progress within it): worth storing.
+    bool phaseChanged = false;
+  };
+
+  explicit Engine(EngineSettings settings = {});
+
+  /// Starts looking after `record`, or replaces the identity (declaration, name, version) of the
+  /// app with its bundle identifier while keeping where its install stands.
+  void put(AppRecord record);
+  /// Queues the install of an app it looks after that is optional, failed or removed. False when
+  /// unknown, already under way, or managed.
+  bool install(std::string_view bundleID);
+  /// Stops an install that waits, downloads or installs: the app becomes optional again. False
+  /// otherwise.
+  bool cancel(std::string_view bundleID);
+  /// Takes the app off the device (stopping an install under way) while still looking after it:
+  /// it becomes optional. False when unknown or already optional.
+  bool uninstall(std::string_view bundleID);
+  /// Stops looking after the app (stopping its install); false when unknown.
+  bool remove(std::string_view bundleID);
+  /// Puts the app into `failed` with `reason`; false when unknown.
+  bool fail(std::string_view bundleID, ManagedAppStatus::Reason reason);
+  /// Forgets past failures: every failed app becomes optional, its reasons cleared. Returns how
+  /// many there were.
+  std::size_t clearFailures();
+
+  /// One step of the clock.
+  void tick();
+  /// Whether any install waits, downloads or installs (the clock has something to do).
+  [[nodiscard]] bool busy() const noexcept;
+
+  [[nodiscard]] const AppRecord* find(std::string_view bundleID) const;
+  /// Every app, by bundle identifier.
+  [[nodiscard]] std::vector<AppRecord> records() const;
+  /// The changes since the last call, oldest first.
+  [[nodiscard]] std::vector<Change> takeChanges();
+
+ private:
+  AppRecord* findMutable(std::string_view bundleID);
+  void changed(const AppRecord& record, bool phaseChanged);
+  void finishStep(AppRecord& record);
+
+  EngineSettings settings_;
+  std::map<std::string, AppRecord, std::less<>> apps_;
+  std::vector<std::string> queue_;  // waiting apps, oldest first
+  std::vector<Change> changes_;
+};
+
+}  // namespace corvane::sim

@@ -1,0 +1,61 @@
+// corvaned-sim: the reference daemon. Parses its options, loads the catalogue, opens its state,
+// serves until SIGTERM (or, under socket activation, until it has been idle long enough).
+
+#include "Catalog.hpp"
+#include "Daemon.hpp"
+#include "Options.hpp"
+
+#include <corvane/platform/Log.hpp>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <fmt/format.h>
+#include <systemd/sd-daemon.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <system_error>
+#include <variant>
+
+int main(int argc, char** argv) {
+  using namespace corvane::sim;
+  const auto parsed = parseOptions(argc, argv);
+  if (const int* status = std::get_if<int>(&parsed)) return *status;
+  const Options& options = std::get<Options>(parsed);
+  if (options.verbose) corvane::platform::Log::setThreshold(corvane::platform::LogLevel::info);
+
+  std::optional<Catalog> catalog;
+  try {
+    catalog = options.catalogFile.empty() ? Catalog::sample() : Catalog::load(options.catalogFile);
+  } catch (const CatalogError& error) {
+    fmt::print(stderr, "corvaned-sim: {}\n", error.what());
+    return 2;
+  }
+
+  try {
+    boost::asio::io_context io(1);
+    Daemon daemon(io, options, std::move(*catalog));
+    boost::asio::signal_set signals(io, SIGTERM, SIGINT);
+    signals.async_wait([&](const boost::system::error_code& error, int) {
+      if (error) return;
+      sd_notify(0, "STOPPING=1");
+      daemon.stop();
+    });
+    daemon.start();
+    fmt::print("corvaned-sim: listening on {}\n", daemon.socketPath().native());
+    std::fflush(stdout);
+    sd_notify(0, "READY=1");
+    io.run();
+    // Stopped without a signal (idle under socket activation): let the signal set go too.
+    signals.cancel();
+    return 0;
+  } catch (const StoreError& error) {
+    fmt::print(stderr, "corvaned-sim: the state cannot be used: {}\n", error.what());
+  } catch (const std::system_error& error) {
+    fmt::print(stderr, "corvaned-sim: cannot serve: {}\n", error.what());
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "corvaned-sim: {}\n", error.what());
+  }
+  return 1;
+}
