@@ -34,6 +34,7 @@
 #include <set>
 #include <sstream>
 #include <unistd.h>
+#include <utility>
 
 namespace corvane::sim {
 
@@ -211,6 +212,7 @@ void Daemon::stop() {
   idleTimer_.cancel();
   if (listener_) listener_->invalidate();
   clients_.clear();
+  if (stoppedHandler_) std::exchange(stoppedHandler_, nullptr)();
 }
 
 const std::filesystem::path& Daemon::socketPath() const {

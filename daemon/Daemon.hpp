@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -51,6 +52,10 @@ class Daemon {
   /// Stops accepting, closes every connection and cancels the timers, so that the io_context
   /// runs out of work. Idempotent; call it on the io_context's thread.
   void stop();
+
+  /// Runs `handler` (on the io_context) once the daemon stops, whoever stopped it: the owner
+  /// releases what else keeps the io_context busy (its signal set).
+  void whenStopped(std::function<void()> handler) { stoppedHandler_ = std::move(handler); }
 
   [[nodiscard]] const std::filesystem::path& socketPath() const;
   [[nodiscard]] bool isActivated() const;
@@ -117,6 +122,7 @@ class Daemon {
   std::optional<unsigned> allowedGroup_;
   std::unique_ptr<ipc::Listener> listener_;
   bool stopped_ = false;
+  std::function<void()> stoppedHandler_;
 };
 
 }  // namespace corvane::sim

@@ -42,13 +42,12 @@ int main(int argc, char** argv) {
       sd_notify(0, "STOPPING=1");
       daemon.stop();
     });
+    daemon.whenStopped([&] { signals.cancel(); });
     daemon.start();
     fmt::print("corvaned-sim: listening on {}\n", daemon.socketPath().native());
     std::fflush(stdout);
     sd_notify(0, "READY=1");
     io.run();
-    // Stopped without a signal (idle under socket activation): let the signal set go too.
-    signals.cancel();
     return 0;
   } catch (const StoreError& error) {
     fmt::print(stderr, "corvaned-sim: the state cannot be used: {}\n", error.what());

@@ -21,7 +21,9 @@
 #include <grp.h>
 #include <mutex>
 #include <set>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
 
 namespace corvane::testing {
@@ -318,6 +320,59 @@ TEST_F(Daemon, AMalformedArgumentGetsAFailureAndTheDaemonKeepsServing) {
   }
   // A call of the wrong shape is refused by the connection itself; the daemon still serves.
   EXPECT_TRUE(DDMDeclarationKeysRequest{}.performSynchronously().empty());
+  EXPECT_TRUE(daemon_->process().running());
+}
+
+TEST_F(Daemon, UnderSocketActivationItServesAndExitsWhenIdle) {
+  if (::access("/usr/bin/systemd-socket-activate", X_OK) != 0)
+    GTEST_SKIP() << "systemd-socket-activate is missing";
+  const auto socket = runtime_.path() / std::string(agentServiceName);
+  // The activator binds the socket and starts the daemon on the first connection, handing the
+  // listening socket over as descriptor 3.
+  Process activator({"systemd-socket-activate", "-l", socket.native(), DaemonProcess::binary(),
+                     "--runtime-dir", runtime_.path().native(), "--idle-exit", "1"});
+  ASSERT_TRUE(activator.waitForError("Listening on")) << activator.err();
+  Process probe({CORVANE_PROBE_PATH, "keys"}, {{"CORVANE_RUNTIME_DIR", runtime_.path().native()}});
+  EXPECT_EQ(probe.wait(), 0) << probe.out() << probe.err();
+  EXPECT_EQ(probe.out(), "ok 0\n");
+  // With its only client gone and nothing installing, it exits by itself, cleanly.
+  EXPECT_EQ(activator.wait(), 0) << activator.err();
+  EXPECT_TRUE(activator.out().contains("listening on " + socket.native())) << activator.out();
+}
+
+TEST_F(Daemon, AClientThatStopsReadingItsPushesIsCutOffAlone) {
+  start();
+  for (int i = 0; i < 12; ++i)
+    declare(fmt::format("D{}", i), StoreAppIdentifier::itemID(notesItem + i),
+            InstallTimingEnum::onDemand);
+  // A raw client registers for the catalogue and then never reads another byte.
+  const Fd stalled(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const auto path = daemon_->socketPath().native();
+  std::copy(path.begin(), path.end(), static_cast<char*>(address.sun_path));
+  ASSERT_EQ(::connect(stalled.get(), reinterpret_cast<const sockaddr*>(&address),  // NOLINT
+                      sizeof(address)),
+            0);
+  std::vector<std::byte> out = ipc::encodeFrame(
+      ipc::Frame{ipc::FrameKind::hello, 0, {}, Bytes(std::string(ipc::helloPayload))});
+  const auto call = ipc::encodeFrame(ipc::Frame{
+      ipc::FrameKind::call, 1,
+      std::string(ServiceProtocol::Selectors::addMessageRegistrations.name),
+      Bytes(std::string(R"([[{"appCatalog": {}}], "0F5C3C57-7E09-4F4B-9B0C-2E1D7C6A9B11"])"))});
+  out.insert(out.end(), call.begin(), call.end());
+  ASSERT_EQ(::write(stalled.get(), out.data(), out.size()), static_cast<ssize_t>(out.size()));
+
+  // Each poll pushes the whole catalogue (a dozen entries) to it, until its unread queue passes
+  // the daemon's bound and the daemon closes it.
+  const std::string closed = fmt::format("Closed client connection (pid {})", ::getpid());
+  for (int i = 0; i < 2000 && !daemon_->process().err().contains(closed); ++i) {
+    DDMPollForUpdatesRequest{}.perform(asio::use_future).get();
+    daemon_->process().waitForError(closed, 0ms);
+  }
+  EXPECT_TRUE(daemon_->process().waitForError(closed)) << daemon_->process().err();
+  // Everyone else is still served.
+  EXPECT_EQ(DDMDeclarationKeysRequest{}.performSynchronously().size(), 12U);
   EXPECT_TRUE(daemon_->process().running());
 }
 
