@@ -1,0 +1,152 @@
+// Usage errors: status 2 and a message naming the mistake, before any daemon is asked.
+
+#include "e2e/cvnctl/CvnctlFixture.hpp"
+
+#include <gtest/gtest.h>
+
+namespace corvane::testing {
+namespace {
+
+TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
+  const auto notJson = writeFile("not-json.txt", "{\"declarationKey\": ");
+  const auto badTiming = writeFile(
+      "bad-timing.json", declarationJson("D1", 1, "immediately")
+                             .replace(declarationJson("D1", 1).find("immediately"), 11, "later"));
+  const auto missingKey = writeFile("missing-key.json", R"({"declarationIdentifier": "D1"})");
+  struct Row {
+    std::vector<std::string> arguments;
+    std::string message;  // a part of what standard error says
+  };
+  const std::vector<Row> rows = {
+      {{}, "A subcommand is required"},
+      {{"frobnicate"}, "unknown command \"frobnicate\""},
+      {{"--json", "frobnicate"}, "\"error\":\"usageError\""},
+      {{"remove"}, "DECLARATION_ID is required"},
+      {{"remove", ""}, "DECLARATION_ID must not be empty"},
+      {{"vpp-install", "--type", "1"}, "vpp-install needs --item N or --bundle ID"},
+      {{"vpp-install", "--item", "12x", "--type", "1"}, "12x"},
+      {{"vpp-install", "--item", "1", "--type", "4"}, "--type"},
+      {{"vpp-install", "--item", "1", "--bundle", "b", "--type", "1"}, "excludes"},
+      {{"vpp-install", "--item", "1"}, "--type is required"},
+      {{"vpp-install", "--item", "1", "--type", "1", "--account", "-5"}, "-5"},
+      {{"enterprise-install", "not a url"}, "MANIFEST_URL \"not a url\" is not an absolute URL"},
+      {{"--timeout", "0", "keys"}, "--timeout"},
+      {{"--timeout", "soon", "keys"}, "soon"},
+      {{"add", "/nonexistent/declaration.json"}, "cannot read /nonexistent/declaration.json"},
+      {{"add", "/"}, "cannot read /: it is a directory"},
+      {{"add", notJson}, "is not a JSON document"},
+      {{"add", badTiming},
+       "is not a managed-app declaration: typeMismatch at "
+       "installBehavior.installTiming"},
+      {{"add", missingKey}, "is not a managed-app declaration: keyNotFound at the top level"},
+      {{"install", "D1", "extra"}, "extra"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(fmt::format("{}", fmt::join(row.arguments, " ")));
+    const auto result = run(row.arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_TRUE(result.err.contains(row.message)) << result.err;
+  }
+}
+
+TEST_F(CvnctlTest, UsageErrorsInJsonNameTheCodingPath) {
+  const auto badTiming = writeFile("bad.json", R"({"declarationKey": "K",
+      "declarationIdentifier": "I", "managementScope": {"user": {}},
+      "installBehavior": {"installTiming": {"sometime": {}}, "isAccountPromptAllowed": false,
+        "purchaseMethod": {"manifest": {"_0": "https://corvane.dev/m.plist"}}},
+      "backupBehavior": {"backupAppData": false}, "updateBehavior": {"automaticallyUpdate": {}},
+      "platform": 1})");
+  const auto decoding = run({"--json", "add", badTiming});
+  EXPECT_EQ(decoding.status, 2);
+  EXPECT_EQ(decoding.out, "");
+  auto errors = jsonLines(decoding.err);
+  ASSERT_EQ(errors.size(), 1U) << decoding.err;
+  EXPECT_EQ(errors[0].at("error"), "usageError");
+  EXPECT_EQ(errors[0].at("path"), "installBehavior.installTiming");
+
+  // A command line CLI11 refuses is reported in JSON too when --json was asked for.
+  const auto parse = run({"--json", "vpp-install", "--type", "9", "--item", "1"});
+  EXPECT_EQ(parse.status, 2);
+  errors = jsonLines(parse.err);
+  ASSERT_EQ(errors.size(), 1U) << parse.err;
+  EXPECT_EQ(errors[0].at("error"), "usageError");
+}
+
+TEST_F(CvnctlTest, HelpListsEveryCommandAndTheExitStatuses) {
+  const auto help = run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const auto* word : {"keys", "status", "add", "remove", "reset-history", "poll",
+                           "vpp-install", "enterprise-install", "launch", "install", "cancel",
+                           "catalog", "progress", "state", "Exit status:", "2  usage error"}) {
+    EXPECT_TRUE(help.out.contains(word)) << word;
+  }
+}
+
+}  // namespace
+}  // namespace corvane::testing
+
+namespace corvane::testing {
+namespace {
+
+/// The completions bash offers for `words` (the last one being completed), with the two
+/// bash-completion helpers the script uses stood in for.
+std::vector<std::string> complete(const std::vector<std::string>& words) {
+  std::vector<std::string> argv{
+      "bash", "-c",
+      R"(_init_completion() { cur=${COMP_WORDS[COMP_CWORD]}; prev=${COMP_WORDS[COMP_CWORD-1]};
+           words=("${COMP_WORDS[@]}"); cword=$COMP_CWORD; }
+         _filedir() { COMPREPLY=(FILE); }
+         source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cvnctl
+         printf '%s\n' "${COMPREPLY[@]}")",
+      CVNCTL_COMPLETION_PATH};
+  argv.insert(argv.end(), words.begin(), words.end());
+  Process bash(argv);
+  bash.closeStdin();
+  EXPECT_EQ(bash.wait(), 0) << bash.err();
+  return linesOf(bash.out());
+}
+
+TEST(CvnctlCompletion, CompletesCommandsAndTheirOptions) {
+  using Words = std::vector<std::string>;
+  struct Row {
+    Words words;
+    Words expected;
+  };
+  const std::vector<Row> rows = {
+      {{"cvnctl", "re"}, {"remove", "reset-history"}},
+      {{"cvnctl", "--json", "ins"}, {"install"}},
+      {{"cvnctl", "--runtime-dir", "/tmp", "state", "--w"}, {"--watch"}},
+      {{"cvnctl", "vpp-install", "--i"}, {"--item"}},
+      {{"cvnctl", "vpp-install", "--type", ""}, {"1", "2", "3"}},
+      {{"cvnctl", "add", "--w"}, {"--wait"}},
+      {{"cvnctl", "add", ""}, {"FILE", "-"}},
+      {{"cvnctl", "--ti"}, {"--timeout"}},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(complete(row.words), row.expected) << fmt::format("{}", fmt::join(row.words, " "));
+  }
+}
+
+TEST(CvnctlCompletion, OffersEveryCommandTheToolHas) {
+  Process help({CVNCTL_PATH, "--help"});
+  help.closeStdin();
+  ASSERT_EQ(help.wait(), 0);
+  // CLI11 lists the subcommands under "Subcommands:", one per line, name first.
+  const auto& out = help.out();
+  const auto start = out.find("Subcommands:");
+  ASSERT_NE(start, std::string::npos) << out;
+  std::vector<std::string> fromHelp;
+  for (const auto& line : linesOf(std::string_view(out).substr(start + 12))) {
+    if (!line.starts_with("  ")) break;
+    const auto name = line.substr(2, line.find(' ', 2) - 2);
+    if (!name.empty()) fromHelp.push_back(name);
+  }
+  auto offered = complete({"cvnctl", ""});
+  std::sort(fromHelp.begin(), fromHelp.end());
+  std::sort(offered.begin(), offered.end());
+  EXPECT_EQ(offered, fromHelp);
+}
+
+}  // namespace
+}  // namespace corvane::testing

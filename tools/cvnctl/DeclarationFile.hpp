@@ -1,0 +1,19 @@
+#pragma once
+
+#include <corvane/requests/ManagedAppDeclaration.hpp>
+
+#include <istream>
+#include <string>
+
+namespace cvnctl {
+
+/// Reads a `ManagedAppDeclaration` in its coded JSON form from the file `path`, or from standard
+/// input for "-". Throws `UsageError` for a file that cannot be read, a text that is not one JSON
+/// document, or a document that does not decode (naming the coding path and what is wrong).
+[[nodiscard]] corvane::ManagedAppDeclaration readDeclaration(const std::string& path);
+
+/// The same, from a text already read; `origin` names it in messages.
+[[nodiscard]] corvane::ManagedAppDeclaration decodeDeclaration(const std::string& text,
+                                                               const std::string& origin);
+
+}  // namespace cvnctl
