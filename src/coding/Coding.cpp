@@ -1,3 +1,5 @@
+#include "coding/ParserSupport.hpp"
+
 #include <corvane/coding/Coding.hpp>
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/coding/TetherEncoder.hpp>
@@ -6,8 +8,6 @@
 #include <boost/json/serializer.hpp>
 #include <boost/json/value_stack.hpp>
 #include <fmt/format.h>
-
-#include <charconv>
 
 namespace corvane::coding::detail {
 namespace {
@@ -32,14 +32,8 @@ std::string_view kindName(const boost::json::value& v) noexcept {
   return "an unknown value";
 }
 
-// Deep enough for every document of the protocol (recursive app states included), shallow enough
-// that decoding recursion can never exhaust a thread's stack.
-constexpr std::size_t maxDocumentDepth = 128;
-
-// Builds a document like boost::json::parser does, except that floating-point numbers are
-// converted from their text by std::from_chars: Boost.JSON 1.81's own conversion is not always
-// correctly rounded (8.888888888888889E40 comes out one unit in the last place off), which would
-// change values on their way through the connection.
+// Builds a document like boost::json::parser does, except that floating-point numbers are read
+// by `NumberText`.
 class DocumentBuilder {
  public:
   static constexpr std::size_t max_object_size = boost::json::object::max_size();
@@ -97,13 +91,7 @@ class DocumentBuilder {
     return true;
   }
   bool on_double(double d, std::string_view s, boost::system::error_code& /*ec*/) {
-    number_.append(s);
-    double exact = 0;
-    const auto [end, ec] = std::from_chars(number_.data(), number_.data() + number_.size(), exact);
-    // Out of range keeps the parser's answer (an infinity or zero), which decoding rejects or
-    // accepts like any other value.
-    stack_.push_double(ec == std::errc() && end == number_.data() + number_.size() ? exact : d);
-    number_.clear();
+    stack_.push_double(number_.finish(s, d));
     return true;
   }
   bool on_bool(bool b, boost::system::error_code& /*ec*/) {
@@ -120,7 +108,7 @@ class DocumentBuilder {
  private:
   boost::json::storage_ptr storage_;  // where the document's values live
   boost::json::value_stack stack_;    // scratch space while building
-  std::string number_;
+  NumberText number_;
 };
 
 }  // namespace
@@ -129,9 +117,8 @@ class DocumentBuilder {
 namespace corvane::coding {
 
 boost::json::value parseDocument(std::string_view text, boost::json::storage_ptr storage) {
-  boost::json::parse_options options;
-  options.max_depth = detail::maxDocumentDepth;
-  boost::json::basic_parser<detail::DocumentBuilder> parser(options, std::move(storage));
+  boost::json::basic_parser<detail::DocumentBuilder> parser(detail::documentParseOptions(),
+                                                            std::move(storage));
   boost::system::error_code ec;
   const std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
   if (!ec && used != text.size()) ec = boost::json::error::extra_data;
@@ -263,12 +250,15 @@ Bytes serialize(const boost::json::value& envelope) {
   return Bytes(std::move(out));
 }
 
-const boost::json::array& parseEnvelope(std::span<const std::byte> buffer,
-                                        boost::json::value& document,
-                                        boost::json::storage_ptr storage, std::size_t expected) {
-  const std::string_view text(reinterpret_cast<const char*>(buffer.data()),  // NOLINT: byte view
-                              buffer.size());
-  document = parseDocument(text, std::move(storage));
+namespace {
+std::string_view textOf(std::span<const std::byte> buffer) noexcept {
+  return {reinterpret_cast<const char*>(buffer.data()), buffer.size()};  // NOLINT: byte view
+}
+}  // namespace
+
+boost::json::value parseEnvelope(std::span<const std::byte> buffer,
+                                 boost::json::storage_ptr storage, std::size_t expected) {
+  boost::json::value document = parseDocument(textOf(buffer), std::move(storage));
   const CodingPath root;
   const auto& list = expectArray(document, root);
   if (list.size() < expected) {
@@ -276,7 +266,12 @@ const boost::json::array& parseEnvelope(std::span<const std::byte> buffer,
     throwError(CodingError::Kind::valueNotFound, missing,
                fmt::format("Expected {} values but the list holds {}.", expected, list.size()));
   }
-  return list;
+  return document;
+}
+
+bool readEnvelope(std::span<const std::byte> buffer, Tape& tape, std::size_t expected) {
+  return tape.parse(textOf(buffer)) && tape[0].kind == Tape::Kind::array
+         && tape[0].size >= expected;
 }
 
 }  // namespace corvane::coding::detail

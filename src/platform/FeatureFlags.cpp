@@ -3,18 +3,24 @@
 
 #include <boost/json/parse.hpp>
 
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace corvane::platform {
 namespace {
+
+constexpr const char* defaultConfigPath = "/etc/corvane/features.json";
 
 std::optional<bool> parseSwitch(std::string_view text) noexcept {
   for (auto on : {"1", "on", "true", "yes"}) {
@@ -26,47 +32,55 @@ std::optional<bool> parseSwitch(std::string_view text) noexcept {
   return std::nullopt;
 }
 
-std::string environmentName(std::string_view domain, std::string_view feature) {
-  std::string name = "CORVANE_FEATURE_";
+// CORVANE_FEATURE_<DOMAIN>_<FEATURE> as a C string: in `small` when it fits (so a query allocates
+// nothing), else in `large`.
+const char* environmentName(std::string_view domain, std::string_view feature,
+                            std::span<char> small, std::string& large) {
+  constexpr std::string_view prefix = "CORVANE_FEATURE_";
+  const std::size_t size = prefix.size() + domain.size() + 1 + feature.size();
+  char* const begin = size < small.size() ? small.data() : (large.resize(size), large.data());
+  char* end = std::ranges::copy(prefix, begin).out;
   auto append = [&](std::string_view part) {
     for (const char c : part) {
-      name += std::isalnum(static_cast<unsigned char>(c)) != 0
-                  ? static_cast<char>(std::toupper(static_cast<unsigned char>(c)))
-                  : '_';
+      *end++ = std::isalnum(static_cast<unsigned char>(c)) != 0
+                   ? static_cast<char>(std::toupper(static_cast<unsigned char>(c)))
+                   : '_';
     }
   };
   append(domain);
-  name += '_';
+  *end++ = '_';
   append(feature);
-  return name;
+  *end = '\0';
+  return begin;
 }
 
 // The parsed configuration file, refreshed when the file's identity changes.
 class FileCache {
  public:
-  std::optional<bool> lookup(const std::string& path, std::string_view domain,
-                             std::string_view feature) {
+  std::optional<bool> lookup(const char* path, std::string_view domain, std::string_view feature) {
     struct stat info {};
-    const bool exists = ::stat(path.c_str(), &info) == 0;
+    const bool exists = ::stat(path, &info) == 0;
     const std::lock_guard fileCache(mutex_);
     if (!exists) {
       flags_.clear();
       stamp_.reset();
       return std::nullopt;
     }
-    const Stamp stamp{path, info.st_mtim.tv_sec, info.st_mtim.tv_nsec, info.st_size, info.st_ino};
-    if (!stamp_ || !(*stamp_ == stamp)) {
-      reload(path);
+    const Stamp stamp{info.st_mtim.tv_sec, info.st_mtim.tv_nsec, info.st_size, info.st_ino};
+    if (!stamp_ || !(*stamp_ == stamp) || path_ != path) {
+      path_ = path;
+      reload();
       stamp_ = stamp;
     }
-    const auto it = flags_.find(std::string(domain) + '\n' + std::string(feature));
-    if (it == flags_.end()) return std::nullopt;
+    const auto features = flags_.find(domain);
+    if (features == flags_.end()) return std::nullopt;
+    const auto it = features->second.find(feature);
+    if (it == features->second.end()) return std::nullopt;
     return it->second;
   }
 
  private:
   struct Stamp {
-    std::string path;
     long seconds;
     long nanoseconds;
     off_t size;
@@ -74,15 +88,15 @@ class FileCache {
     bool operator==(const Stamp&) const = default;
   };
 
-  void reload(const std::string& path) {
+  void reload() {
     flags_.clear();
-    std::ifstream file(path);
+    std::ifstream file(path_);
     std::stringstream text;
     text << file.rdbuf();
     boost::system::error_code ec;
     const auto document = boost::json::parse(text.str(), ec);
     if (ec || !document.is_object()) {
-      LogCategory::general().error("Ignoring malformed feature-flag file {}: {}", path,
+      LogCategory::general().error("Ignoring malformed feature-flag file {}: {}", path_,
                                    ec ? ec.message() : "top level is not an object");
       return;
     }
@@ -90,7 +104,7 @@ class FileCache {
       if (!domain.value().is_object()) continue;
       for (const auto& feature : domain.value().get_object()) {
         if (feature.value().is_bool()) {
-          flags_[std::string(domain.key()) + '\n' + std::string(feature.key())] =
+          flags_[std::string(domain.key())][std::string(feature.key())] =
               feature.value().get_bool();
         }
       }
@@ -98,26 +112,33 @@ class FileCache {
   }
 
   std::mutex mutex_;
+  std::string path_;  // the file that `stamp_` and `flags_` describe
   std::optional<Stamp> stamp_;
-  std::map<std::string, bool> flags_;
+  // Domain, then feature; looked up by views, without building a key.
+  std::map<std::string, std::map<std::string, bool, std::less<>>, std::less<>> flags_;
 };
 
 }  // namespace
 
 std::filesystem::path FeatureFlags::configPath() {
   const char* path = std::getenv("CORVANE_FEATURES_FILE");  // NOLINT(concurrency-mt-unsafe)
-  return path != nullptr ? std::filesystem::path(path)
-                         : std::filesystem::path("/etc/corvane/features.json");
+  return path != nullptr ? std::filesystem::path(path) : std::filesystem::path(defaultConfigPath);
 }
 
 bool FeatureFlags::isEnabled(std::string_view domain, std::string_view feature) noexcept {
   try {
-    const std::string name = environmentName(domain, feature);
-    if (const char* value = std::getenv(name.c_str())) {  // NOLINT(concurrency-mt-unsafe)
+    std::array<char, 128> small;  // NOLINT(cppcoreguidelines-pro-type-member-init): written first
+    std::string large;
+    const char* name = environmentName(domain, feature, small, large);
+    if (const char* value = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
       if (auto answer = parseSwitch(value)) return *answer;
     }
+    // As configPath(), without building a path on every query.
+    const char* path = std::getenv("CORVANE_FEATURES_FILE");  // NOLINT(concurrency-mt-unsafe)
     static FileCache cache;
-    if (auto answer = cache.lookup(configPath().string(), domain, feature)) return *answer;
+    if (auto answer = cache.lookup(path != nullptr ? path : defaultConfigPath, domain, feature)) {
+      return *answer;
+    }
   } catch (...) {
     // An unreadable configuration leaves the default.
   }

@@ -118,6 +118,12 @@ concept DescribedEnum = std::is_enum_v<E> && boost::describe::has_describe_enume
 inline constexpr unsigned allMembers =
     boost::describe::mod_public | boost::describe::mod_protected | boost::describe::mod_private;
 
+/// The base of the coder's own `Coding<T>` specialisations below, which decoding straight from a
+/// document's text (see `TetherDecoder`) follows; a type with its own wire form is decoded
+/// through its `Coding<T>::decode`.
+template <class T>
+struct GenericCodingOf {};
+
 }  // namespace detail
 
 /// True when the type's coding contributes no value at all (the field or element is skipped).
@@ -198,7 +204,7 @@ void decodeMembers(T& value, const boost::json::object& object, const CodingPath
 // ---- scalars ----
 
 template <>
-struct Coding<std::string> {
+struct Coding<std::string> : detail::GenericCodingOf<std::string> {
   static void encode(const std::string& value, boost::json::value& out) { out = value; }
   static std::string decode(const boost::json::value& in, const CodingPath& path) {
     if (!in.is_string()) detail::throwTypeMismatch("a string", in, path);
@@ -208,7 +214,7 @@ struct Coding<std::string> {
 };
 
 template <>
-struct Coding<bool> {
+struct Coding<bool> : detail::GenericCodingOf<bool> {
   static void encode(bool value, boost::json::value& out) { out = value; }
   static bool decode(const boost::json::value& in, const CodingPath& path) {
     if (!in.is_bool()) detail::throwTypeMismatch("a boolean", in, path);
@@ -217,7 +223,7 @@ struct Coding<bool> {
 };
 
 template <detail::Integer T>
-struct Coding<T> {
+struct Coding<T> : detail::GenericCodingOf<T> {
   static void encode(T value, boost::json::value& out) {
     if constexpr (std::is_signed_v<T>) {
       out = static_cast<std::int64_t>(value);
@@ -243,7 +249,7 @@ struct Coding<T> {
 };
 
 template <>
-struct Coding<double> {
+struct Coding<double> : detail::GenericCodingOf<double> {
   static void encode(double value, boost::json::value& out) { detail::encodeDouble(value, out); }
   static double decode(const boost::json::value& in, const CodingPath& path) {
     return detail::decodeDouble(in, path);
@@ -251,7 +257,7 @@ struct Coding<double> {
 };
 
 template <>
-struct Coding<None> {
+struct Coding<None> : detail::GenericCodingOf<None> {
   static void encode(None /*value*/, boost::json::value& out) { out = nullptr; }
   static None decode(const boost::json::value& in, const CodingPath& path) {
     if (!in.is_null()) detail::throwTypeMismatch("null", in, path);
@@ -262,7 +268,7 @@ struct Coding<None> {
 // ---- containers ----
 
 template <class T>
-struct Coding<std::optional<T>> {
+struct Coding<std::optional<T>> : detail::GenericCodingOf<std::optional<T>> {
   static void encode(const std::optional<T>& value, boost::json::value& out) {
     if (value) {
       coding::encode(*value, out);
@@ -277,7 +283,7 @@ struct Coding<std::optional<T>> {
 };
 
 template <class T>
-struct Coding<std::vector<T>> {
+struct Coding<std::vector<T>> : detail::GenericCodingOf<std::vector<T>> {
   static void encode(const std::vector<T>& values, boost::json::value& out) {
     auto& array = out.emplace_array();
     array.reserve(values.size());
@@ -298,7 +304,7 @@ struct Coding<std::vector<T>> {
 };
 
 template <class T>
-struct Coding<std::map<std::string, T>> {
+struct Coding<std::map<std::string, T>> : detail::GenericCodingOf<std::map<std::string, T>> {
   static void encode(const std::map<std::string, T>& values, boost::json::value& out) {
     auto& object = out.emplace_object();
     for (const auto& [key, value] : values) encodeField(object, key, value);
@@ -316,7 +322,7 @@ struct Coding<std::map<std::string, T>> {
 
 /// A boxed, immutable value (the payload of a recursive enumeration). Never null when encoded.
 template <class T>
-struct Coding<std::shared_ptr<const T>> {
+struct Coding<std::shared_ptr<const T>> : detail::GenericCodingOf<std::shared_ptr<const T>> {
   static void encode(const std::shared_ptr<const T>& value, boost::json::value& out) {
     if (!value) {
       throw CodingError(CodingError::Kind::invalidValue, "", "A boxed value is missing.");
@@ -331,7 +337,7 @@ struct Coding<std::shared_ptr<const T>> {
 // ---- described enums ----
 
 template <detail::DescribedEnum E>
-struct Coding<E> {
+struct Coding<E> : detail::GenericCodingOf<E> {
   static void encode(E value, boost::json::value& out) {
     if constexpr (enumCoding<E> == EnumCoding::integerRawValue) {
       out = static_cast<std::int64_t>(value);
@@ -382,7 +388,7 @@ struct Coding<E> {
 // ---- case-keyed enumerations with payloads ----
 
 template <CaseKeyed T>
-struct Coding<T> {
+struct Coding<T> : detail::GenericCodingOf<T> {
   using Cases = typename T::Cases;
 
   static void encode(const T& value, boost::json::value& out) {
@@ -429,7 +435,7 @@ concept DescribedRecord = Described<T> && std::is_class_v<T> && !CaseKeyed<T>;
 }  // namespace detail
 
 template <detail::DescribedRecord T>
-struct Coding<T> {
+struct Coding<T> : detail::GenericCodingOf<T> {
   static void encode(const T& value, boost::json::value& out) {
     encodeMembers(value, out.emplace_object());
   }

@@ -2,15 +2,19 @@
 
 #include <corvane/coding/Bytes.hpp>
 #include <corvane/coding/Coding.hpp>
+#include <corvane/coding/detail/Tape.hpp>
+#include <corvane/coding/detail/TapeReader.hpp>
 
 #include <boost/json/array.hpp>
 #include <boost/json/monotonic_resource.hpp>
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 namespace corvane {
@@ -24,11 +28,48 @@ namespace coding {
 }  // namespace coding
 
 namespace coding::detail {
-/// Parses a buffer into a document and checks that its top level is a list of at least
-/// `expected` elements. Throws `CodingError` otherwise.
-const boost::json::array& parseEnvelope(std::span<const std::byte> buffer,
-                                        boost::json::value& document,
-                                        boost::json::storage_ptr storage, std::size_t expected);
+/// Parses a buffer into a document (its values in `storage`) and checks that its top level is a
+/// list of at least `expected` elements. Throws `CodingError` otherwise.
+boost::json::value parseEnvelope(std::span<const std::byte> buffer,
+                                 boost::json::storage_ptr storage, std::size_t expected);
+/// Reads a buffer into `tape`; false unless it holds a document whose top level is a list of at
+/// least `expected` elements.
+bool readEnvelope(std::span<const std::byte> buffer, Tape& tape, std::size_t expected);
+
+/// Decodes the values through a tree of values, whose errors say what is wrong and where.
+template <class... Ts>
+std::tuple<Ts...> decodeFromTree(std::span<const std::byte> buffer) {
+  // Small documents (most replies) parse without touching the heap.
+  std::array<unsigned char, 2048> initial;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+  boost::json::monotonic_resource scratch(initial.data(), initial.size());
+  const boost::json::value document = parseEnvelope(buffer, &scratch, sizeof...(Ts));
+  const auto& list = document.get_array();
+  const CodingPath root;
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    return std::tuple<Ts...>{decode<Ts>(list[I], CodingPath(root, I))...};
+  }
+  (std::index_sequence_for<Ts...>{});
+}
+
+/// Decodes the values straight from the tokens of the buffer: the values `decodeFromTree` gives,
+/// or empty where it would throw (and for any value the tokens cannot give).
+template <class... Ts>
+std::optional<std::tuple<Ts...>> decodeFromTape(std::span<const std::byte> buffer) {
+  Tape tape;
+  if (!readEnvelope(buffer, tape, sizeof...(Ts))) return std::nullopt;
+  try {
+    const TapeReader reader(tape);
+    std::size_t next = 1;  // the first element of the list
+    auto readNext = [&]<class T>(std::type_identity<T>) {
+      const std::size_t at = std::exchange(next, tape[next].next);
+      return reader.read<T>(at);
+    };
+    // Braced initialisation reads the elements in order.
+    return std::tuple<Ts...>{readNext(std::type_identity<Ts>())...};
+  } catch (...) {
+    return std::nullopt;
+  }
+}
 }  // namespace coding::detail
 
 /// Takes values of the types `Ts...` out of one buffer, in order. Elements beyond the expected
@@ -39,27 +80,13 @@ struct TetherDecoder {
   /// that is not a list, a list shorter than `sizeof...(Ts)`, or any value that does not decode;
   /// the error's coding path starts at the list ("[0].app").
   [[nodiscard]] static std::tuple<Ts...> decode(std::span<const std::byte> buffer) {
-    // Small documents (most replies) parse without touching the heap.
-    std::array<unsigned char, 2048> initial;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    boost::json::monotonic_resource scratch(initial.data(), initial.size());
-    boost::json::value document;
-    const auto& list = coding::detail::parseEnvelope(buffer, document, &scratch, sizeof...(Ts));
-    const coding::CodingPath root;
-    return [&]<std::size_t... I>(std::index_sequence<I...>) {
-      return std::tuple<Ts...>{decodeAt<Ts>(list, I, root)...};
-    }
-    (std::index_sequence_for<Ts...>{});
+    // Valid documents decode straight from their tokens; any other is decoded again through a
+    // tree of values, which says what is wrong and where.
+    if (auto values = coding::detail::decodeFromTape<Ts...>(buffer)) return std::move(*values);
+    return coding::detail::decodeFromTree<Ts...>(buffer);
   }
   [[nodiscard]] static std::tuple<Ts...> decode(const Bytes& buffer) {
     return decode(buffer.span());
-  }
-
- private:
-  template <class T>
-  static T decodeAt(const boost::json::array& list, std::size_t index,
-                    const coding::CodingPath& root) {
-    const coding::CodingPath path(root, index);
-    return coding::decode<T>(list[index], path);
   }
 };
 
