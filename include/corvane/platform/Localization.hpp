@@ -13,7 +13,8 @@ class Localization {
   /// The text for `key` in the process's current locale (LC_MESSAGES and LANGUAGE), looked up on
   /// every call; the key itself when no translation exists. Never throws but for allocation.
   [[nodiscard]] static std::string localizedString(std::string_view key);
-  /// $CORVANE_RESOURCE_DIR when set, else the installed "<datadir>/Corvane.framework".
+  /// $CORVANE_RESOURCE_DIR when set, else the installed "<datadir>/Corvane.framework" found
+  /// from where the library itself is installed (the configured install path as a fallback).
   [[nodiscard]] static std::filesystem::path resourceDirectory();
   /// Tells gettext that the language changed (after setenv("LANGUAGE") or setlocale), so that
   /// the next look-up does not answer from its cache.
