@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <future>
 #include <grp.h>
 #include <mutex>
@@ -374,6 +375,19 @@ TEST_F(Daemon, AClientThatStopsReadingItsPushesIsCutOffAlone) {
   // Everyone else is still served.
   EXPECT_EQ(DDMDeclarationKeysRequest{}.performSynchronously().size(), 12U);
   EXPECT_TRUE(daemon_->process().running());
+}
+
+TEST_F(Daemon, ACatalogueFileThatDoesNotDecodeStopsItAtStart) {
+  const auto file = runtime_.path() / "catalog.json";
+  std::ofstream(file) << R"([{"declarationIdentifier": "D", "bundleID": "b", "platform": "phone",
+                              "name": "n", "genres": [], "languages": [], "screenshots": [],
+                              "hasLicenseAgreement": false}])";
+  Process daemon({DaemonProcess::binary(), "--runtime-dir", runtime_.path().native(), "--catalog",
+                  file.native()});
+  EXPECT_EQ(daemon.wait(), 2);
+  EXPECT_TRUE(daemon.err().contains(file.native())) << daemon.err();
+  EXPECT_TRUE(daemon.err().contains("[0].platform")) << daemon.err();
+  EXPECT_FALSE(std::filesystem::exists(runtime_.path() / std::string(agentServiceName)));
 }
 
 // Runs the probe client as `uid` with primary group `gid`; returns its output and status.
