@@ -606,8 +606,14 @@ void Daemon::sendCurrentState(Client& client, const MessageRegistration& registr
           messages.push_back(TetherClientMessage{
               TetherClientMessage::MessageType::managedAppCatalog(catalogEntries(), std::nullopt)});
         } else if constexpr (std::is_same_v<Case, MessageRegistration::AppStateChangeByBundleID>) {
-          if (const AppRecord* record = engine_.find(which.bundleID))
+          if (const AppRecord* record = engine_.find(which.bundleID)) {
             messages.push_back(progressOf(*record));
+          } else if (catalog_.findBundle(which.bundleID) != nullptr) {
+            // A catalogue app nobody has asked for yet: it can be obtained.
+            messages.push_back(TetherClientMessage{TetherClientMessage::MessageType::appProgress(
+                AppProgress{AppState::available(AppState::Availability::available), which.bundleID,
+                            boost::uuids::uuid{}})});
+          }
         } else if constexpr (std::is_same_v<Case, MessageRegistration::GlobalAppProgress>) {
           for (const auto& record : engine_.records())
             if (record.phase != Phase::managed && record.phase != Phase::optional)

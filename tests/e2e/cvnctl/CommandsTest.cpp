@@ -51,6 +51,9 @@ TEST_F(CvnctlTest, EverySubcommandAnswersInJsonWithTheCodedValue) {
        }},
       {{"state", std::string(mapsBundle)},
        [](const boost::json::value& v) { EXPECT_TRUE(v.as_object().contains("available")) << v; }},
+      // A catalogue app the daemon does not look after yet: it can be obtained.
+      {{"state", "dev.corvane.sample.vault"},
+       [](const boost::json::value& v) { EXPECT_TRUE(v.as_object().contains("available")) << v; }},
       {{"poll"}, isNull},
       {{"reset-history"}, isNull},
       {{"launch", std::string(notesBundle)}, isNull},
