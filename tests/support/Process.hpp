@@ -57,6 +57,42 @@ class Fd {
   int fd_ = -1;
 };
 
+/// A child's argv and environment (the current one plus `environment`, which overrides) as the
+/// exec functions take them, built before the child starts. Not movable: the pointers point into
+/// its own strings.
+class ExecArguments {
+ public:
+  ExecArguments(const std::vector<std::string>& argv,
+                const std::map<std::string, std::string>& environment)
+      : argvStrings_(argv) {
+    std::map<std::string, std::string> merged;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      const std::string_view text(*entry);
+      const auto equals = text.find('=');
+      if (equals != std::string_view::npos)
+        merged[std::string(text.substr(0, equals))] = std::string(text.substr(equals + 1));
+    }
+    for (const auto& [key, value] : environment) merged[key] = value;
+    envStrings_.reserve(merged.size());
+    for (const auto& [key, value] : merged) envStrings_.push_back(key + "=" + value);
+    for (auto& text : argvStrings_) argv_.push_back(text.data());
+    argv_.push_back(nullptr);
+    for (auto& text : envStrings_) envp_.push_back(text.data());
+    envp_.push_back(nullptr);
+  }
+  ExecArguments(const ExecArguments&) = delete;
+  ExecArguments& operator=(const ExecArguments&) = delete;
+
+  [[nodiscard]] char* const* argv() noexcept { return argv_.data(); }
+  [[nodiscard]] char* const* envp() noexcept { return envp_.data(); }
+
+ private:
+  std::vector<std::string> argvStrings_;
+  std::vector<std::string> envStrings_;
+  std::vector<char*> argv_;
+  std::vector<char*> envp_;
+};
+
 class Process {
  public:
   using Clock = std::chrono::steady_clock;
@@ -86,26 +122,9 @@ class Process {
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-    std::map<std::string, std::string> merged;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-      const std::string_view text(*entry);
-      const auto equals = text.find('=');
-      if (equals != std::string_view::npos)
-        merged[std::string(text.substr(0, equals))] = std::string(text.substr(equals + 1));
-    }
-    for (const auto& [key, value] : environment) merged[key] = value;
-    std::vector<std::string> envStrings;
-    envStrings.reserve(merged.size());
-    for (const auto& [key, value] : merged) envStrings.push_back(key + "=" + value);
-    std::vector<char*> envp;
-    for (auto& text : envStrings) envp.push_back(text.data());
-    envp.push_back(nullptr);
-    std::vector<char*> args;
-    for (auto& text : argv_) args.push_back(text.data());
-    args.push_back(nullptr);
-
+    ExecArguments exec(argv_, environment);
     const int failed =
-        ::posix_spawnp(&pid_, args[0], &actions, &attributes, args.data(), envp.data());
+        ::posix_spawnp(&pid_, exec.argv()[0], &actions, &attributes, exec.argv(), exec.envp());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     if (failed != 0) throw std::system_error(failed, std::generic_category(), "spawn " + argv_[0]);

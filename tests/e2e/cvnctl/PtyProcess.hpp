@@ -29,22 +29,7 @@ class PtyProcess {
   /// standard input, output and error on a new 120x40 terminal.
   PtyProcess(std::vector<std::string> argv, const std::map<std::string, std::string>& environment) {
     // Everything the child needs is prepared before fork: it only calls execve.
-    std::map<std::string, std::string> merged;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-      const std::string text(*entry);
-      const auto equals = text.find('=');
-      if (equals != std::string::npos) merged[text.substr(0, equals)] = text.substr(equals + 1);
-    }
-    for (const auto& [key, value] : environment) merged[key] = value;
-    std::vector<std::string> envStrings;
-    for (const auto& [key, value] : merged) envStrings.push_back(key + "=" + value);
-    std::vector<char*> envp;
-    for (auto& text : envStrings) envp.push_back(text.data());
-    envp.push_back(nullptr);
-    std::vector<char*> args;
-    for (auto& text : argv) args.push_back(text.data());
-    args.push_back(nullptr);
-
+    ExecArguments exec(argv, environment);
     winsize size{};
     size.ws_row = 40;
     size.ws_col = 120;
@@ -52,7 +37,7 @@ class PtyProcess {
     pid_ = ::forkpty(&master, nullptr, nullptr, &size);
     if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "forkpty");
     if (pid_ == 0) {
-      ::execve(args[0], args.data(), envp.data());
+      ::execve(exec.argv()[0], exec.argv(), exec.envp());
       ::_exit(127);
     }
     master_ = Fd(master);
