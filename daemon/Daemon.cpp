@@ -202,7 +202,7 @@ void Daemon::start() {
   if (options_.idleExit && listener_->isActivated()) scheduleIdleCheck();
   log(LogLevel::notice, fmt::format("serving {} ({} declarations, {} apps, catalogue of {})",
                                     listener_->path().native(), declarations_.size(),
-                                    engine_.records().size(), catalog_.apps().size()));
+                                    engine_.size(), catalog_.apps().size()));
 }
 
 void Daemon::stop() {
@@ -647,9 +647,8 @@ void Daemon::publishCatalog() {
 }
 
 std::optional<std::string> Daemon::bundleOfDeclaration(std::string_view identifier) const {
-  for (const auto& record : engine_.records())
-    if (record.declarationIdentifier == identifier) return record.bundleID;
-  return std::nullopt;
+  const AppRecord* record = engine_.findDeclared(identifier);
+  return record ? std::optional(record->bundleID) : std::nullopt;
 }
 
 void Daemon::commit() {

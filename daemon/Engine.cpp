@@ -33,6 +33,12 @@ const AppRecord* Engine::find(std::string_view bundleID) const {
   return found == apps_.end() ? nullptr : &found->second;
 }
 
+const AppRecord* Engine::findDeclared(std::string_view declarationIdentifier) const {
+  for (const auto& [bundleID, record] : apps_)
+    if (record.declarationIdentifier == declarationIdentifier) return &record;
+  return nullptr;
+}
+
 void Engine::changed(const AppRecord& record, bool phaseChanged) {
   changes_.push_back(Change{record, false, phaseChanged});
 }

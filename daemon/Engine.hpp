@@ -73,6 +73,10 @@ class Engine {
   [[nodiscard]] bool busy() const noexcept;
 
   [[nodiscard]] const AppRecord* find(std::string_view bundleID) const;
+  /// The app that the declaration (or request) `declarationIdentifier` brought, if any.
+  [[nodiscard]] const AppRecord* findDeclared(std::string_view declarationIdentifier) const;
+  /// How many apps it looks after.
+  [[nodiscard]] std::size_t size() const noexcept { return apps_.size(); }
   /// Every app, by bundle identifier.
   [[nodiscard]] std::vector<AppRecord> records() const;
   /// The changes since the last call, oldest first.

@@ -175,10 +175,14 @@ void Store::putDeclaration(const Declaration& declaration) {
   if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("store a declaration");
 }
 
+void Store::executeWith(std::string_view sql, std::string_view text, std::string_view doing) {
+  auto statement = prepare(sql);
+  bindText(statement.get(), 1, text);
+  if (sqlite3_step(statement.get()) != SQLITE_DONE) fail(doing);
+}
+
 void Store::removeDeclaration(std::string_view identifier) {
-  auto statement = prepare("DELETE FROM declarations WHERE identifier = ?1");
-  bindText(statement.get(), 1, identifier);
-  if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("remove a declaration");
+  executeWith("DELETE FROM declarations WHERE identifier = ?1", identifier, "remove a declaration");
 }
 
 void Store::putApp(const AppRecord& record) {
@@ -201,9 +205,7 @@ void Store::putApp(const AppRecord& record) {
 }
 
 void Store::removeApp(std::string_view bundleID) {
-  auto statement = prepare("DELETE FROM apps WHERE bundle_id = ?1");
-  bindText(statement.get(), 1, bundleID);
-  if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("remove an app");
+  executeWith("DELETE FROM apps WHERE bundle_id = ?1", bundleID, "remove an app");
 }
 
 void Store::addHistory(std::string_view bundleID, std::string_view event) {

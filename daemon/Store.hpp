@@ -76,6 +76,8 @@ class Store {
 
   void execute(const char* sql, bool mayFail = false) const;
   [[nodiscard]] Statement prepare(std::string_view sql) const;
+  /// Runs a statement with one text parameter (?1) that returns no rows.
+  void executeWith(std::string_view sql, std::string_view text, std::string_view doing);
   void migrate();
   [[noreturn]] void fail(std::string_view doing) const;
 
