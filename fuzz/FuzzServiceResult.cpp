@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the reply decoders: a result holding a list of strings, and a record
 // with optional, list, raw-value and case-keyed (recursive) fields. Decoding may fail only with
 // CodingError; anything that decodes must encode again and decode to the same value. Decoding
-// straight from the tokens must give the value decoding through a tree of values gives, and take
+// straight from the text must give the value decoding through a tree of values gives, and take
 // nothing the tree rejects.
 
 #include "support/SampleRecords.hpp"
@@ -17,7 +17,7 @@ namespace {
 
 template <class T>
 void roundTrip(std::span<const std::byte> input) {
-  const auto direct = corvane::coding::detail::decodeFromTape<T>(input);
+  const auto direct = corvane::coding::detail::decodeDirectly<T>(input);
   try {
     auto [value] = corvane::coding::detail::decodeFromTree<T>(input);
     if (direct && !(std::get<0>(*direct) == value)) std::abort();

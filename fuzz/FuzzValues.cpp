@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the decoders of what crosses the connection most: a pushed message
 // batch and the add-or-update request with its whole declaration. Decoding may fail only with a
 // CodingError; anything that decodes must encode, and that document must decode and encode to
-// the very same bytes. Decoding straight from the tokens must give the value decoding through a
+// the very same bytes. Decoding straight from the text must give the value decoding through a
 // tree of values gives (compared by encoding), and take nothing the tree rejects.
 
 #include <corvane/coding/TetherDecoder.hpp>
@@ -16,7 +16,7 @@ namespace {
 
 template <class T>
 void roundTrip(std::span<const std::byte> input) {
-  const auto direct = corvane::coding::detail::decodeFromTape<T>(input);
+  const auto direct = corvane::coding::detail::decodeDirectly<T>(input);
   try {
     auto [value] = corvane::coding::detail::decodeFromTree<T>(input);
     const corvane::Bytes first = corvane::TetherEncoder::encode(value);

@@ -269,9 +269,4 @@ boost::json::value parseEnvelope(std::span<const std::byte> buffer,
   return document;
 }
 
-bool readEnvelope(std::span<const std::byte> buffer, Tape& tape, std::size_t expected) {
-  return tape.parse(textOf(buffer)) && tape[0].kind == Tape::Kind::array
-         && tape[0].size >= expected;
-}
-
 }  // namespace corvane::coding::detail

@@ -4,6 +4,5 @@ target_sources(corvane PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/CorvaneError.cpp
   ${CMAKE_CURRENT_LIST_DIR}/InformationStorage.cpp
   ${CMAKE_CURRENT_LIST_DIR}/LanguageIdentifier.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/Tape.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/TapeReader.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/TextReader.cpp
   ${CMAKE_CURRENT_LIST_DIR}/WireTypes.cpp)

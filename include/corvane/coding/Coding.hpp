@@ -57,6 +57,12 @@ enum class EnumCoding {
   integerRawValue,  ///< the enumerator's integer value
 };
 
+/// Parses one JSON document (the whole text; trailing data is an error), nested at most 128
+/// deep, with correctly rounded floating-point numbers. Throws `CodingError` (dataCorrupted, path
+/// "") for anything else.
+[[nodiscard]] boost::json::value parseDocument(std::string_view text,
+                                               boost::json::storage_ptr storage = {});
+
 /// Opt a described enum into a raw-value form by specialising this variable template.
 template <class E>
 inline constexpr EnumCoding enumCoding = EnumCoding::caseKeyed;

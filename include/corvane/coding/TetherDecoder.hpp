@@ -2,8 +2,7 @@
 
 #include <corvane/coding/Bytes.hpp>
 #include <corvane/coding/Coding.hpp>
-#include <corvane/coding/detail/Tape.hpp>
-#include <corvane/coding/detail/TapeReader.hpp>
+#include <corvane/coding/detail/TextReader.hpp>
 
 #include <boost/json/array.hpp>
 #include <boost/json/monotonic_resource.hpp>
@@ -19,22 +18,11 @@
 
 namespace corvane {
 
-namespace coding {
-/// Parses one JSON document (the whole text; trailing data is an error), nested at most 128
-/// deep, with correctly rounded floating-point numbers. Throws `CodingError` (dataCorrupted, path
-/// "") for anything else.
-[[nodiscard]] boost::json::value parseDocument(std::string_view text,
-                                               boost::json::storage_ptr storage = {});
-}  // namespace coding
-
 namespace coding::detail {
 /// Parses a buffer into a document (its values in `storage`) and checks that its top level is a
 /// list of at least `expected` elements. Throws `CodingError` otherwise.
 boost::json::value parseEnvelope(std::span<const std::byte> buffer,
                                  boost::json::storage_ptr storage, std::size_t expected);
-/// Reads a buffer into `tape`; false unless it holds a document whose top level is a list of at
-/// least `expected` elements.
-bool readEnvelope(std::span<const std::byte> buffer, Tape& tape, std::size_t expected);
 
 /// Decodes the values through a tree of values, whose errors say what is wrong and where.
 template <class... Ts>
@@ -51,21 +39,13 @@ std::tuple<Ts...> decodeFromTree(std::span<const std::byte> buffer) {
   (std::index_sequence_for<Ts...>{});
 }
 
-/// Decodes the values straight from the tokens of the buffer: the values `decodeFromTree` gives,
-/// or empty where it would throw (and for any value the tokens cannot give).
+/// Decodes the values straight from the buffer's text: the values `decodeFromTree` gives, or
+/// empty where it would throw (and for the few texts the direct reading leaves to it).
 template <class... Ts>
-std::optional<std::tuple<Ts...>> decodeFromTape(std::span<const std::byte> buffer) {
-  Tape tape;
-  if (!readEnvelope(buffer, tape, sizeof...(Ts))) return std::nullopt;
+std::optional<std::tuple<Ts...>> decodeDirectly(std::span<const std::byte> buffer) noexcept {
   try {
-    const TapeReader reader(tape);
-    std::size_t next = 1;  // the first element of the list
-    auto readNext = [&]<class T>(std::type_identity<T>) {
-      const std::size_t at = std::exchange(next, tape[next].next);
-      return reader.read<T>(at);
-    };
-    // Braced initialisation reads the elements in order.
-    return std::tuple<Ts...>{readNext(std::type_identity<Ts>())...};
+    return readList<Ts...>(
+        std::string_view(reinterpret_cast<const char*>(buffer.data()), buffer.size()));  // NOLINT
   } catch (...) {
     return std::nullopt;
   }
@@ -80,9 +60,9 @@ struct TetherDecoder {
   /// that is not a list, a list shorter than `sizeof...(Ts)`, or any value that does not decode;
   /// the error's coding path starts at the list ("[0].app").
   [[nodiscard]] static std::tuple<Ts...> decode(std::span<const std::byte> buffer) {
-    // Valid documents decode straight from their tokens; any other is decoded again through a
+    // Valid documents decode straight from their text; any other is decoded again through a
     // tree of values, which says what is wrong and where.
-    if (auto values = coding::detail::decodeFromTape<Ts...>(buffer)) return std::move(*values);
+    if (auto values = coding::detail::decodeDirectly<Ts...>(buffer)) return std::move(*values);
     return coding::detail::decodeFromTree<Ts...>(buffer);
   }
   [[nodiscard]] static std::tuple<Ts...> decode(const Bytes& buffer) {

@@ -1,0 +1,513 @@
+#pragma once
+
+#include <corvane/coding/Coding.hpp>
+
+#include <boost/describe/enumerators.hpp>
+#include <boost/describe/members.hpp>
+#include <boost/json/monotonic_resource.hpp>
+#include <boost/json/value.hpp>
+#include <boost/mp11/algorithm.hpp>
+
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace corvane::coding::detail {
+
+/// Thrown by `TextReader` for a text it does not take as it stands: not JSON, not the shape the
+/// generic coding expects, or merely unusual (a number the parser would read differently, a
+/// nesting deeper than it likes). The caller decodes the document through a tree of values
+/// instead, whose errors say what is wrong and where.
+struct Unread {};
+
+/// Whether `Coding<T>` is the coder's own, generic one (not a type's own wire form).
+template <class T>
+concept HasGenericCoding = std::derived_from<Coding<T>, GenericCodingOf<T>>;
+
+/// Whether `TextReader` reads a T into an existing value (rather than making a new one).
+template <class T>
+concept ReadInPlace = HasGenericCoding<T> && !CaseKeyed<T>;
+
+template <class T>
+struct IsVector : std::false_type {};
+template <class T>
+struct IsVector<std::vector<T>> : std::true_type {};
+template <class T>
+struct IsStringMap : std::false_type {};
+template <class T>
+struct IsStringMap<std::map<std::string, T>> : std::true_type {};
+template <class T>
+struct IsSharedConst : std::false_type {};
+template <class T>
+struct IsSharedConst<std::shared_ptr<const T>> : std::true_type {};
+
+/// Whether two texts are equal; quicker than the library's comparison for the short texts that
+/// keys and case names are.
+[[nodiscard, gnu::always_inline]] inline bool sameText(std::string_view a,
+                                                       std::string_view b) noexcept {
+  const std::size_t size = a.size();
+  if (size != b.size()) return false;
+  // The first and the last bytes of a width, overlapping when the text is shorter than two.
+  const auto ends = [&]<class Word>(std::type_identity<Word>) {
+    const auto word = [](const char* at) {
+      Word w = 0;
+      std::memcpy(&w, at, sizeof w);
+      return w;
+    };
+    return word(a.data()) == word(b.data())
+           && word(a.data() + size - sizeof(Word)) == word(b.data() + size - sizeof(Word));
+  };
+  if (size > 16) return std::memcmp(a.data(), b.data(), size) == 0;
+  if (size >= 8) return ends(std::type_identity<std::uint64_t>());
+  if (size >= 4) return ends(std::type_identity<std::uint32_t>());
+  for (std::size_t i = 0; i < size; ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
+/// The lexical half of `TextReader`: JSON tokens read one at a time from a text, each checked as
+/// strictly as `coding::parseDocument` checks it (strings are valid UTF-8 without raw control
+/// characters, numbers follow the grammar, nesting is bounded). It accepts no text that
+/// `parseDocument` rejects, and reads every scalar as it reads it; a few texts that it would
+/// accept are refused with `Unread` instead, where matching the parser exactly is not worth it
+/// (integers beyond 64 bits, huge exponents, deep nesting, unpaired surrogates).
+class TextCursor {
+ public:
+  explicit TextCursor(std::string_view text) noexcept
+      : at_(text.data()), end_(text.data() + text.size()) {}
+  TextCursor(const TextCursor&) = delete;
+  TextCursor& operator=(const TextCursor&) = delete;
+  ~TextCursor() = default;
+
+  /// The first character of the next token, whitespace skipped; '\0' at the end of the text.
+  [[nodiscard]] char peek() noexcept {
+    skipSpace();
+    return at_ == end_ ? '\0' : *at_;
+  }
+  /// Takes `c` as the next token if it is one.
+  [[nodiscard]] bool take(char c) noexcept {
+    // Documents written by the encoder have no whitespace: that case first.
+    if (at_ != end_ && *at_ == c) {
+      ++at_;
+      return true;
+    }
+    if (peek() != c) return false;
+    ++at_;
+    return true;
+  }
+  /// Takes `c` as the next token; throws `Unread` if it is not.
+  void expect(char c) {
+    if (!take(c)) throw Unread();
+  }
+  /// Takes a '[' or '{' that opens a container.
+  void open(char c) {
+    expect(c);
+    if (++depth_ > maxDepth) throw Unread();
+  }
+  /// Takes the ']' or '}' that closes a container if it comes next.
+  [[nodiscard]] bool closes(char c) noexcept {
+    if (!take(c)) return false;
+    --depth_;
+    return true;
+  }
+  /// Takes the ']' or '}' that closes a container; throws `Unread` if it does not come next.
+  void close(char c) {
+    if (!closes(c)) throw Unread();
+  }
+  /// Whether the whole text has been read.
+  [[nodiscard]] bool atEnd() noexcept { return peek() == '\0' && at_ == end_; }
+
+  /// Takes the next token if it is the string `name` written plainly (no escapes), which must be
+  /// plain ASCII without quotes, backslashes or control characters, as member and case names are.
+  [[nodiscard, gnu::always_inline]] bool takePlain(std::string_view name) noexcept {
+    skipSpace();
+    const std::size_t size = name.size();
+    if (static_cast<std::size_t>(end_ - at_) < size + 2 || at_[0] != '"' || at_[size + 1] != '"'
+        || !sameText(std::string_view(at_ + 1, size), name)) {
+      return false;
+    }
+    at_ += size + 2;
+    return true;
+  }
+  /// The next token, a string, unescaped. The view is valid until the next string is read.
+  [[nodiscard]] std::string_view string();
+  /// Takes the next token if it is an integer of at most 18 digits (which the parser reads as an
+  /// int64), and returns it; empty, having taken nothing, for any other token.
+  [[nodiscard]] std::optional<std::int64_t> takeShortInteger() noexcept {
+    skipSpace();
+    const char* at = at_;
+    const bool negative = at != end_ && *at == '-';
+    if (negative) ++at;
+    const char* first = at;
+    std::int64_t magnitude = 0;
+    while (at != end_ && *at >= '0' && *at <= '9' && at - first < 19) {
+      magnitude = magnitude * 10 + (*at++ - '0');
+    }
+    const auto digits = at - first;
+    // Leading zeros, fractions, exponents and longer integers take the general way.
+    if (digits == 0 || digits > 18 || (*first == '0' && digits > 1)
+        || (at != end_ && (*at == '.' || *at == 'e' || *at == 'E'))) {
+      return std::nullopt;
+    }
+    at_ = at;
+    return negative ? -magnitude : magnitude;
+  }
+  /// The next token, a number, true, false or null, as a value (default storage, no allocation).
+  [[nodiscard]] boost::json::value scalar();
+  /// Takes the literal null if it comes next.
+  [[nodiscard]] bool takeNull();
+  /// Skips the next value of any kind, checking it as thoroughly as reading it would.
+  void skip();
+  /// Skips the next value and returns its text.
+  [[nodiscard]] std::string_view skipped();
+
+ private:
+  // Nesting beyond this is left to the parser, whose own limit is higher.
+  static constexpr int maxDepth = 100;
+
+  void skipSpace() noexcept {
+    while (at_ != end_ && static_cast<unsigned char>(*at_) <= ' '
+           && (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t')) {
+      ++at_;
+    }
+  }
+  std::string_view escapedString(const char* start);
+  void literal(std::string_view word);
+  void multibyte();
+
+  const char* at_;
+  const char* end_;
+  int depth_ = 0;
+  // The unescaped text of the last string that had escapes.
+  std::string unescaped_;
+};
+
+/// Decodes values straight from a document's text, without building a tree of values first. For
+/// every value it returns, it returns what `Coding<T>::decode` returns for the same document; for
+/// a value that `decode` would reject it throws `Unread` (or what `decode` throws, for a value
+/// decoded through a type's own coding), so that the caller decodes the document again through
+/// `decode`. It follows the generic codings structure by structure, writing each value where it
+/// belongs, and hands every other value (numbers, booleans, null and the types with a wire form
+/// of their own) to `Coding<T>::decode` as a value built from its text.
+class TextReader {
+ public:
+  explicit TextReader(std::string_view text) noexcept : cursor_(text) {}
+
+  /// The next value, as `Coding<T>::decode` gives it.
+  template <class T>
+  [[nodiscard]] T value() {
+    if constexpr (ReadInPlace<T>) {
+      T out = Access::make<T>();
+      read(out);
+      return out;
+    } else if constexpr (CaseKeyed<T>) {
+      return readCases<T>();
+    } else {
+      return throughCoding<T>();
+    }
+  }
+
+  [[nodiscard]] TextCursor& cursor() noexcept { return cursor_; }
+
+ private:
+  // Reads the next value into `out`, replacing all of it.
+  template <class T>
+  void read(T& out);
+  template <class T>
+  [[nodiscard]] T throughCoding();
+  template <class T>
+  void readMembers(T& out);
+  template <class T>
+  void readPresentField(T& out);
+  template <class T>
+  void readAbsentField(T& out);
+  template <class E>
+  [[nodiscard]] E readEnum();
+  template <class T>
+  [[nodiscard]] T readCases();
+
+  // Calls `entry(key)` for each entry of the next object, the cursor at the entry's value; the
+  // key's view lasts until the value's first string is read.
+  template <class Entry>
+  void forEachEntry(Entry&& entry) {
+    cursor_.open('{');
+    if (cursor_.closes('}')) return;
+    do {
+      const std::string_view key = cursor_.string();
+      cursor_.expect(':');
+      entry(key);
+    } while (cursor_.take(','));
+    cursor_.close('}');
+  }
+  // Calls `element()` for each element of the next array, the cursor at the element.
+  template <class Element>
+  void forEachElement(Element&& element) {
+    cursor_.open('[');
+    if (cursor_.closes(']')) return;
+    do {
+      element();
+    } while (cursor_.take(','));
+    cursor_.close(']');
+  }
+
+  TextCursor cursor_;
+};
+
+/// The case of a raw-value enum named `name`, or empty.
+template <class E>
+[[nodiscard]] std::optional<E> caseNamed(std::string_view name) noexcept {
+  static constexpr auto cases = []<template <class...> class L, class... D>(L<D...>) {
+    return std::array<std::pair<std::string_view, E>, sizeof...(D)>{
+        std::pair<std::string_view, E>{D::name, D::value}...};
+  }(boost::describe::describe_enumerators<E>());
+  for (const auto& [caseName, value] : cases) {
+    if (sameText(caseName, name)) return value;
+  }
+  return std::nullopt;
+}
+
+template <class T>
+void TextReader::read(T& out) {
+  // NOLINTNEXTLINE(bugprone-branch-clone): distinct instantiations, not repeated code
+  if constexpr (!HasGenericCoding<T>) {
+    out = throughCoding<T>();
+  } else if constexpr (std::same_as<T, std::string>) {
+    out.assign(cursor_.string());
+  } else if constexpr (IsOptional<T>::value) {
+    using Value = typename T::value_type;
+    if (cursor_.takeNull()) {
+      out.reset();
+    } else if constexpr (ReadInPlace<Value>) {
+      if (!out) out.emplace(Access::make<Value>());
+      read(*out);
+    } else {
+      out = value<Value>();
+    }
+  } else if constexpr (IsVector<T>::value) {
+    using Element = typename T::value_type;
+    out.clear();
+    forEachElement([&] {
+      if constexpr (ReadInPlace<Element>) {
+        read(out.emplace_back(Access::make<Element>()));
+      } else {
+        out.push_back(value<Element>());
+      }
+    });
+  } else if constexpr (IsStringMap<T>::value) {
+    // Every entry in order, so that the last of duplicate keys wins as in a tree of values.
+    out.clear();
+    forEachEntry([&](std::string_view key) {
+      std::string name(key);
+      out.insert_or_assign(std::move(name), value<typename T::mapped_type>());
+    });
+  } else if constexpr (IsSharedConst<T>::value) {
+    out = std::make_shared<typename T::element_type>(
+        value<std::remove_const_t<typename T::element_type>>());
+  } else if constexpr (DescribedEnum<T>) {
+    out = readEnum<T>();
+  } else if constexpr (CaseKeyed<T>) {
+    out = readCases<T>();
+  } else if constexpr (DescribedRecord<T>) {
+    readMembers(out);
+  } else if constexpr (Integer<T>) {
+    // An integer written plainly is read here; its coding would take it as it stands if in range.
+    if (const auto integer = cursor_.takeShortInteger()) {
+      if (!std::in_range<T>(*integer)) throw Unread();
+      out = static_cast<T>(*integer);
+    } else {
+      out = throughCoding<T>();
+    }
+  } else {
+    // Numbers, booleans and null: their codings' checks are taken as they are.
+    out = throughCoding<T>();
+  }
+}
+
+template <class T>
+T TextReader::throughCoding() {
+  const CodingPath top;  // paths matter only for errors, which are decoded again
+  switch (cursor_.peek()) {
+    case '"': {
+      const std::string_view text = cursor_.string();
+      std::array<unsigned char, 256> initial;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+      boost::json::monotonic_resource scratch(initial.data(), initial.size());
+      return Coding<T>::decode(boost::json::value(boost::json::string_view(text), &scratch), top);
+    }
+    case '{':
+    case '[': {
+      const std::string_view text = cursor_.skipped();
+      std::array<unsigned char, 1024> initial;  // NOLINT(cppcoreguidelines-pro-type-member-init)
+      boost::json::monotonic_resource scratch(initial.data(), initial.size());
+      return Coding<T>::decode(parseDocument(text, &scratch), top);
+    }
+    default:
+      return Coding<T>::decode(cursor_.scalar(), top);
+  }
+}
+
+template <class T>
+void TextReader::readPresentField(T& out) {
+  if constexpr (writesNothing<T>) {
+    out = throughCoding<T>();
+  } else {
+    // An optional field that is null is empty, as an optional value is.
+    read(out);
+  }
+}
+
+template <class T>
+void TextReader::readAbsentField(T& out) {
+  if constexpr (writesNothing<T>) {
+    out = Coding<T>::decode(boost::json::value(), CodingPath());
+  } else if constexpr (IsOptional<T>::value) {
+    out.reset();
+  } else {
+    throw Unread();  // a required key is missing
+  }
+}
+
+// One pass over the entries reads each member's value where it belongs (the last of duplicate
+// keys winning, as in a tree of values). The key expected next in declaration order, the order
+// the encoder writes them in, is tried first, straight against the text.
+template <class T>
+void TextReader::readMembers(T& out) {
+  using Members = boost::describe::describe_members<T, allMembers>;
+  static constexpr auto names = []<template <class...> class L, class... M>(L<M...>) {
+    return std::array<std::string_view, sizeof...(M)>{M::name...};
+  }(Members());
+  static_assert(names.size() <= 64, "one bit per member");
+  std::uint64_t present = 0;
+  std::size_t expected = 0;
+  cursor_.open('{');
+  if (!cursor_.closes('}')) {
+    do {
+      std::size_t member = expected;
+      if (member >= names.size() || !cursor_.takePlain(names[member])) {
+        const std::string_view key = cursor_.string();
+        member = 0;
+        while (member < names.size() && !sameText(names[member], key)) ++member;
+      }
+      cursor_.expect(':');
+      if (member == names.size()) {
+        cursor_.skip();  // unknown keys are ignored
+        continue;
+      }
+      boost::mp11::mp_with_index<names.size()>(member, [&](auto index) {
+        readPresentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
+      });
+      present |= std::uint64_t{1} << member;
+      expected = member + 1;
+    } while (cursor_.take(','));
+    cursor_.close('}');
+  }
+  boost::mp11::mp_for_each<boost::mp11::mp_iota<boost::mp11::mp_size<Members>>>([&](auto index) {
+    if ((present & (std::uint64_t{1} << index)) == 0) {
+      readAbsentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
+    }
+  });
+}
+
+template <class E>
+E TextReader::readEnum() {
+  if constexpr (enumCoding<E> == EnumCoding::stringRawValue) {
+    if (auto found = caseNamed<E>(cursor_.string())) return *found;
+    throw Unread();
+  } else if constexpr (enumCoding<E> == EnumCoding::caseKeyed) {
+    // Only keys that name a case count; exactly one case must be named (as often as it likes),
+    // its payload an object.
+    std::optional<E> found;
+    forEachEntry([&](std::string_view key) {
+      const std::optional<E> named = caseNamed<E>(key);
+      if (!named) {
+        cursor_.skip();
+        return;
+      }
+      if (found && *found != *named) throw Unread();
+      found = named;
+      if (cursor_.peek() != '{') throw Unread();
+      cursor_.skip();
+    });
+    if (!found) throw Unread();
+    return *found;
+  } else {
+    return throughCoding<E>();
+  }
+}
+
+template <class T>
+T TextReader::readCases() {
+  using Cases = typename T::Cases;
+  constexpr std::size_t count = std::variant_size_v<Cases>;
+  static constexpr auto names = []<std::size_t... I>(std::index_sequence<I...>) {
+    return std::array<std::string_view, count>{std::variant_alternative_t<I, Cases>::caseName...};
+  }
+  (std::make_index_sequence<count>());
+  // Only keys that name a case count; exactly one case must be named (as often as it likes), its
+  // payload an object.
+  std::optional<Cases> chosen;
+  forEachEntry([&](std::string_view key) {
+    std::size_t named = 0;
+    while (named < count && !sameText(names[named], key)) ++named;
+    if (named == count) {
+      cursor_.skip();
+      return;
+    }
+    if (chosen && chosen->index() != named) throw Unread();
+    boost::mp11::mp_with_index<count>(named, [&](auto index) {
+      using Case = std::variant_alternative_t<index, Cases>;
+      if (!chosen) chosen.emplace(std::in_place_index<index>, Case{});
+      if constexpr (Described<Case>) {
+        readMembers(std::get<index>(*chosen));
+      } else {
+        if (cursor_.peek() != '{') throw Unread();
+        cursor_.skip();
+      }
+    });
+  });
+  if (!chosen) throw Unread();
+  return T(std::move(*chosen));
+}
+
+/// Decodes values of the types `Ts...` from the elements of the list that is the whole text,
+/// in order; the elements beyond them are skipped (and checked).
+template <class... Ts>
+std::tuple<Ts...> readList(std::string_view text) {
+  TextReader reader(text);
+  TextCursor& cursor = reader.cursor();
+  cursor.open('[');
+  bool first = true;
+  auto next = [&]<class T>(std::type_identity<T>) {
+    if (!std::exchange(first, false)) cursor.expect(',');
+    return reader.value<T>();
+  };
+  // Braced initialisation reads the elements in order.
+  std::tuple<Ts...> values{next(std::type_identity<Ts>())...};
+  if (sizeof...(Ts) == 0) {
+    if (!cursor.closes(']')) {
+      do {
+        cursor.skip();
+      } while (cursor.take(','));
+      cursor.close(']');
+    }
+  } else {
+    while (cursor.take(',')) cursor.skip();
+    cursor.close(']');
+  }
+  if (!cursor.atEnd()) throw Unread();
+  return values;
+}
+
+}  // namespace corvane::coding::detail
