@@ -30,18 +30,25 @@ namespace {
 
 using namespace corvane;
 
+/// Ten statuses as the daemon sends them: encoded by the library's own encoder.
 std::string tenStatuses() {
-  std::string list;
+  std::vector<ManagedAppStatus> statuses;
   for (int i = 0; i < 10; ++i) {
-    list += fmt::format(
-        R"({}{{"bundleID": "dev.corvane.app{}", "declarationIdentifier": "D{}",
-            "declarationKey": "K{}", "state": "managed", "updateState": "promptingForUpdateLogin",
-            "reasons": ["updateAvailable"], "name": "App {}",
-            "installedVersionInfo": {{"pomeralVersionID": {}, "bundleVersion": "1{}",
-                                     "bundleShortVersion": "1.0"}}}})",
-        i == 0 ? "" : ",", i, i, i, i, 1000 + i, i);
+    ManagedAppStatus status;
+    status.bundleID = fmt::format("dev.corvane.app{}", i);
+    status.declarationIdentifier = fmt::format("D{}", i);
+    status.declarationKey = fmt::format("K{}", i);
+    status.state = ManagedAppStatus::State::managed;
+    status.updateState = ManagedAppStatus::UpdateState::promptingForUpdateLogin;
+    status.reasons = {ManagedAppStatus::Reason::updateAvailable};
+    status.name = fmt::format("App {}", i);
+    status.installedVersionInfo =
+        ManagedAppStatus::InstalledVersionInfo{1000 + i, fmt::format("1{}", i), "1.0"};
+    statuses.push_back(std::move(status));
   }
-  return R"([{"success": {"_0": [)" + list + "]}}]";
+  const Bytes reply =
+      TetherEncoder::encode(ServiceResult<std::vector<ManagedAppStatus>>::success(statuses));
+  return std::string(reply.view());
 }
 
 /// The daemon, the shared connection pointed at it, and a plain facility connection to it; made
