@@ -152,9 +152,10 @@ class TextCursor {
     const bool negative = at != end_ && *at == '-';
     if (negative) ++at;
     const char* first = at;
-    std::int64_t magnitude = 0;
+    // Nineteen digits at most, which an unsigned 64-bit integer always holds.
+    std::uint64_t magnitude = 0;
     while (at != end_ && *at >= '0' && *at <= '9' && at - first < 19) {
-      magnitude = magnitude * 10 + (*at++ - '0');
+      magnitude = magnitude * 10 + static_cast<std::uint64_t>(*at++ - '0');
     }
     const auto digits = at - first;
     // Leading zeros, fractions, exponents and longer integers take the general way.
@@ -163,7 +164,8 @@ class TextCursor {
       return std::nullopt;
     }
     at_ = at;
-    return negative ? -magnitude : magnitude;
+    const auto value = static_cast<std::int64_t>(magnitude);  // below 10^18
+    return negative ? -value : value;
   }
   /// The next token, a number, true, false or null, as a value (default storage, no allocation).
   [[nodiscard]] boost::json::value scalar();
