@@ -4,7 +4,11 @@
 
 #include <fmt/format.h>
 
+#include <map>
+#include <mutex>
+#include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace corvane {
 
@@ -12,7 +16,42 @@ namespace service::detail {
 /// The push hub that the connection exports. Defined by the push layer above this one, so that
 /// the includes keep pointing down while the link brings the hub in with the connection.
 std::shared_ptr<ipc::ExportedObject> pushHub();
+/// The observers of a connection's losses, shared with the observations that remove them.
+struct LossObservers {
+  std::mutex mutex;
+  std::uint64_t nextId = 1;
+  std::map<std::uint64_t, std::shared_ptr<const std::function<void()>>> observers;
+
+  void remove(std::uint64_t id) {
+    const std::lock_guard registry(mutex);
+    observers.erase(id);
+  }
+
+  // Logs the loss, then calls the observers registered now, without the lock.
+  void lost(std::string_view logLine) {
+    LogCategory::tether().error("{}", logLine);
+    std::vector<std::shared_ptr<const std::function<void()>>> current;
+    {
+      const std::lock_guard registry(mutex);
+      for (const auto& [id, observer] : observers) current.push_back(observer);
+    }
+    for (const auto& observer : current) (*observer)();
+  }
+};
 }  // namespace service::detail
+
+LossObservation& LossObservation::operator=(LossObservation&& other) noexcept {
+  if (this != &other) {
+    if (const auto observers = observers_.lock()) observers->remove(id_);
+    observers_ = std::move(other.observers_);
+    id_ = other.id_;
+  }
+  return *this;
+}
+
+LossObservation::~LossObservation() {
+  if (const auto observers = observers_.lock()) observers->remove(id_);
+}
 
 namespace {
 
@@ -66,10 +105,11 @@ ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirecto
   connection_->setExportedObject(service::detail::pushHub());
   connection_->setRemoteObjectInterface(ServiceProtocol::interface());
   // Neither handler holds on to this object; the connection reconnects by itself.
+  lossObservers_ = std::make_shared<service::detail::LossObservers>();
   connection_->setInterruptionHandler(
-      [] { LogCategory::tether().error("Daemon connection interrupted"); });
+      [observers = lossObservers_] { observers->lost("Daemon connection interrupted"); });
   connection_->setInvalidationHandler(
-      [] { LogCategory::tether().error("Daemon connection invalidated"); });
+      [observers = lossObservers_] { observers->lost("Daemon connection invalidated"); });
   connection_->resume();
   proxy_.emplace(connection_->remoteObjectProxy<ServiceProtocol>({}));
   synchronousProxy_.emplace(connection_->synchronousRemoteObjectProxy<ServiceProtocol>({}));
@@ -77,6 +117,14 @@ ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirecto
 
 ServiceConnection::~ServiceConnection() {
   connection_->invalidate();
+}
+
+LossObservation ServiceConnection::observeLoss(std::function<void()> onLost) {
+  auto observer = std::make_shared<const std::function<void()>>(std::move(onLost));
+  const std::lock_guard registry(lossObservers_->mutex);
+  const std::uint64_t id = lossObservers_->nextId++;
+  lossObservers_->observers.emplace(id, std::move(observer));
+  return {lossObservers_, id};
 }
 
 ipc::DeliveryExecutor ServiceConnection::executor() const {

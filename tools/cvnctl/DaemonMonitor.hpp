@@ -2,22 +2,23 @@
 
 #include "Inbox.hpp"
 
+#include <corvane/service/ServiceConnection.hpp>
+
 #include <functional>
 
 namespace cvnctl {
 
 /// Notices the daemon going away: while it lives, an interruption or invalidation of the
-/// library's shared connection (`ServiceConnection::shared().connection()`) posts `onLost` to the
-/// inbox. Destruction puts back handlers that only log, as the library's own do.
+/// library's shared connection posts `onLost` to the inbox.
 ///
 /// The connection reports an interruption only while it is connected, so make a call (any call)
 /// before relying on it.
 class DaemonMonitor {
  public:
   DaemonMonitor(Inbox inbox, std::function<void()> onLost);
-  ~DaemonMonitor();
-  DaemonMonitor(const DaemonMonitor&) = delete;
-  DaemonMonitor& operator=(const DaemonMonitor&) = delete;
+
+ private:
+  corvane::LossObservation observation_;
 };
 
 }  // namespace cvnctl

@@ -18,7 +18,9 @@
 #include <boost/asio/prefer.hpp>
 #include <boost/asio/system_executor.hpp>
 
+#include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <tuple>
@@ -34,6 +36,30 @@ namespace corvane {
 template <class Value>
 using ServiceSignature = std::conditional_t<std::is_same_v<Value, None>, void(std::exception_ptr),
                                             void(std::exception_ptr, Value)>;
+
+namespace service::detail {
+struct LossObservers;
+}  // namespace service::detail
+
+/// Keeps an observer registered with `ServiceConnection::observeLoss`; destroying it (or
+/// moving another into it) removes the observer. It may outlive the connection.
+class LossObservation {
+ public:
+  LossObservation() noexcept = default;
+  LossObservation(std::weak_ptr<service::detail::LossObservers> observers,
+                  std::uint64_t id) noexcept
+      : observers_(std::move(observers)), id_(id) {}
+  LossObservation(LossObservation&& other) noexcept
+      : observers_(std::move(other.observers_)), id_(other.id_) {}
+  LossObservation& operator=(LossObservation&& other) noexcept;
+  LossObservation(const LossObservation&) = delete;
+  LossObservation& operator=(const LossObservation&) = delete;
+  ~LossObservation();
+
+ private:
+  std::weak_ptr<service::detail::LossObservers> observers_;
+  std::uint64_t id_ = 0;
+};
 
 /// The library's one connection to the daemon's agent service.
 ///
@@ -72,6 +98,13 @@ class ServiceConnection {
   /// The connection underneath (the push hub exports itself through it).
   [[nodiscard]] ipc::Connection& connection() noexcept { return *connection_; }
 
+  /// Calls `onLost` each time the connection is interrupted (the daemon went away; the next call
+  /// connects again) and once when it is invalidated, after the log line, on `executor()`, until
+  /// the returned observation is destroyed. A call already under way when it is destroyed still
+  /// finishes. The connection reports an interruption only while it is connected: make a call
+  /// first. Throws only `std::bad_alloc`.
+  [[nodiscard]] LossObservation observeLoss(std::function<void()> onLost);
+
   /// Sends one remote operation asynchronously and delivers its decoded reply through any Asio
   /// completion token (a callback, `use_future`, `use_awaitable`, `deferred`, ...).
   ///
@@ -100,6 +133,7 @@ class ServiceConnection {
   static Value withSyncService(Arguments arguments, Body body);
 
  private:
+  std::shared_ptr<service::detail::LossObservers> lossObservers_;
   std::unique_ptr<ipc::Connection> connection_;
   // Made once: a proxy holds no state of a call, so every call shares them.
   std::optional<ServiceProtocol> proxy_;

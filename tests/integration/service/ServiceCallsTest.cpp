@@ -504,6 +504,30 @@ TEST_P(ServiceCallsTest, ADaemonLostMidCallFailsItOnceAndTheNextCallReconnects) 
   EXPECT_EQ(log.count(platform::LogLevel::error, "Daemon connection interrupted"), 1U);
 }
 
+using ServiceConnectionLoss = ServiceCallsTest;
+
+TEST_F(ServiceConnectionLoss, ObserversHearOfEachLossUntilTheyStop) {
+  auto daemon = std::make_unique<FakeDaemon>(directory.path());
+  Counter first;
+  Counter second;
+  auto& connection = ServiceConnection::shared();
+  std::optional<LossObservation> stopsEarly(connection.observeLoss([&] { first.add(); }));
+  const LossObservation staysOn = connection.observeLoss([&] { second.add(); });
+  ASSERT_FALSE(performer(DDMRemoveManagedAppRequest{"I"})(Form::synchronous).failure);
+  daemon.reset();
+  ASSERT_TRUE(first.waitFor(1));
+  ASSERT_TRUE(second.waitFor(1));
+
+  stopsEarly.reset();
+  daemon = std::make_unique<FakeDaemon>(directory.path());
+  ASSERT_FALSE(performer(DDMRemoveManagedAppRequest{"I"})(Form::synchronous).failure);
+  daemon.reset();
+  ASSERT_TRUE(second.waitFor(2));
+  EXPECT_EQ(first.value(), 1);
+  // The connection's own log line is written for each loss, observed or not.
+  EXPECT_EQ(log.count(platform::LogLevel::error, "Daemon connection interrupted"), 2U);
+}
+
 INSTANTIATE_TEST_SUITE_P(Forms, ServiceCallsTest,
                          ::testing::Values(Form::callback, Form::future, Form::awaitable,
                                            Form::synchronous),
