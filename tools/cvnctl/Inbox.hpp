@@ -14,7 +14,7 @@ namespace cvnctl {
 /// interruption) never touches a loop that has finished. Copies share one inbox.
 class Inbox {
  public:
-  explicit Inbox(boost::asio::io_context::executor_type executor)
+  explicit Inbox(const boost::asio::io_context::executor_type& executor)
       : state_(std::make_shared<State>(executor)) {}
 
   /// Runs `function` on the loop, unless the inbox is closed. Any thread.
@@ -35,7 +35,7 @@ class Inbox {
 
  private:
   struct State {
-    explicit State(boost::asio::io_context::executor_type loop) : executor(loop) {}
+    explicit State(const boost::asio::io_context::executor_type& loop) : executor(loop) {}
     bool isOpen() {
       const std::lock_guard lock(mutex);
       return open;
