@@ -6,6 +6,7 @@
 // asynchronous status requests in flight and reports completed calls per second, decoding
 // included; `servicePipelinedNoValue` does the same with a remove request, whose reply carries
 // no value. Each case runs unpinned and with every thread of the process on CPU 0.
+// `decodeStatusReply` times decoding alone.
 
 #include "BenchSupport.hpp"
 
@@ -178,6 +179,27 @@ void servicePipelinedNoValue(benchmark::State& state) {
 
 }  // namespace
 
+/// Decoding alone: the status reply straight from its text (what every call does), then, for as
+/// many decodes, through a tree of values (what a reply the direct reading leaves behind costs);
+/// `ratio` is the first over the second.
+void decodeStatusReply(benchmark::State& state) {
+  const Bytes reply(tenStatuses());
+  using Reply = ServiceResult<std::vector<ManagedAppStatus>>;
+  auto start = std::chrono::steady_clock::now();
+  for (auto _ : state) benchmark::DoNotOptimize(TetherDecoder<Reply>::decode(reply));
+  const std::chrono::duration<double, std::nano> direct = std::chrono::steady_clock::now() - start;
+  start = std::chrono::steady_clock::now();
+  for (std::int64_t i = 0; i < state.iterations(); ++i) {
+    benchmark::DoNotOptimize(coding::detail::decodeFromTree<Reply>(reply.span()));
+  }
+  const std::chrono::duration<double, std::nano> tree = std::chrono::steady_clock::now() - start;
+  const auto iterations = static_cast<double>(state.iterations());
+  state.counters["ns_per_decode"] = direct.count() / iterations;
+  state.counters["tree_ns"] = tree.count() / iterations;
+  state.counters["ratio"] = direct.count() / tree.count();
+}
+
+BENCHMARK(decodeStatusReply)->UseRealTime();
 BENCHMARK(serviceSync)->Arg(0)->Arg(1)->UseRealTime();
 BENCHMARK(servicePipelined)->Arg(0)->Arg(1)->UseRealTime();
 BENCHMARK(servicePipelinedNoValue)->Arg(0)->Arg(1)->UseRealTime();
