@@ -35,6 +35,7 @@
 #include <sstream>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace corvane::sim {
 
@@ -95,7 +96,7 @@ bool belongsTo(std::int32_t pid, std::uint32_t gid, unsigned group) {
 
 /// The bundle identifier of an enterprise app: "enterprise." and the manifest's file name
 /// without its extension ("https://host/apps/Tool.plist" -> "enterprise.Tool").
-std::string enterpriseBundle(boost::urls::url_view url) {
+std::string enterpriseBundle(const boost::urls::url_view& url) {
   std::string name;
   for (const auto segment : url.segments()) name = segment;
   if (const auto dot = name.rfind('.'); dot != std::string::npos && dot > 0) name.resize(dot);
@@ -150,10 +151,15 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
       tickTimer_(io),
       idleTimer_(io) {
   if (options_.allowGroup) {
-    const ::group* entry = ::getgrnam(options_.allowGroup->c_str());
-    if (entry == nullptr)
+    ::group entry{};
+    ::group* found = nullptr;
+    std::vector<char> strings(16384);
+    if (::getgrnam_r(options_.allowGroup->c_str(), &entry, strings.data(), strings.size(), &found)
+            != 0
+        || found == nullptr) {
       throw std::invalid_argument("unknown group '" + *options_.allowGroup + "'");
-    allowedGroup_ = entry->gr_gid;
+    }
+    allowedGroup_ = entry.gr_gid;
   }
   // Take up the stored state: declarations, then the apps with where their installs stood.
   for (const auto& stored : store_.declarations()) {
@@ -256,7 +262,7 @@ void Daemon::clientGone(std::uint64_t id) {
   idleSince_ = std::chrono::steady_clock::now();
 }
 
-void Daemon::send(Client& client, std::vector<TetherClientMessage> messages) {
+void Daemon::send(Client& client, const std::vector<TetherClientMessage>& messages) {
   PeerReceiver receiver(client.proxy);
   corvane::send(receiver, messages);
 }
@@ -404,7 +410,7 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
 }
 
 Bytes Daemon::removeDeclaration(const Bytes& argument) {
-  auto [identifier] = TetherDecoder<std::string>::decode(argument);
+  const std::string identifier = std::get<0>(TetherDecoder<std::string>::decode(argument));
   if (!declarations_.contains(identifier))
     throw Refusal(fmt::format("no declaration {}", identifier));
   if (const auto bundleID = bundleOfDeclaration(identifier)) engine_.remove(*bundleID);
@@ -621,7 +627,7 @@ void Daemon::sendCurrentState(Client& client, const MessageRegistration& registr
         }
       },
       registration.cases());
-  if (!messages.empty()) send(client, std::move(messages));
+  if (!messages.empty()) send(client, messages);
 }
 
 std::vector<ManagedApp> Daemon::catalogEntries() const {
@@ -685,7 +691,7 @@ void Daemon::commit(Extra&& extra) {
       batch.push_back(TetherClientMessage{TetherClientMessage::MessageType::appProgress(
           AppProgress{state, change.record.bundleID, change.record.uuid})});
     }
-    if (!batch.empty()) send(client, std::move(batch));
+    if (!batch.empty()) send(client, batch);
   }
   for (const auto& change : changes) {
     if (change.phaseChanged && !change.removed)

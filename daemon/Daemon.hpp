@@ -99,7 +99,7 @@ class Daemon {
   void commit();
   void publishCatalog();
   void sendCurrentState(Client& client, const MessageRegistration& registration);
-  void send(Client& client, std::vector<TetherClientMessage> messages);
+  void send(Client& client, const std::vector<TetherClientMessage>& messages);
   void scheduleTick();
   void scheduleIdleCheck();
   [[nodiscard]] std::vector<ManagedApp> catalogEntries() const;

@@ -66,6 +66,7 @@ void HumanOutput::statuses(const std::vector<corvane::ManagedAppStatus>& statuse
     return;
   }
   std::vector<std::array<std::string, 7>> rows;
+  rows.reserve(statuses.size());
   for (const auto& status : statuses) {
     rows.push_back({status.declarationIdentifier, status.declarationKey, status.bundleID,
                     std::string(corvane::rawValue(status.state)), joinReasons(status.reasons),
@@ -85,6 +86,7 @@ void HumanOutput::catalog(const std::vector<corvane::ManagedApp>& apps) {
     return;
   }
   std::vector<std::array<std::string, 5>> rows;
+  rows.reserve(apps.size());
   for (const auto& app : apps) {
     rows.push_back({app.declarationIdentifier(), app.bundleID(),
                     app.itemID() ? std::to_string(*app.itemID()) : std::string("-"),

@@ -75,7 +75,8 @@ ExitStatus runProgress(const Options& options, Output& output) {
   prepare(loop, options, output);
   auto progress = corvane::ManagedAppLibrary::shared().progressUpdates();
   return follow<corvane::AsyncStream<corvane::AppProgress>, corvane::AppProgress>(
-      loop, progress, output, [&output](corvane::AppProgress value) { output.progress(value); });
+      loop, progress, output,
+      [&output](const corvane::AppProgress& value) { output.progress(value); });
 }
 
 ExitStatus runState(const Options& options, Output& output) {
@@ -102,7 +103,7 @@ ExitStatus runState(const Options& options, Output& output) {
   prepare(loop, options, output);
   auto states = app.stateUpdates();
   return follow<corvane::AsyncStream<corvane::AppState>, corvane::AppState>(
-      loop, states, output, [&output, &options](corvane::AppState state) {
+      loop, states, output, [&output, &options](const corvane::AppState& state) {
         output.state(options.bundleID, state, true);
       });
 }
