@@ -2,7 +2,6 @@
 
 #include <corvane/coding/Coding.hpp>
 
-#include <boost/describe/enumerators.hpp>
 #include <boost/describe/members.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/value.hpp>
@@ -128,7 +127,10 @@ class TextCursor {
     if (!closes(c)) throw Unread();
   }
   /// Whether the whole text has been read.
-  [[nodiscard]] bool atEnd() noexcept { return peek() == '\0' && at_ == end_; }
+  [[nodiscard]] bool atEnd() noexcept {
+    skipSpace();
+    return at_ == end_;
+  }
 
   /// Takes the next token if it is the string `name` written plainly (no escapes), which must be
   /// plain ASCII without quotes, backslashes or control characters, as member and case names are.
@@ -173,6 +175,11 @@ class TextCursor {
   [[nodiscard]] bool takeNull();
   /// Skips the next value of any kind, checking it as thoroughly as reading it would.
   void skip();
+  /// Skips the next value, which must be an object.
+  void skipObject() {
+    if (peek() != '{') throw Unread();
+    skip();
+  }
   /// Skips the next value and returns its text.
   [[nodiscard]] std::string_view skipped();
 
@@ -267,19 +274,6 @@ class TextReader {
 
   TextCursor cursor_;
 };
-
-/// The case of a raw-value enum named `name`, or empty.
-template <class E>
-[[nodiscard]] std::optional<E> caseNamed(std::string_view name) noexcept {
-  static constexpr auto cases = []<template <class...> class L, class... D>(L<D...>) {
-    return std::array<std::pair<std::string_view, E>, sizeof...(D)>{
-        std::pair<std::string_view, E>{D::name, D::value}...};
-  }(boost::describe::describe_enumerators<E>());
-  for (const auto& [caseName, value] : cases) {
-    if (sameText(caseName, name)) return value;
-  }
-  return std::nullopt;
-}
 
 template <class T>
 void TextReader::read(T& out) {
@@ -425,22 +419,21 @@ void TextReader::readMembers(T& out) {
 template <class E>
 E TextReader::readEnum() {
   if constexpr (enumCoding<E> == EnumCoding::stringRawValue) {
-    if (auto found = caseNamed<E>(cursor_.string())) return *found;
+    if (auto found = fromCaseName<E>(cursor_.string())) return *found;
     throw Unread();
   } else if constexpr (enumCoding<E> == EnumCoding::caseKeyed) {
     // Only keys that name a case count; exactly one case must be named (as often as it likes),
     // its payload an object.
     std::optional<E> found;
     forEachEntry([&](std::string_view key) {
-      const std::optional<E> named = caseNamed<E>(key);
+      const std::optional<E> named = fromCaseName<E>(key);
       if (!named) {
         cursor_.skip();
         return;
       }
       if (found && *found != *named) throw Unread();
       found = named;
-      if (cursor_.peek() != '{') throw Unread();
-      cursor_.skip();
+      cursor_.skipObject();
     });
     if (!found) throw Unread();
     return *found;
@@ -474,8 +467,7 @@ T TextReader::readCases() {
       if constexpr (Described<Case>) {
         readMembers(std::get<index>(*chosen));
       } else {
-        if (cursor_.peek() != '{') throw Unread();
-        cursor_.skip();
+        cursor_.skipObject();
       }
     });
   });
