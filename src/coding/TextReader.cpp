@@ -1,10 +1,12 @@
 #include <corvane/coding/detail/TextReader.hpp>
 
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cstdint>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -78,6 +80,22 @@ namespace {
   return -1;
 }
 
+// The character a one-letter escape ("\\n") stands for; '\0' for a letter that is none.
+[[nodiscard]] char unescapedLetter(char letter) noexcept {
+  constexpr std::array<std::pair<char, char>, 8> escapes{{{'"', '"'},
+                                                          {'\\', '\\'},
+                                                          {'/', '/'},
+                                                          {'b', '\b'},
+                                                          {'f', '\f'},
+                                                          {'n', '\n'},
+                                                          {'r', '\r'},
+                                                          {'t', '\t'}}};
+  for (const auto& [escape, stands] : escapes) {
+    if (escape == letter) return stands;
+  }
+  return '\0';
+}
+
 void appendUtf8(std::string& out, std::uint32_t cp) {
   if (cp < 0x80) {
     out.push_back(static_cast<char>(cp));
@@ -149,48 +167,24 @@ std::string_view TextCursor::escapedString(const char* start) {
       continue;
     }
     if (++at_ == end_) throw Unread();
-    switch (*at_++) {
-      case '"':
-        unescaped_.push_back('"');
-        break;
-      case '\\':
-        unescaped_.push_back('\\');
-        break;
-      case '/':
-        unescaped_.push_back('/');
-        break;
-      case 'b':
-        unescaped_.push_back('\b');
-        break;
-      case 'f':
-        unescaped_.push_back('\f');
-        break;
-      case 'n':
-        unescaped_.push_back('\n');
-        break;
-      case 'r':
-        unescaped_.push_back('\r');
-        break;
-      case 't':
-        unescaped_.push_back('\t');
-        break;
-      case 'u': {
-        std::uint32_t cp = unit();
-        if (cp >= 0xDC00 && cp <= 0xDFFF) throw Unread();  // a trailing surrogate alone
-        if (cp >= 0xD800 && cp <= 0xDBFF) {
-          // Only a leading surrogate followed by a trailing one is taken.
-          if (end_ - at_ < 2 || at_[0] != '\\' || at_[1] != 'u') throw Unread();
-          at_ += 2;
-          const std::uint32_t trailing = unit();
-          if (trailing < 0xDC00 || trailing > 0xDFFF) throw Unread();
-          cp = 0x10000 + ((cp - 0xD800) << 10U) + (trailing - 0xDC00);
-        }
-        appendUtf8(unescaped_, cp);
-        break;
-      }
-      default:
-        throw Unread();
+    const char letter = *at_++;
+    if (letter != 'u') {
+      const char stands = unescapedLetter(letter);
+      if (stands == '\0') throw Unread();
+      unescaped_.push_back(stands);
+      continue;
     }
+    std::uint32_t cp = unit();
+    if (cp >= 0xDC00 && cp <= 0xDFFF) throw Unread();  // a trailing surrogate alone
+    if (cp >= 0xD800 && cp <= 0xDBFF) {
+      // Only a leading surrogate followed by a trailing one is taken.
+      if (end_ - at_ < 2 || at_[0] != '\\' || at_[1] != 'u') throw Unread();
+      at_ += 2;
+      const std::uint32_t trailing = unit();
+      if (trailing < 0xDC00 || trailing > 0xDFFF) throw Unread();
+      cp = 0x10000 + ((cp - 0xD800) << 10U) + (trailing - 0xDC00);
+    }
+    appendUtf8(unescaped_, cp);
   }
 }
 
