@@ -7,6 +7,7 @@
 #include <boost/json/value.hpp>
 #include <boost/mp11/algorithm.hpp>
 
+#include <algorithm>
 #include <array>
 #include <concepts>
 #include <cstddef>
@@ -49,6 +50,13 @@ template <class T>
 struct IsStringMap<std::map<std::string, T>> : std::true_type {};
 template <class T>
 struct IsSharedConst : std::false_type {};
+/// Converts to a new T made by `Access`: a container given one constructs the T in place, where
+/// `Access::make<T>()` itself would make a temporary to move in and destroy.
+template <class T>
+struct Made {
+  // NOLINTNEXTLINE(google-explicit-constructor): the conversion is the point
+  [[nodiscard]] operator T() const { return Access::make<T>(); }
+};
 template <class T>
 struct IsSharedConst<std::shared_ptr<const T>> : std::true_type {};
 
@@ -125,6 +133,14 @@ class TextCursor {
   /// Takes the ']' or '}' that closes a container; throws `Unread` if it does not come next.
   void close(char c) {
     if (!closes(c)) throw Unread();
+  }
+  /// Where the cursor stands in the text.
+  [[nodiscard]] const char* position() const noexcept { return at_; }
+  /// How many more values of the size of the one read since `start` the rest of the text would
+  /// hold, at most `limit`.
+  [[nodiscard]] std::size_t estimateMore(const char* start, std::size_t limit) const noexcept {
+    const auto size = static_cast<std::size_t>(at_ - start);
+    return size == 0 ? 0 : std::min(limit, static_cast<std::size_t>(end_ - at_) / size);
   }
   /// Whether the whole text has been read.
   [[nodiscard]] bool atEnd() noexcept {
@@ -272,6 +288,9 @@ class TextReader {
     cursor_.close(']');
   }
 
+  // The most records a list reserves room for ahead (see `read`).
+  static constexpr std::size_t maxReservedRecords = 15;
+
   TextCursor cursor_;
 };
 
@@ -281,13 +300,16 @@ void TextReader::read(T& out) {
   if constexpr (!HasGenericCoding<T>) {
     out = throughCoding<T>();
   } else if constexpr (std::same_as<T, std::string>) {
-    out.assign(cursor_.string());
+    // Appending to an emptied string copies without the overlap checks of `assign`.
+    const std::string_view text = cursor_.string();
+    out.clear();
+    out.append(text);
   } else if constexpr (IsOptional<T>::value) {
     using Value = typename T::value_type;
     if (cursor_.takeNull()) {
       out.reset();
     } else if constexpr (ReadInPlace<Value>) {
-      if (!out) out.emplace(Access::make<Value>());
+      if (!out) out.emplace(Made<Value>());
       read(*out);
     } else {
       out = value<Value>();
@@ -295,11 +317,17 @@ void TextReader::read(T& out) {
   } else if constexpr (IsVector<T>::value) {
     using Element = typename T::value_type;
     out.clear();
+    const char* start = cursor_.position();
     forEachElement([&] {
       if constexpr (ReadInPlace<Element>) {
-        read(out.emplace_back(Access::make<Element>()));
+        read(out.emplace_back(Made<Element>()));
       } else {
         out.push_back(value<Element>());
+      }
+      if constexpr (DescribedRecord<Element>) {
+        // Records are large to move: room for as many more as would fit in the rest of the text
+        // at the first one's size, up to a few, saves growing the list one doubling at a time.
+        if (out.size() == 1) out.reserve(1 + cursor_.estimateMore(start, maxReservedRecords));
       }
     });
   } else if constexpr (IsStringMap<T>::value) {
