@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -54,14 +55,25 @@ const char* environmentName(std::string_view domain, std::string_view feature,
   return begin;
 }
 
-// The parsed configuration file, refreshed when the file's identity changes.
+// The parsed configuration file. Its identity is looked at again at most once per
+// `recheckInterval` (a stat(2) per query would be a sizeable share of a service call's cost), and
+// the file is parsed again only when that identity has changed.
 class FileCache {
  public:
   std::optional<bool> lookup(const char* path, std::string_view domain, std::string_view feature) {
+    const auto now = std::chrono::steady_clock::now();
+    {
+      const std::lock_guard fileCache(mutex_);
+      if (checkedAt_ && now - *checkedAt_ < recheckInterval && path_ == path) {
+        return find(domain, feature);
+      }
+    }
     struct stat info {};
     const bool exists = ::stat(path, &info) == 0;
     const std::lock_guard fileCache(mutex_);
+    checkedAt_ = now;
     if (!exists) {
+      path_ = path;
       flags_.clear();
       stamp_.reset();
       return std::nullopt;
@@ -72,11 +84,7 @@ class FileCache {
       reload();
       stamp_ = stamp;
     }
-    const auto features = flags_.find(domain);
-    if (features == flags_.end()) return std::nullopt;
-    const auto it = features->second.find(feature);
-    if (it == features->second.end()) return std::nullopt;
-    return it->second;
+    return find(domain, feature);
   }
 
  private:
@@ -87,6 +95,16 @@ class FileCache {
     ino_t inode;
     bool operator==(const Stamp&) const = default;
   };
+
+  static constexpr std::chrono::milliseconds recheckInterval{1};
+
+  std::optional<bool> find(std::string_view domain, std::string_view feature) const {
+    const auto features = flags_.find(domain);
+    if (features == flags_.end()) return std::nullopt;
+    const auto it = features->second.find(feature);
+    if (it == features->second.end()) return std::nullopt;
+    return it->second;
+  }
 
   void reload() {
     flags_.clear();
@@ -114,6 +132,7 @@ class FileCache {
   std::mutex mutex_;
   std::string path_;  // the file that `stamp_` and `flags_` describe
   std::optional<Stamp> stamp_;
+  std::optional<std::chrono::steady_clock::time_point> checkedAt_;
   // Domain, then feature; looked up by views, without building a key.
   std::map<std::string, std::map<std::string, bool, std::less<>>, std::less<>> flags_;
 };

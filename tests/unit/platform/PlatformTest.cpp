@@ -9,11 +9,13 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <string_view>
 #include <thread>
 #include <unistd.h>
 
@@ -124,6 +126,21 @@ class FeatureFlagsTest : public ::testing::Test {
     std::filesystem::rename(temp, file_);
   }
   void TearDown() override { std::filesystem::remove(file_); }
+
+  // The file is looked at again within a millisecond of a change: asks until `seen` holds,
+  // for at most ten seconds.
+  template <class Seen>
+  static bool eventually(Seen seen) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!seen()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+  static bool serviceIs(bool enabled) {
+    return eventually([&] { return FeatureFlags::isEnabled("Corvane", "Service") == enabled; });
+  }
 };
 
 TEST_F(FeatureFlagsTest, DefaultIsOnWithoutFileOrEnvironment) {
@@ -132,17 +149,20 @@ TEST_F(FeatureFlagsTest, DefaultIsOnWithoutFileOrEnvironment) {
 
 TEST_F(FeatureFlagsTest, FileIsReadAndReReadWhenItChanges) {
   write(R"({"Corvane": {"Service": false, "Other": true}})");
-  EXPECT_FALSE(FeatureFlags::isEnabled("Corvane", "Service"));
+  ASSERT_TRUE(serviceIs(false));
   EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Other"));
   EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Unlisted"));
   write(R"({"Corvane": {"Service": true}})");
-  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Service"));
+  EXPECT_TRUE(serviceIs(true));
+  write(R"({"Corvane": {"Service": false}})");
+  ASSERT_TRUE(serviceIs(false));
   std::filesystem::remove(file_);
-  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Service"));
+  EXPECT_TRUE(serviceIs(true));
 }
 
 TEST_F(FeatureFlagsTest, EnvironmentOverridesTheFile) {
   write(R"({"Corvane": {"Service": false}})");
+  ASSERT_TRUE(serviceIs(false));
   struct Case {
     const char* value;
     bool expected;
@@ -156,13 +176,18 @@ TEST_F(FeatureFlagsTest, EnvironmentOverridesTheFile) {
 
 TEST_F(FeatureFlagsTest, MalformedFileLeavesTheDefaultAndIsReported) {
   const ScopedLogCapture capture;
-  write("{not json");
-  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Service"));
-  write(R"(["Corvane"])");
-  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Service"));
-  write(R"({"Corvane": {"Service": "no"}})");
-  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Service"));
-  EXPECT_EQ(capture.records().size(), 2U);
+  // Each malformed text follows a valid one that switches the service off, so that the switch
+  // coming back on shows the malformed one has been read.
+  std::size_t reports = 0;
+  for (const char* text : {"{not json", R"(["Corvane"])", R"({"Corvane": {"Service": "no"}})"}) {
+    write(R"({"Corvane": {"Service": false}})");
+    ASSERT_TRUE(serviceIs(false));
+    write(text);
+    EXPECT_TRUE(serviceIs(true)) << text;
+    if (std::string_view(text).starts_with("{\"Corvane")) continue;  // valid, only not a switch
+    ++reports;
+  }
+  EXPECT_EQ(capture.records().size(), reports);
 }
 
 TEST(Localization, DescriptionsFollowTheLanguageAndFallBackToTheKey) {
