@@ -3,11 +3,14 @@
 // Raw values of described enums whose raw value is the case name (or its integer value): the
 // text written on the wire and the construction of a case from it.
 
+#include <corvane/coding/detail/SameText.hpp>
+
 #include <boost/describe/enum.hpp>
 #include <boost/describe/enumerators.hpp>
 #include <boost/mp11/algorithm.hpp>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -36,6 +39,33 @@ inline constexpr auto namedCases = []<template <class...> class L, class... D>(L
   return std::array<std::pair<std::string_view, E>, sizeof...(D)>{
       std::pair<std::string_view, E>{D::name, D::value}...};
 }(boost::describe::describe_enumerators<E>());
+
+/// The cases of a described enum ordered by the length of their names, and where each length
+/// starts, so that a name is compared only with the few cases as long as it.
+template <class E>
+struct CasesByLength {
+  static constexpr auto cases = [] {
+    auto sorted = namedCases<E>;
+    // Insertion sort, stable and usable at compile time.
+    for (std::size_t i = 1; i < sorted.size(); ++i) {
+      for (std::size_t j = i; j > 0 && sorted[j - 1].first.size() > sorted[j].first.size(); --j) {
+        std::swap(sorted[j - 1], sorted[j]);
+      }
+    }
+    return sorted;
+  }();
+  static constexpr std::size_t longest = cases.empty() ? 0 : cases.back().first.size();
+  // first[n]: the index of the first case whose name has n or more characters.
+  static constexpr auto first = [] {
+    std::array<std::size_t, longest + 2> out{};
+    std::size_t index = 0;
+    for (std::size_t size = 0; size < out.size(); ++size) {
+      while (index < cases.size() && cases[index].first.size() < size) ++index;
+      out[size] = index;
+    }
+    return out;
+  }();
+};
 }  // namespace detail
 
 /// The case whose name equals `raw` exactly (case-sensitive, no trimming); empty otherwise.
@@ -43,9 +73,12 @@ template <class E>
 requires boost::describe::has_describe_enumerators<E>::value
     [[nodiscard]] constexpr std::optional<E>
     fromCaseName(std::string_view raw) noexcept {
-  // A loop over a table rather than a comparison unrolled per case: quicker for long enums.
-  for (const auto& [name, value] : detail::namedCases<E>) {
-    if (name == raw) return value;
+  using Index = detail::CasesByLength<E>;
+  const std::size_t size = raw.size();
+  if (size > Index::longest) return std::nullopt;
+  for (std::size_t i = Index::first[size]; i < Index::first[size + 1]; ++i) {
+    const auto& [name, value] = Index::cases[i];
+    if (std::is_constant_evaluated() ? name == raw : detail::sameText(name, raw)) return value;
   }
   return std::nullopt;
 }

@@ -8,6 +8,7 @@
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/coding/TetherEncoder.hpp>
 #include <corvane/coding/WireTypes.hpp>
+#include <corvane/coding/detail/SameText.hpp>
 #include <corvane/model/ManagedAppStatus.hpp>
 #include <corvane/requests/DDMDeclarationKeysRequest.hpp>
 
@@ -79,6 +80,10 @@ INSTANTIATE_TEST_SUITE_P(
                       {"name": "b", "count": -9223372036854775808}],
                       "choice": {"number": {"_0": 8.888888888888889E40}}, "shade": "light",
                       "level": 1.0, "flag": false}])"},
+        Accepted{"KeysSpacedOrLongerThanTheExpectedOne",
+                 R"([{"title" : "t", "notes": 1, "note" :"n", "items": [{"name" :"a",
+                      "counts": 5, "count":2}], "choice": {"nothing": {}},"shade":"dark",
+                      "level" :1,"flag":true}])"},
         Accepted{"ElementsBeyondTheFirstAreNotRead",
                  R"([{"title": "t", "items": [], "choice": {"nothing": {}}, "shade": "light",
                       "level": 1, "flag": false}, {"junk": true}])"}),
@@ -94,6 +99,22 @@ TEST(TextReader, TakesTheStatusReply) {
       {"bundleID": "b", "declarationIdentifier": "D1", "declarationKey": "K1", "state": "failed",
        "reasons": [], "name": "App 1"}]}}])");
   expectSameValue<ServiceResult<None>>(R"([{"failure": {"_0": {"deviceNotManaged": {}}}}])");
+}
+
+TEST(TextReader, TakesTheStatusReplyAsTheEncoderWritesIt) {
+  ManagedAppStatus status;
+  status.bundleID = "dev.corvane.a-bundle-of-more-than-32-characters";
+  status.state = ManagedAppStatus::State::managedButUninstalled;
+  status.updateState = ManagedAppStatus::UpdateState::promptingForUpdateLogin;
+  status.reasons = {ManagedAppStatus::Reason::notSupported, ManagedAppStatus::Reason::updateFailed};
+  status.installedVersionInfo = ManagedAppStatus::InstalledVersionInfo{std::nullopt, "1", "1.0"};
+  const std::vector<ManagedAppStatus> statuses(20, status);
+  const Bytes reply =
+      TetherEncoder::encode(ServiceResult<std::vector<ManagedAppStatus>>::success(statuses));
+  expectSameValue<ServiceResult<std::vector<ManagedAppStatus>>>(reply.view());
+  // Decoded and written again, the reply is the same text.
+  const auto [decoded] = TetherDecoder<ServiceResult<std::vector<ManagedAppStatus>>>::decode(reply);
+  EXPECT_EQ(TetherEncoder::encode(decoded), reply);
 }
 
 TEST(TextReader, HandsTypesWithTheirOwnFormToTheirCoding) {
@@ -248,6 +269,42 @@ INSTANTIATE_TEST_SUITE_P(
         Lexical{"TwoDocuments", "[[true]] [[true]]", false}, Lexical{"Unclosed", "[[true]", false},
         Lexical{"NulByteAfter", std::string_view("[[true]]\0", 9), false}),
     [](const auto& p) { return std::string(p.param.name); });
+
+TEST(SameText, ComparesEveryByteOfEveryLength) {
+  for (std::size_t size = 0; size <= 40; ++size) {
+    std::string a(size, ' ');
+    for (std::size_t i = 0; i < size; ++i) a[i] = static_cast<char>('a' + i % 26);
+    EXPECT_TRUE(coding::detail::sameText(a, std::string(a))) << size;
+    EXPECT_FALSE(coding::detail::sameText(a, a + "a")) << size;
+    for (std::size_t i = 0; i < size; ++i) {
+      std::string b = a;
+      b[i] = static_cast<char>(b[i] ^ 0x20);
+      EXPECT_FALSE(coding::detail::sameText(a, b)) << size << " differing at " << i;
+    }
+  }
+}
+
+// Every case is found by its name, and a name that is any other is found as nothing: names of
+// the same length, one letter changed, one letter more or less.
+template <class E>
+void expectEveryCaseNamed() {
+  boost::mp11::mp_for_each<boost::describe::describe_enumerators<E>>([](auto d) {
+    const std::string name = d.name;
+    EXPECT_EQ(coding::fromCaseName<E>(name), d.value) << name;
+    std::string changed = name;
+    changed.back() = static_cast<char>(changed.back() ^ 0x20);
+    EXPECT_EQ(coding::fromCaseName<E>(changed), std::nullopt) << changed;
+    EXPECT_EQ(coding::fromCaseName<E>(name + "s"), std::nullopt) << name;
+    EXPECT_EQ(coding::fromCaseName<E>(name.substr(1)), std::nullopt) << name;
+  });
+  EXPECT_EQ(coding::fromCaseName<E>(""), std::nullopt);
+}
+
+TEST(CaseNames, EveryCaseIsFoundByItsNameAndNoOtherName) {
+  expectEveryCaseNamed<ManagedAppStatus::State>();
+  expectEveryCaseNamed<ManagedAppStatus::Reason>();  // three names of twelve letters
+  expectEveryCaseNamed<ManagedAppStatus::UpdateState>();
+}
 
 TEST(TextReader, LeavesDeepNestingToTheParser) {
   // The parser takes 128 levels; the direct reading stops short of that and leaves the rest to it.

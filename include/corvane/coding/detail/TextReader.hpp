@@ -1,6 +1,7 @@
 #pragma once
 
 #include <corvane/coding/Coding.hpp>
+#include <corvane/coding/detail/SameText.hpp>
 
 #include <boost/describe/members.hpp>
 #include <boost/json/monotonic_resource.hpp>
@@ -59,31 +60,6 @@ struct Made {
 };
 template <class T>
 struct IsSharedConst<std::shared_ptr<const T>> : std::true_type {};
-
-/// Whether two texts are equal; quicker than the library's comparison for the short texts that
-/// keys and case names are.
-[[nodiscard, gnu::always_inline]] inline bool sameText(std::string_view a,
-                                                       std::string_view b) noexcept {
-  const std::size_t size = a.size();
-  if (size != b.size()) return false;
-  // The first and the last bytes of a width, overlapping when the text is shorter than two.
-  const auto ends = [&]<class Word>(std::type_identity<Word>) {
-    const auto word = [](const char* at) {
-      Word w = 0;
-      std::memcpy(&w, at, sizeof w);
-      return w;
-    };
-    return word(a.data()) == word(b.data())
-           && word(a.data() + size - sizeof(Word)) == word(b.data() + size - sizeof(Word));
-  };
-  if (size > 16) return std::memcmp(a.data(), b.data(), size) == 0;
-  if (size >= 8) return ends(std::type_identity<std::uint64_t>());
-  if (size >= 4) return ends(std::type_identity<std::uint32_t>());
-  for (std::size_t i = 0; i < size; ++i) {
-    if (a[i] != b[i]) return false;
-  }
-  return true;
-}
 
 /// The lexical half of `TextReader`: JSON tokens read one at a time from a text, each checked as
 /// strictly as `coding::parseDocument` checks it (strings are valid UTF-8 without raw control
@@ -148,16 +124,16 @@ class TextCursor {
     return at_ == end_;
   }
 
-  /// Takes the next token if it is the string `name` written plainly (no escapes), which must be
-  /// plain ASCII without quotes, backslashes or control characters, as member and case names are.
-  [[nodiscard, gnu::always_inline]] bool takePlain(std::string_view name) noexcept {
+  /// Takes the next tokens if they are exactly `written`, a key as the encoder writes it: quoted,
+  /// without escapes, and followed by its colon ("\"name\":").
+  [[nodiscard, gnu::always_inline]] bool takeWritten(std::string_view written) noexcept {
     skipSpace();
-    const std::size_t size = name.size();
-    if (static_cast<std::size_t>(end_ - at_) < size + 2 || at_[0] != '"' || at_[size + 1] != '"'
-        || !sameText(std::string_view(at_ + 1, size), name)) {
+    const std::size_t size = written.size();
+    if (static_cast<std::size_t>(end_ - at_) < size
+        || !sameText(std::string_view(at_, size), written)) {
       return false;
     }
-    at_ += size + 2;
+    at_ += size;
     return true;
   }
   /// The next token, a string, unescaped. The view is valid until the next string is read.
@@ -218,6 +194,37 @@ class TextCursor {
   int depth_ = 0;
   // The unescaped text of the last string that had escapes.
   std::string unescaped_;
+};
+
+/// The keys of the members `M...` as the encoder writes them, in order: quoted and followed by
+/// their colon ("\"name\":"), so that the key expected next is taken with one comparison.
+template <class... M>
+struct WrittenKeys {
+  static constexpr std::size_t length =
+      ((std::char_traits<char>::length(M::name) + 3) + ... + std::size_t{0});
+  static constexpr std::array<char, length> text = [] {
+    std::array<char, length> out{};
+    std::size_t at = 0;
+    const auto put = [&](std::string_view name) {
+      out[at++] = '"';
+      for (const char c : name) out[at++] = c;
+      out[at++] = '"';
+      out[at++] = ':';
+    };
+    (put(M::name), ...);
+    return out;
+  }();
+  static constexpr std::array<std::string_view, sizeof...(M)> keys = [] {
+    std::array<std::string_view, sizeof...(M)> out{};
+    std::size_t at = 0;
+    std::size_t index = 0;
+    const auto view = [&](std::string_view name) {
+      out[index++] = std::string_view(text.data() + at, name.size() + 3);
+      at += name.size() + 3;
+    };
+    (view(M::name), ...);
+    return out;
+  }();
 };
 
 /// Decodes values straight from a document's text, without building a tree of values first. For
@@ -412,6 +419,7 @@ void TextReader::readMembers(T& out) {
   static constexpr auto names = []<template <class...> class L, class... M>(L<M...>) {
     return std::array<std::string_view, sizeof...(M)>{M::name...};
   }(Members());
+  static constexpr const auto& written = boost::mp11::mp_apply<WrittenKeys, Members>::keys;
   static_assert(names.size() <= 64, "one bit per member");
   std::uint64_t present = 0;
   std::size_t expected = 0;
@@ -419,12 +427,12 @@ void TextReader::readMembers(T& out) {
   if (!cursor_.closes('}')) {
     do {
       std::size_t member = expected;
-      if (member >= names.size() || !cursor_.takePlain(names[member])) {
+      if (member >= names.size() || !cursor_.takeWritten(written[member])) {
         const std::string_view key = cursor_.string();
         member = 0;
         while (member < names.size() && !sameText(names[member], key)) ++member;
+        cursor_.expect(':');
       }
-      cursor_.expect(':');
       if (member == names.size()) {
         cursor_.skip();  // unknown keys are ignored
         continue;
