@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -41,11 +40,16 @@ const char* environmentName(std::string_view domain, std::string_view feature,
   const std::size_t size = prefix.size() + domain.size() + 1 + feature.size();
   char* const begin = size < small.size() ? small.data() : (large.resize(size), large.data());
   char* end = std::ranges::copy(prefix, begin).out;
+  // ASCII only, whatever the locale: an environment variable's name is.
   auto append = [&](std::string_view part) {
     for (const char c : part) {
-      *end++ = std::isalnum(static_cast<unsigned char>(c)) != 0
-                   ? static_cast<char>(std::toupper(static_cast<unsigned char>(c)))
-                   : '_';
+      if (c >= 'a' && c <= 'z') {
+        *end++ = static_cast<char>(c - 'a' + 'A');
+      } else if ((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) {
+        *end++ = c;
+      } else {
+        *end++ = '_';
+      }
     }
   };
   append(domain);
@@ -55,19 +59,20 @@ const char* environmentName(std::string_view domain, std::string_view feature,
   return begin;
 }
 
-// The parsed configuration file. Its identity is looked at again at most once per
-// `recheckInterval` (a stat(2) per query would be a sizeable share of a service call's cost), and
-// the file is parsed again only when that identity has changed.
+// The parsed configuration file. Which file it is ($CORVANE_FEATURES_FILE) and its identity are
+// looked at again at most once per `recheckInterval` (a stat(2) per query would be a sizeable
+// share of a service call's cost), and the file is parsed again only when either has changed.
 class FileCache {
  public:
-  std::optional<bool> lookup(const char* path, std::string_view domain, std::string_view feature) {
+  std::optional<bool> lookup(std::string_view domain, std::string_view feature) {
     const auto now = std::chrono::steady_clock::now();
     {
       const std::lock_guard fileCache(mutex_);
-      if (checkedAt_ && now - *checkedAt_ < recheckInterval && path_ == path) {
-        return find(domain, feature);
-      }
+      if (checkedAt_ && now - *checkedAt_ < recheckInterval) return find(domain, feature);
     }
+    // As configPath(), without building a path.
+    const char* path = std::getenv("CORVANE_FEATURES_FILE");  // NOLINT(concurrency-mt-unsafe)
+    if (path == nullptr) path = defaultConfigPath;
     struct stat info {};
     const bool exists = ::stat(path, &info) == 0;
     const std::lock_guard fileCache(mutex_);
@@ -152,12 +157,8 @@ bool FeatureFlags::isEnabled(std::string_view domain, std::string_view feature) 
     if (const char* value = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
       if (auto answer = parseSwitch(value)) return *answer;
     }
-    // As configPath(), without building a path on every query.
-    const char* path = std::getenv("CORVANE_FEATURES_FILE");  // NOLINT(concurrency-mt-unsafe)
     static FileCache cache;
-    if (auto answer = cache.lookup(path != nullptr ? path : defaultConfigPath, domain, feature)) {
-      return *answer;
-    }
+    if (auto answer = cache.lookup(domain, feature)) return *answer;
   } catch (...) {
     // An unreadable configuration leaves the default.
   }

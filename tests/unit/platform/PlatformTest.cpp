@@ -144,7 +144,8 @@ class FeatureFlagsTest : public ::testing::Test {
 };
 
 TEST_F(FeatureFlagsTest, DefaultIsOnWithoutFileOrEnvironment) {
-  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Service"));
+  EXPECT_TRUE(serviceIs(true));
+  EXPECT_TRUE(FeatureFlags::isEnabled("Corvane", "Unlisted"));
 }
 
 TEST_F(FeatureFlagsTest, FileIsReadAndReReadWhenItChanges) {
