@@ -8,10 +8,6 @@
 #include <system_error>
 #include <utility>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 namespace corvane::coding::detail {
 namespace {
 
@@ -22,21 +18,10 @@ namespace {
 // The first byte from `at` that a string cannot simply contain: a quote, a backslash, a control
 // character or the start of a multibyte sequence; `end` if there is none.
 [[nodiscard]] const char* firstSpecial(const char* at, const char* end) noexcept {
-#if defined(__SSE2__)
-  const __m128i quote = _mm_set1_epi8('"');
-  const __m128i backslash = _mm_set1_epi8('\\');
-  const __m128i lastControl = _mm_set1_epi8(0x1F);
-  while (end - at >= 16) {
-    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));  // NOLINT
-    const __m128i marked = _mm_or_si128(
-        _mm_or_si128(_mm_cmpeq_epi8(chunk, quote), _mm_cmpeq_epi8(chunk, backslash)),
-        // Bytes up to 0x1F; the chunk's own top bits mark the bytes from 0x80.
-        _mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(chunk, lastControl), lastControl), chunk));
-    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(marked));
-    if (mask != 0) return at + std::countr_zero(mask);
-    at += 16;
+  while (end - at >= specialScanWidth) {
+    if (const unsigned mask = specialBytes(at); mask != 0) return at + std::countr_zero(mask);
+    at += specialScanWidth;
   }
-#endif
   while (at != end && !isSpecial(static_cast<unsigned char>(*at))) ++at;
   return at;
 }
@@ -116,7 +101,7 @@ void appendUtf8(std::string& out, std::uint32_t cp) {
 
 }  // namespace
 
-std::string_view TextCursor::string() {
+std::string_view TextCursor::anyString() {
   if (peek() != '"') throw Unread();
   const char* start = ++at_;
   for (;;) {

@@ -166,11 +166,13 @@ void PrintTo(const Lexical& l, std::ostream* os) {
   *os << l.name;
 }
 
-// `asElement`: the document is the list's one element.
+// `asElement`: the document is the list's one element. `padding`: whitespace after it, so
+// that every token is read with many bytes still ahead (strings are scanned a block at a time).
 template <class T>
-void expectLexical(const Lexical& c, bool asElement) {
+void expectLexical(const Lexical& c, bool asElement, std::size_t padding = 0) {
   const std::string document =
-      asElement ? "[" + std::string(c.document) + "]" : std::string(c.document);
+      (asElement ? "[" + std::string(c.document) + "]" : std::string(c.document))
+      + std::string(padding, ' ');
   const auto direct = coding::detail::decodeDirectly<T>(bytes(document));
   EXPECT_EQ(direct.has_value(), c.taken) << document;
   if (!direct) return;
@@ -188,6 +190,7 @@ void expectLexical(const Lexical& c, bool asElement) {
 class Strings : public ::testing::TestWithParam<Lexical> {};
 TEST_P(Strings, AsTheParserReadsThem) {
   expectLexical<std::vector<std::string>>(GetParam(), true);
+  expectLexical<std::vector<std::string>>(GetParam(), true, 40);
 }
 INSTANTIATE_TEST_SUITE_P(
     Lexical, Strings,

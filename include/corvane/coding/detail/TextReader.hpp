@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +25,10 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace corvane::coding::detail {
 
@@ -60,6 +65,31 @@ struct Made {
 };
 template <class T>
 struct IsSharedConst<std::shared_ptr<const T>> : std::true_type {};
+
+/// How many bytes `specialBytes` looks at.
+inline constexpr std::ptrdiff_t specialScanWidth = 16;
+
+/// One bit for each of the 16 bytes at `at` that a string cannot simply contain: a quote, a
+/// backslash, a control character or a byte of a multibyte sequence.
+[[nodiscard, gnu::always_inline]] inline unsigned specialBytes(const char* at) noexcept {
+#if defined(__SSE2__)
+  const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));  // NOLINT
+  const __m128i lastControl = _mm_set1_epi8(0x1F);
+  const __m128i marked = _mm_or_si128(
+      _mm_or_si128(_mm_cmpeq_epi8(chunk, _mm_set1_epi8('"')),
+                   _mm_cmpeq_epi8(chunk, _mm_set1_epi8('\\'))),
+      // Bytes up to 0x1F; the chunk's own top bits mark the bytes from 0x80.
+      _mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(chunk, lastControl), lastControl), chunk));
+  return static_cast<unsigned>(_mm_movemask_epi8(marked));
+#else
+  unsigned mask = 0;
+  for (int i = 0; i < specialScanWidth; ++i) {
+    const auto c = static_cast<unsigned char>(at[i]);
+    if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) mask |= 1U << i;
+  }
+  return mask;
+#endif
+}
 
 /// The lexical half of `TextReader`: JSON tokens read one at a time from a text, each checked as
 /// strictly as `coding::parseDocument` checks it (strings are valid UTF-8 without raw control
@@ -137,7 +167,23 @@ class TextCursor {
     return true;
   }
   /// The next token, a string, unescaped. The view is valid until the next string is read.
-  [[nodiscard]] std::string_view string();
+  [[nodiscard]] std::string_view string() {
+    // Most strings are plain and close within a few bytes of their opening quote.
+    if (at_ != end_ && *at_ == '"') {
+      const char* at = at_ + 1;
+      while (end_ - at >= specialScanWidth) {
+        if (const unsigned mask = specialBytes(at); mask != 0) {
+          at += std::countr_zero(mask);
+          if (*at != '"') break;
+          const std::string_view text(at_ + 1, static_cast<std::size_t>(at - at_ - 1));
+          at_ = at + 1;
+          return text;
+        }
+        at += specialScanWidth;
+      }
+    }
+    return anyString();
+  }
   /// Takes the next token if it is an integer of at most 18 digits (which the parser reads as an
   /// int64), and returns it; empty, having taken nothing, for any other token.
   [[nodiscard]] std::optional<std::int64_t> takeShortInteger() noexcept {
@@ -185,6 +231,7 @@ class TextCursor {
       ++at_;
     }
   }
+  std::string_view anyString();
   std::string_view escapedString(const char* start);
   void literal(std::string_view word);
   void multibyte();
