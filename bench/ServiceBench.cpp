@@ -163,7 +163,7 @@ void pipelinedRequests(benchmark::State& state, const Request& request) {
   constexpr int window = 256;
   std::atomic<std::int64_t> failures{0};
   corvane::bench::pipelined(state, window, [&](auto& done) {
-    request.perform([&](std::exception_ptr failure, auto&&... value) {
+    request.perform([&](const std::exception_ptr& failure, auto&&... value) {
       (benchmark::DoNotOptimize(value), ...);
       if (failure) ++failures;
       done();
