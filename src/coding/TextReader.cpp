@@ -181,7 +181,13 @@ void TextCursor::literal(std::string_view word) {
   at_ += word.size();
 }
 
-bool TextCursor::takeNull() {
+bool TextCursor::takeAfterSpace(char c) noexcept {
+  if (peek() != c) return false;
+  ++at_;
+  return true;
+}
+
+bool TextCursor::takeNullAfterSpace() {
   if (peek() != 'n') return false;
   literal("null");
   return true;

@@ -145,6 +145,13 @@ TEST(TextReader, LeavesEveryDocumentTheTreeRejectsToTheTree) {
            R"([{"title": "t", "items": [{"name": "a", "count": 5.5}], "choice": {"nothing": {}}}])",
            R"([{"title": "t", "items": [], "choice": {"pair": {"_0": {"name": "p"},
                 "colour": {"red": {}, "green": {}}}}}])",
+           // Written as the encoder writes, in order, but not well formed.
+           R"([{"title":"t","items":[],"choice":{"nothing":{}},}])",
+           R"([{"title":"t""items":[],"choice":{"nothing":{}}}])",
+           R"([{"title""t","items":[],"choice":{"nothing":{}}}])",
+           R"([{,"title":"t","items":[],"choice":{"nothing":{}}}])",
+           R"([{"title":"t",,"items":[],"choice":{"nothing":{}}}])",
+           R"([{"title":"t","items":[],"choice":{"nothing":{}})",
        }) {
     EXPECT_FALSE(coding::detail::decodeDirectly<Sample>(bytes(document)).has_value()) << document;
     EXPECT_THROW((void)coding::detail::decodeFromTree<Sample>(bytes(document)), CodingError)

@@ -111,15 +111,16 @@ class TextCursor {
     return at_ == end_ ? '\0' : *at_;
   }
   /// Takes `c` as the next token if it is one.
-  [[nodiscard]] bool take(char c) noexcept {
-    // Documents written by the encoder have no whitespace: that case first.
-    if (at_ != end_ && *at_ == c) {
-      ++at_;
-      return true;
+  [[nodiscard, gnu::always_inline]] bool take(char c) noexcept {
+    // Documents written by the encoder have no whitespace: that case first, inline.
+    if (at_ != end_) {
+      if (*at_ == c) {
+        ++at_;
+        return true;
+      }
+      if (static_cast<unsigned char>(*at_) > ' ') return false;
     }
-    if (peek() != c) return false;
-    ++at_;
-    return true;
+    return takeAfterSpace(c);
   }
   /// Takes `c` as the next token; throws `Unread` if it is not.
   void expect(char c) {
@@ -193,8 +194,9 @@ class TextCursor {
     if (negative) ++at;
     const char* first = at;
     // Nineteen digits at most, which an unsigned 64-bit integer always holds.
+    const char* const stop = first + std::min<std::ptrdiff_t>(19, end_ - first);
     std::uint64_t magnitude = 0;
-    while (at != end_ && *at >= '0' && *at <= '9' && at - first < 19) {
+    while (at != stop && static_cast<unsigned char>(*at - '0') < 10) {
       magnitude = magnitude * 10 + static_cast<std::uint64_t>(*at++ - '0');
     }
     const auto digits = at - first;
@@ -210,7 +212,10 @@ class TextCursor {
   /// The next token, a number, true, false or null, as a value (default storage, no allocation).
   [[nodiscard]] boost::json::value scalar();
   /// Takes the literal null if it comes next.
-  [[nodiscard]] bool takeNull();
+  [[nodiscard]] bool takeNull() {
+    if (at_ != end_ && *at_ != 'n' && static_cast<unsigned char>(*at_) > ' ') return false;
+    return takeNullAfterSpace();
+  }
   /// Skips the next value of any kind, checking it as thoroughly as reading it would.
   void skip();
   /// Skips the next value, which must be an object.
@@ -225,12 +230,19 @@ class TextCursor {
   // Nesting beyond this is left to the parser, whose own limit is higher.
   static constexpr int maxDepth = 100;
 
-  void skipSpace() noexcept {
+  [[gnu::always_inline]] void skipSpace() noexcept {
+    // Documents written by the encoder have no whitespace: that case inline.
+    if (at_ != end_ && static_cast<unsigned char>(*at_) > ' ') return;
+    skipSomeSpace();
+  }
+  void skipSomeSpace() noexcept {
     while (at_ != end_ && static_cast<unsigned char>(*at_) <= ' '
            && (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t')) {
       ++at_;
     }
   }
+  [[nodiscard]] bool takeAfterSpace(char c) noexcept;
+  [[nodiscard]] bool takeNullAfterSpace();
   std::string_view anyString();
   std::string_view escapedString(const char* start);
   void literal(std::string_view word);
@@ -305,8 +317,9 @@ class TextReader {
   // Reads the next value into `out`, replacing all of it.
   template <class T>
   void read(T& out);
+  // Kept out of line: its scratch buffers would otherwise weigh on every reader it is inlined in.
   template <class T>
-  [[nodiscard]] T throughCoding();
+  [[nodiscard, gnu::noinline]] T throughCoding();
   template <class T>
   void readMembers(T& out);
   template <class T>
@@ -457,22 +470,33 @@ void TextReader::readAbsentField(T& out) {
   }
 }
 
-// One pass over the entries reads each member's value where it belongs (the last of duplicate
-// keys winning, as in a tree of values). The key expected next in declaration order, the order
-// the encoder writes them in, is tried first, straight against the text.
+// A first pass takes the members in declaration order, the order the encoder writes them in,
+// each key tried once against the text with its quotes and colon, without looking it up. Whatever
+// it leaves (keys in another order, unknown, repeated or written otherwise) is read by a second
+// pass over the remaining entries that looks each key up, trying the one expected next first
+// (the last of duplicate keys wins, as in a tree of values).
 template <class T>
 void TextReader::readMembers(T& out) {
   using Members = boost::describe::describe_members<T, allMembers>;
+  using Indices = boost::mp11::mp_iota<boost::mp11::mp_size<Members>>;
   static constexpr auto names = []<template <class...> class L, class... M>(L<M...>) {
     return std::array<std::string_view, sizeof...(M)>{M::name...};
   }(Members());
   static constexpr const auto& written = boost::mp11::mp_apply<WrittenKeys, Members>::keys;
   static_assert(names.size() <= 64, "one bit per member");
   std::uint64_t present = 0;
-  std::size_t expected = 0;
   cursor_.open('{');
   if (!cursor_.closes('}')) {
-    do {
+    bool more = true;
+    boost::mp11::mp_for_each<Indices>([&](auto index) {
+      if (more && cursor_.takeWritten(written[index])) {
+        readPresentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
+        present |= std::uint64_t{1} << index;
+        more = cursor_.take(',');
+      }
+    });
+    std::size_t expected = 0;
+    while (more) {
       std::size_t member = expected;
       if (member >= names.size() || !cursor_.takeWritten(written[member])) {
         const std::string_view key = cursor_.string();
@@ -482,17 +506,18 @@ void TextReader::readMembers(T& out) {
       }
       if (member == names.size()) {
         cursor_.skip();  // unknown keys are ignored
-        continue;
+      } else {
+        boost::mp11::mp_with_index<names.size()>(member, [&](auto index) {
+          readPresentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
+        });
+        present |= std::uint64_t{1} << member;
+        expected = member + 1;
       }
-      boost::mp11::mp_with_index<names.size()>(member, [&](auto index) {
-        readPresentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
-      });
-      present |= std::uint64_t{1} << member;
-      expected = member + 1;
-    } while (cursor_.take(','));
+      more = cursor_.take(',');
+    }
     cursor_.close('}');
   }
-  boost::mp11::mp_for_each<boost::mp11::mp_iota<boost::mp11::mp_size<Members>>>([&](auto index) {
+  boost::mp11::mp_for_each<Indices>([&](auto index) {
     if ((present & (std::uint64_t{1} << index)) == 0) {
       readAbsentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
     }
