@@ -517,6 +517,9 @@ void TextReader::readMembers(T& out) {
     }
     cursor_.close('}');
   }
+  constexpr std::uint64_t all =
+      names.size() == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << names.size()) - 1;
+  if (present == all) return;
   boost::mp11::mp_for_each<Indices>([&](auto index) {
     if ((present & (std::uint64_t{1} << index)) == 0) {
       readAbsentField(out.*boost::mp11::mp_at<Members, decltype(index)>::pointer);
