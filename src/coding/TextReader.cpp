@@ -11,21 +11,6 @@
 namespace corvane::coding::detail {
 namespace {
 
-[[nodiscard]] constexpr bool isSpecial(unsigned char c) noexcept {
-  return c == '"' || c == '\\' || c < 0x20 || c >= 0x80;
-}
-
-// The first byte from `at` that a string cannot simply contain: a quote, a backslash, a control
-// character or the start of a multibyte sequence; `end` if there is none.
-[[nodiscard]] const char* firstSpecial(const char* at, const char* end) noexcept {
-  while (end - at >= specialScanWidth) {
-    if (const unsigned mask = specialBytes(at); mask != 0) return at + std::countr_zero(mask);
-    at += specialScanWidth;
-  }
-  while (at != end && !isSpecial(static_cast<unsigned char>(*at))) ++at;
-  return at;
-}
-
 [[nodiscard]] constexpr bool inRange(unsigned char c, unsigned char low, unsigned char high) {
   return c >= low && c <= high;
 }

@@ -56,6 +56,9 @@ template <class T>
 struct IsStringMap<std::map<std::string, T>> : std::true_type {};
 template <class T>
 struct IsSharedConst : std::false_type {};
+template <class T>
+struct IsSharedConst<std::shared_ptr<const T>> : std::true_type {};
+
 /// Converts to a new T made by `Access`: a container given one constructs the T in place, where
 /// `Access::make<T>()` itself would make a temporary to move in and destroy.
 template <class T>
@@ -63,32 +66,32 @@ struct Made {
   // NOLINTNEXTLINE(google-explicit-constructor): the conversion is the point
   [[nodiscard]] operator T() const { return Access::make<T>(); }
 };
-template <class T>
-struct IsSharedConst<std::shared_ptr<const T>> : std::true_type {};
 
-/// How many bytes `specialBytes` looks at.
-inline constexpr std::ptrdiff_t specialScanWidth = 16;
+/// Whether a string cannot simply contain `c`: a quote, a backslash, a control character or a
+/// byte of a multibyte sequence.
+[[nodiscard]] constexpr bool isSpecial(unsigned char c) noexcept {
+  return c == '"' || c == '\\' || c < 0x20 || c >= 0x80;
+}
 
-/// One bit for each of the 16 bytes at `at` that a string cannot simply contain: a quote, a
-/// backslash, a control character or a byte of a multibyte sequence.
-[[nodiscard, gnu::always_inline]] inline unsigned specialBytes(const char* at) noexcept {
+/// The first byte from `at` that `isSpecial`; `end` if there is none. Sixteen bytes at a time.
+[[nodiscard, gnu::always_inline]] inline const char* firstSpecial(const char* at,
+                                                                  const char* end) noexcept {
 #if defined(__SSE2__)
-  const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));  // NOLINT
   const __m128i lastControl = _mm_set1_epi8(0x1F);
-  const __m128i marked = _mm_or_si128(
-      _mm_or_si128(_mm_cmpeq_epi8(chunk, _mm_set1_epi8('"')),
-                   _mm_cmpeq_epi8(chunk, _mm_set1_epi8('\\'))),
-      // Bytes up to 0x1F; the chunk's own top bits mark the bytes from 0x80.
-      _mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(chunk, lastControl), lastControl), chunk));
-  return static_cast<unsigned>(_mm_movemask_epi8(marked));
-#else
-  unsigned mask = 0;
-  for (int i = 0; i < specialScanWidth; ++i) {
-    const auto c = static_cast<unsigned char>(at[i]);
-    if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) mask |= 1U << i;
+  while (end - at >= 16) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));  // NOLINT
+    const __m128i marked = _mm_or_si128(
+        _mm_or_si128(_mm_cmpeq_epi8(chunk, _mm_set1_epi8('"')),
+                     _mm_cmpeq_epi8(chunk, _mm_set1_epi8('\\'))),
+        // Bytes up to 0x1F; the chunk's own top bits mark the bytes from 0x80.
+        _mm_or_si128(_mm_cmpeq_epi8(_mm_max_epu8(chunk, lastControl), lastControl), chunk));
+    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(marked));
+    if (mask != 0) return at + std::countr_zero(mask);
+    at += 16;
   }
-  return mask;
 #endif
+  while (at != end && !isSpecial(static_cast<unsigned char>(*at))) ++at;
+  return at;
 }
 
 /// The lexical half of `TextReader`: JSON tokens read one at a time from a text, each checked as
@@ -169,18 +172,13 @@ class TextCursor {
   }
   /// The next token, a string, unescaped. The view is valid until the next string is read.
   [[nodiscard]] std::string_view string() {
-    // Most strings are plain and close within a few bytes of their opening quote.
+    // Most strings are plain: found here, without the general way's checks.
     if (at_ != end_ && *at_ == '"') {
-      const char* at = at_ + 1;
-      while (end_ - at >= specialScanWidth) {
-        if (const unsigned mask = specialBytes(at); mask != 0) {
-          at += std::countr_zero(mask);
-          if (*at != '"') break;
-          const std::string_view text(at_ + 1, static_cast<std::size_t>(at - at_ - 1));
-          at_ = at + 1;
-          return text;
-        }
-        at += specialScanWidth;
+      const char* at = firstSpecial(at_ + 1, end_);
+      if (at != end_ && *at == '"') {
+        const std::string_view text(at_ + 1, static_cast<std::size_t>(at - at_ - 1));
+        at_ = at + 1;
+        return text;
       }
     }
     return anyString();
