@@ -78,7 +78,7 @@ requires boost::describe::has_describe_enumerators<E>::value
   if (size > Index::longest) return std::nullopt;
   for (std::size_t i = Index::first[size]; i < Index::first[size + 1]; ++i) {
     const auto& [name, value] = Index::cases[i];
-    if (std::is_constant_evaluated() ? name == raw : detail::sameText(name, raw)) return value;
+    if (detail::sameText(name, raw)) return value;
   }
   return std::nullopt;
 }

@@ -3,13 +3,15 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 namespace corvane::coding::detail {
 
 /// Whether two texts are equal; quicker than the library's comparison for the short texts that
 /// keys and case names are: up to 32 bytes are compared a word at a time, without a call.
-[[nodiscard, gnu::always_inline]] inline bool sameText(std::string_view a,
-                                                       std::string_view b) noexcept {
+[[nodiscard, gnu::always_inline]] constexpr bool sameText(std::string_view a,
+                                                          std::string_view b) noexcept {
+  if (std::is_constant_evaluated()) return a == b;
   const std::size_t size = a.size();
   if (size != b.size()) return false;
   const auto word = [](const char* at) {
