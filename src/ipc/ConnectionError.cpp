@@ -29,6 +29,8 @@ class ConnectionCategory final : public std::error_category {
         return "the service runs as an unexpected user";
       case ConnectionError::limitExceeded:
         return "the connection went past one of its limits";
+      case ConnectionError::timedOut:
+        return "the call was not answered in time";
     }
     return "unknown connection error";
   }

@@ -59,16 +59,21 @@ void RemoteProxy::dispatch(std::string_view operation, OperationShape shape,
     return;
   }
   if (!synchronous_) {
-    target_->send({operation, shape, std::move(argument), std::move(completion), nullptr});
+    target_->send({operation, shape, std::move(argument), std::move(completion), nullptr, std::nullopt});
     return;
   }
-  // The outcome waits in the slot and runs here, on the calling thread.
-  detail::SyncSlot slot;
-  Completion fill = [&slot](CallResult result) { slot.complete(std::move(result)); };
-  target_->send({operation, shape, std::move(argument), std::move(fill), &slot});
-  CallResult result = slot.take();
-  if (shape == OperationShape::oneWay && result) return;
-  if (completion) completion(std::move(result));
+  // The outcome waits in the slot and runs here, on the calling thread. The completion shares the
+  // slot, so an outcome that comes after the deadline has somewhere to go.
+  auto slot = std::make_shared<detail::SyncSlot>();
+  Completion fill = [slot](CallResult result) { slot->complete(std::move(result)); };
+  target_->send({operation, shape, std::move(argument), std::move(fill), slot.get(), deadline_});
+  std::optional<CallResult> result = slot->take(deadline_);
+  if (!result) {
+    result.emplace(CallError(ConnectionError::timedOut,
+                             std::string(operation) + " was not answered before its deadline"));
+  }
+  if (shape == OperationShape::oneWay && *result) return;
+  if (completion) completion(std::move(*result));
 }
 
 }  // namespace corvane::ipc

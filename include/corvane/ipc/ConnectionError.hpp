@@ -20,6 +20,8 @@ enum class ConnectionError {
   protocolViolation,  ///< the peer broke the wire protocol (the connection is invalidated)
   serviceNotTrusted,  ///< the service's uid is not the required one (the connection is invalidated)
   limitExceeded,      ///< the peer went past a limit of the connection, which closed it
+  timedOut,           ///< no answer came before the synchronous call's deadline; a late one is
+                      ///< dropped
 };
 
 /// The error category of `ConnectionError` ("corvane.ipc").

@@ -5,6 +5,7 @@
 #include <corvane/ipc/Executor.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -76,6 +77,19 @@ class RemoteProxy {
   void send(std::string_view operation, Bytes argument) const;
 
   [[nodiscard]] bool isSynchronous() const noexcept { return synchronous_; }
+
+  /// A copy of this synchronous proxy whose calls wait for their outcome until `deadline` at
+  /// most: past it a call completes with `ConnectionError::timedOut`, and its answer, should it
+  /// come later, is dropped. An asynchronous proxy ignores the deadline.
+  [[nodiscard]] RemoteProxy withDeadline(std::chrono::steady_clock::time_point deadline) const {
+    RemoteProxy bounded = *this;
+    bounded.deadline_ = deadline;
+    return bounded;
+  }
+  /// The deadline of this proxy's synchronous calls, if it has one.
+  [[nodiscard]] std::optional<std::chrono::steady_clock::time_point> deadline() const noexcept {
+    return deadline_;
+  }
   /// Where the asynchronous outcomes of this proxy's calls run; empty for a default-constructed
   /// proxy.
   [[nodiscard]] std::optional<DeliveryExecutor> executor() const;
@@ -88,6 +102,7 @@ class RemoteProxy {
   std::shared_ptr<detail::ProxyTarget> target_;
   std::shared_ptr<const ErrorHandler> errorHandler_;
   bool synchronous_ = false;
+  std::optional<std::chrono::steady_clock::time_point> deadline_;
 };
 
 /// Base of a typed proxy, so that a protocol's operations are called as member functions:

@@ -8,6 +8,8 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <limits>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -67,9 +69,14 @@ bool SyncSlot::done() {
   return result_.has_value();
 }
 
-CallResult SyncSlot::take() {
+std::optional<CallResult> SyncSlot::take(std::optional<Clock::time_point> deadline) {
   std::unique_lock state(mutex_);
-  ready_.wait(state, [this] { return result_.has_value(); });
+  const auto completed = [this] { return result_.has_value(); };
+  if (!deadline) {
+    ready_.wait(state, completed);
+  } else if (!ready_.wait_until(state, *deadline, completed)) {
+    return std::nullopt;
+  }
   return std::move(*result_);
 }
 
@@ -161,6 +168,7 @@ void Channel::send(Outgoing outgoing) noexcept {
     return;
   }
   SyncSlot* slot = outgoing.slot;
+  const auto deadline = outgoing.deadline;
   bool reading = false;
   try {
     const std::lock_guard state(mutex_);
@@ -182,7 +190,7 @@ void Channel::send(Outgoing outgoing) noexcept {
       refuse(outgoing, CallError(ConnectionError::invalidated, e.what()), delivery_);
     }
   }
-  if (reading) readFor(*slot);
+  if (reading) readFor(*slot, deadline);
 }
 
 void Channel::sendMessage(Outgoing& outgoing) noexcept {
@@ -284,6 +292,20 @@ void Channel::scheduleFlushLocked() {
 
 // ---- reading ---------------------------------------------------------------------------------
 
+bool Channel::readableBefore(SyncSlot::Clock::time_point deadline) const {
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline
+                                                                   - SyncSlot::Clock::now());
+    if (left.count() <= 0) return false;
+    pollfd watched{fd_, POLLIN | POLLRDHUP, 0};
+    const int ready = ::poll(&watched, 1, static_cast<int>(std::min<std::int64_t>(
+                                              left.count(), std::numeric_limits<int>::max())));
+    // Readable, closed or failed: recv(2) says which, without blocking.
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return true;
+  }
+}
+
 void Channel::ready(std::uint64_t key, std::uint32_t events) {
   const std::lock_guard state(mutex_);
   if (tornDown_) return;
@@ -327,9 +349,10 @@ bool Channel::readLocked(bool toTheEnd) {
   return false;
 }
 
-void Channel::readFor(SyncSlot& slot) {
+void Channel::readFor(SyncSlot& slot, std::optional<SyncSlot::Clock::time_point> deadline) {
   thread_local std::vector<std::byte> buffer(readChunk);
   while (!slot.done()) {
+    if (deadline && !readableBefore(*deadline)) break;  // the caller gives up; a worker reads on
     const ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), 0);
     if (got < 0 && errno == EINTR) continue;
     const int failure = errno;

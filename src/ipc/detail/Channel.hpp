@@ -96,8 +96,11 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   /// Reads what has arrived, up to one turn's share; says whether more may be waiting.
   bool readLocked(bool toTheEnd);
   void teardownLocked();
-  /// A synchronous caller holding the reading reads until `slot` is filled or reading ends.
-  void readFor(SyncSlot& slot);
+  /// A synchronous caller holding the reading reads until `slot` is filled, reading ends or
+  /// `deadline` passes.
+  void readFor(SyncSlot& slot, std::optional<SyncSlot::Clock::time_point> deadline);
+  /// Waits until the socket has something to read (true) or `deadline` has passed (false).
+  [[nodiscard]] bool readableBefore(SyncSlot::Clock::time_point deadline) const;
   /// Runs a batch of events on the delivery executor, in order.
   void deliver(std::vector<SessionEvent>& events);
   void dispatch(Frame frame);

@@ -4,6 +4,7 @@
 #include <corvane/ipc/InterfaceDescription.hpp>
 #include <corvane/ipc/RemoteProxy.hpp>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -11,14 +12,17 @@
 
 namespace corvane::ipc::detail {
 
-/// Where a synchronous caller's outcome waits for it. Lives on the caller's stack: whoever sends
-/// the call fills it before the call returns.
+/// Where a synchronous caller's outcome waits for it. Shared by the caller and the call's
+/// completion: a caller whose deadline passes leaves, and the late outcome fills a slot nobody
+/// reads.
 class SyncSlot {
  public:
+  using Clock = std::chrono::steady_clock;
+
   void complete(CallResult result);
   [[nodiscard]] bool done();
-  /// Waits until completed, then hands the result over.
-  CallResult take();
+  /// Waits until completed (or `deadline` has passed: empty), then hands the result over.
+  std::optional<CallResult> take(std::optional<Clock::time_point> deadline);
 
  private:
   std::mutex mutex_;
@@ -33,6 +37,8 @@ struct Outgoing {
   std::optional<Bytes> argument;
   Completion completion;
   SyncSlot* slot = nullptr;  ///< a synchronous caller's, whose completion fills it
+  /// A synchronous caller waits for its outcome until then at most.
+  std::optional<SyncSlot::Clock::time_point> deadline;
 };
 
 /// Something a RemoteProxy sends through: a client connection or an accepted peer.
