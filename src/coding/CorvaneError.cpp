@@ -56,9 +56,10 @@ std::string localizedDescription(CorvaneError error) {
   return platform::Localization::localizedString(localizationKey(error));
 }
 
-Error::Error(CorvaneError error, std::string cause)
+Error::Error(CorvaneError error, std::string cause, std::error_code origin)
     : std::system_error(make_error_code(error)),
       error_(error),
+      origin_(origin),
       cause_(std::make_shared<const std::string>(std::move(cause))),
       what_(std::make_shared<const std::string>(
           cause_->empty() ? corvane::localizedDescription(error)

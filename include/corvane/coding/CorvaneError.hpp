@@ -41,16 +41,29 @@ BOOST_DESCRIBE_ENUM(CorvaneError, unrecoverableError, networkError, deviceNotMan
 [[nodiscard]] std::string localizedDescription(CorvaneError error);
 
 /// The exception that carries a `CorvaneError`. `code()` is in `corvaneCategory()` and
-/// `code().message()` is the localized description. A failure made inside the library also keeps
-/// its `cause` ("cannot connect to /run/corvane/...: No such file or directory"), which `what()`
-/// adds to the description so that a person can act on it.
+/// `code().message()` is the localized description. The error also keeps its `cause`, in words:
+/// for a failure made inside the library what went wrong underneath ("cannot connect to
+/// /run/corvane/...: No such file or directory"), for a failure the daemon reported the reason it
+/// gave ("item 42 is not in the catalogue"). `what()` adds it to the description so that a person
+/// can act on it.
 class Error : public std::system_error {
  public:
-  explicit Error(CorvaneError error, std::string cause = {});
+  /// `origin`: the error underneath a failure made inside the library, if it has one.
+  explicit Error(CorvaneError error, std::string cause = {}, std::error_code origin = {});
 
   [[nodiscard]] CorvaneError error() const noexcept { return error_; }
-  /// What went wrong underneath; empty for an error the daemon reported.
+  /// What went wrong underneath, or the reason the daemon gave; empty when there is none.
   [[nodiscard]] const std::string& cause() const noexcept { return *cause_; }
+  /// The error underneath a failure made inside the library, for code to act on: the connection's
+  /// `ipc::ConnectionError` (connectFailed, interrupted, timedOut, ...) when the call could not be
+  /// completed, `boost::asio::error::operation_aborted` (equal to `std::errc::operation_canceled`)
+  /// when the caller cancelled it. Empty for a failure the daemon reported and for the other local
+  /// failures (switched off, an undecodable reply).
+  [[nodiscard]] std::error_code origin() const noexcept { return origin_; }
+  /// Whether the caller cancelled the call (see `origin`).
+  [[nodiscard]] bool isCancellation() const noexcept {
+    return origin_ == std::errc::operation_canceled;
+  }
   /// The localized description (as it was when the error was made), then the cause if any.
   [[nodiscard]] const char* what() const noexcept override { return what_->c_str(); }
   /// The localized description, looked up afresh on every call.
@@ -73,6 +86,7 @@ class Error : public std::system_error {
 
  private:
   CorvaneError error_;
+  std::error_code origin_;
   // Shared, so that copying the exception never throws.
   std::shared_ptr<const std::string> cause_;
   std::shared_ptr<const std::string> what_;

@@ -6,6 +6,7 @@
 #include <boost/describe/class.hpp>
 
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <variant>
@@ -15,6 +16,11 @@ namespace corvane {
 /// The reply envelope of every remote operation: the operation's value, or the daemon's error.
 /// Coded as {"success": {"_0": value}} or {"failure": {"_0": {"networkError": {}}}}; the "_0" key
 /// is always written, for `ServiceResult<None>` as an explicit null, and is required on reading.
+///
+/// A failure may also say why, for a person to read:
+/// {"failure": {"_0": {"networkError": {}}, "reason": "item 42 is not in the catalogue"}}. The
+/// "reason" key sits beside "_0", where a decoder that does not know it ignores it, so a peer that
+/// sends or expects the plain envelope is unaffected.
 template <class Value>
 class ServiceResult {
  public:
@@ -27,8 +33,10 @@ class ServiceResult {
   struct Failure {
     static constexpr std::string_view caseName = "failure";
     CorvaneError _0{CorvaneError::unrecoverableError};
+    /// Why the daemon refused, in words; absent when it did not say.
+    std::optional<std::string> reason;
     friend bool operator==(const Failure&, const Failure&) = default;
-    BOOST_DESCRIBE_CLASS(Failure, (), (_0), (), ())
+    BOOST_DESCRIBE_CLASS(Failure, (), (_0, reason), (), ())
   };
   using Cases = std::variant<Success, Failure>;
 
@@ -36,8 +44,9 @@ class ServiceResult {
   [[nodiscard]] static ServiceResult success(Value value) {
     return ServiceResult(Cases(Success{std::move(value)}));
   }
-  [[nodiscard]] static ServiceResult failure(CorvaneError error) {
-    return ServiceResult(Cases(Failure{error}));
+  [[nodiscard]] static ServiceResult failure(CorvaneError error,
+                                             std::optional<std::string> reason = std::nullopt) {
+    return ServiceResult(Cases(Failure{error, std::move(reason)}));
   }
 
   [[nodiscard]] const Cases& cases() const noexcept { return cases_; }
@@ -52,11 +61,18 @@ class ServiceResult {
     const auto* f = std::get_if<Failure>(&cases_);
     return f ? std::optional(f->_0) : std::nullopt;
   }
+  /// The reason a failure gave; empty for a success or a failure without one.
+  [[nodiscard]] const std::optional<std::string>& reason() const noexcept {
+    static const std::optional<std::string> none;
+    const auto* f = std::get_if<Failure>(&cases_);
+    return f ? f->reason : none;
+  }
   /// The caller's outcome: the value of a success. Throws `corvane::Error` with the error of a
-  /// failure.
+  /// failure, and its reason as the error's `cause()`.
   [[nodiscard]] Value valueOrThrow() && {
     if (auto* s = std::get_if<Success>(&cases_)) return std::move(s->_0);
-    throw Error(std::get<Failure>(cases_)._0);
+    auto& failure = std::get<Failure>(cases_);
+    throw Error(failure._0, std::move(failure.reason).value_or(std::string()));
   }
 
   friend bool operator==(const ServiceResult&, const ServiceResult&) = default;

@@ -164,7 +164,9 @@ template <class Value>
 Outcome<Value> decodeValues(const Bytes& reply) {
   try {
     auto [result] = TetherDecoder<ServiceResult<Value>>::decode(reply);
-    if (const auto error = result.error()) return {std::make_exception_ptr(Error(*error)), {}};
+    if (const auto error = result.error()) {
+      return {std::make_exception_ptr(Error(*error, result.reason().value_or(std::string()))), {}};
+    }
     return {nullptr, std::move(result).valueOrThrow()};
   } catch (const Error& error) {
     return {std::current_exception(), {}};
