@@ -149,7 +149,7 @@ class ConnectionCore final : public ChannelOwner,
       if (interruptionHandler) runUserCode("interruption handler", interruptionHandler);
     }
     if (invalidated) {
-      LogCategory::tether().error("Connection to {} invalidated: {}", path_.native(), detail);
+      LogCategory::tether().info("Connection to {} invalidated: {}", path_.native(), detail);
       runInvalidationHandler();
     }
   }

@@ -78,7 +78,7 @@ void TetherClient::registerLocked(const std::vector<MessageRegistration>& regist
   // listener asks again.
   ServiceConnection::withAsyncService<None>(
       std::tuple(pending, clientID_),
-      service::detail::Send<&ServiceProtocol::addMessageRegistrations>{},
+      service::detail::Call<ServiceProtocol::Selectors::addMessageRegistrations>{},
       [this, pending](const std::exception_ptr& failure) {
         if (!failure) return;
         LogCategory::tether().error("Error registering for message: {}: {}", description(pending),
@@ -94,7 +94,8 @@ void TetherClient::unregisterLocked(const std::vector<MessageRegistration>& regi
   try {
     ServiceConnection::withSyncService<None>(
         std::tuple(withdrawn, clientID_),
-        service::detail::Send<&ServiceProtocol::removeMessageRegistrations>{});
+        service::detail::Call<ServiceProtocol::Selectors::removeMessageRegistrations>{},
+        std::chrono::steady_clock::now() + withdrawalTimeout);
   } catch (...) {
     LogCategory::tether().error("Error removing registration for message: {}: {}",
                                 description(withdrawn), errorText(std::current_exception()));

@@ -93,6 +93,11 @@ bool isServiceEnabled() noexcept {
 ServiceConnection& ServiceConnection::shared() {
   // A construction that throws leaves the instance unmade, so the next call tries again.
   static ServiceConnection instance;
+  static const bool marked = [] {
+    instance.shared_ = true;
+    return true;
+  }();
+  (void)marked;
   return instance;
 }
 
@@ -116,6 +121,12 @@ ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirecto
 }
 
 ServiceConnection::~ServiceConnection() {
+  if (shared_) {
+    // The shared connection is never released: it only goes with the process, which is no
+    // invalidation anybody needs to hear of. Its threads are still stopped and joined.
+    connection_->setInterruptionHandler({});
+    connection_->setInvalidationHandler({});
+  }
   connection_->invalidate();
 }
 
@@ -133,17 +144,51 @@ ipc::DeliveryExecutor ServiceConnection::executor() const {
 
 namespace service::detail {
 
-std::exception_ptr localFailure(std::string cause) {
-  return std::make_exception_ptr(Error(CorvaneError::unrecoverableError, std::move(cause)));
+std::exception_ptr localFailure(std::string cause, std::error_code origin) {
+  return std::make_exception_ptr(Error(CorvaneError::unrecoverableError, std::move(cause), origin));
 }
 
-std::exception_ptr callFailure(const ipc::CallError& error, bool synchronous) {
+namespace {
+void logProxyFailure(std::string_view description, bool synchronous) {
   if (synchronous) {
-    LogCategory::tether().error("Error fetching synchronous remote object proxy: {}", error);
+    LogCategory::tether().error("Error fetching synchronous remote object proxy: {}", description);
   } else {
-    LogCategory::tether().error("Error fetching remote object proxy: {}", error);
+    LogCategory::tether().error("Error fetching remote object proxy: {}", description);
   }
-  return localFailure(causeOf(error));
+}
+}  // namespace
+
+std::exception_ptr callFailure(const ipc::CallError& error, bool synchronous) {
+  logProxyFailure(error.description(), synchronous);
+  return localFailure(causeOf(error), error.code());
+}
+
+std::exception_ptr cancelledFailure() {
+  // The value of boost::asio::error::operation_aborted.
+  return localFailure("the call was cancelled", std::error_code(ECANCELED, std::system_category()));
+}
+
+CallLog::CallLog(std::string_view operation) noexcept : operation_(operation) {
+  if (LogCategory::tether().isEnabled(platform::LogLevel::debug))
+    start_ = std::chrono::steady_clock::now();
+}
+
+void CallLog::finished(const std::exception_ptr& failure) const noexcept {
+  if (!start_) return;
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - *start_;
+  if (!failure) {
+    LogCategory::tether().debug("{} succeeded in {:.3f} ms", operation_, took.count());
+    return;
+  }
+  std::string what;
+  try {
+    std::rethrow_exception(failure);
+  } catch (const std::exception& e) {
+    what = e.what();
+  } catch (...) {
+    what = "an unknown failure";
+  }
+  LogCategory::tether().debug("{} failed in {:.3f} ms: {}", operation_, took.count(), what);
 }
 
 std::exception_ptr decodingFailure(const std::exception& error) {
@@ -156,13 +201,16 @@ std::exception_ptr decodingFailure(const std::exception& error) {
   return localFailure("the reply could not be decoded: " + description);
 }
 
-ServiceConnection* sharedConnection(std::exception_ptr& failure) noexcept {
+ServiceConnection* sharedConnection(std::exception_ptr& failure, bool synchronous) noexcept {
   try {
     return &ServiceConnection::shared();
   } catch (const Error&) {
+    // Only the switch refuses with a corvane::Error; it is no fault of the connection.
     failure = std::current_exception();
   } catch (const std::exception& e) {
-    failure = localFailure(std::string("the connection could not be made: ") + e.what());
+    const std::string cause = std::string("the connection could not be made: ") + e.what();
+    logProxyFailure(cause, synchronous);
+    failure = localFailure(cause);
   }
   return nullptr;
 }

@@ -27,9 +27,10 @@ class StreamFollower {
 
  private:
   void next() {
-    stream_.next(boost::asio::bind_executor(loop_.context(), [this](auto value) {
+    stream_.next(boost::asio::bind_executor(loop_.context(), [this](auto error, auto value) {
       if (loop_.finished()) return;
-      if (!value) {
+      // No wait here is cancelled or overlaps another, so an error is as final as the end.
+      if (error || !value) {
         onEnd_();
         return;
       }

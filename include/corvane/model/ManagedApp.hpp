@@ -1,5 +1,6 @@
 #pragma once
 
+#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/StoredCoding.hpp>
 #include <corvane/coding/WireTypes.hpp>
 #include <corvane/model/Platform.hpp>
@@ -151,7 +152,7 @@ class ManagedApp {
   /// Asks the daemon to launch this app: an `AppLaunchRequest` for its `bundleID`, performed.
   /// Completion: `void(std::exception_ptr)` through any Asio completion token (see
   /// `AppLaunchRequest::perform`). Defined in <corvane/service/RequestOperations.hpp>.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto launch(CompletionToken&& token) const;
 
   /// The installation state of this app as the daemon pushes it, starting with the cached state

@@ -1,13 +1,20 @@
 #pragma once
 
+#include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
+#include <boost/asio/cancellation_type.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/execution/outstanding_work.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/prefer.hpp>
 #include <boost/asio/system_executor.hpp>
+#include <boost/system/error_code.hpp>
+#include <boost/system/system_error.hpp>
 
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstddef>
 #include <functional>
 #include <iterator>
@@ -70,7 +77,8 @@ enum class YieldStatus {
 ///     continuation.yield(1);
 ///     continuation.finish();
 ///     for (int value : stream) use(value);                      // blocking
-///     stream.next([](std::optional<int> value) { ... });        // or any Asio completion token
+///     stream.next([](boost::system::error_code, std::optional<int> value) { ... });  // or any
+///                                                               // Asio completion token
 ///
 /// Ending. The stream ends, once, at the first of: the producer's `finish()`, the consumer's
 /// `cancel()`, the destruction of the consuming end (or a move assignment onto it). Ending runs the
@@ -140,38 +148,57 @@ class AsyncStream {
     if (state_) state_->cancel();
   }
 
+  /// The completion signature of `next`.
+  using NextSignature = void(boost::system::error_code, std::optional<T>);
+
   /// Waits for the next value, delivered through any Asio completion token (a callback,
-  /// `use_future`, `use_awaitable`, `deferred`, ...). Completion signature:
-  /// `void(std::optional<T>)`: the next value, or an empty optional once the stream has finished
-  /// and its buffer is drained, or was cancelled.
+  /// `use_future`, `use_awaitable`, `deferred`, ...).
   ///
-  /// Where: the handler runs through its associated executor (a coroutine resumes on its own); a
-  /// handler without one runs on Asio's `system_executor` (its thread pool). It is always posted:
-  /// never run inside `next`, nor inside the producer's `yield`/`finish` or the consumer's
-  /// `cancel`. While the operation is pending it counts as outstanding work on that executor, so an
-  /// `io_context`'s `run()` does not return.
+  /// Handler: `void(boost::system::error_code error, std::optional<T> value)`. Without error:
+  /// the next value, or an empty optional once the stream has finished and its buffer is drained,
+  /// or was cancelled (the end of the stream). With an error, `value` is empty and nothing was
+  /// taken from the stream:
+  /// - `boost::asio::error::operation_aborted`: this wait was cancelled through the handler's
+  ///   cancellation slot;
+  /// - `boost::asio::error::already_started`: another `next` (this one or the blocking one) was
+  ///   pending; that one is left alone (a usage error, distinct from the end of the stream).
+  /// With `use_awaitable` or `use_future` an error is thrown as `boost::system::system_error`.
   ///
-  /// At most one `next` (this one or the blocking one) may be pending at a time. A second one
-  /// started while another is pending is a usage error: it completes at once (posted) with an empty
-  /// optional, leaves the pending one alone and does not end the stream. The handler's
-  /// cancellation slot is not used; `cancel()` ends the wait (and the stream).
+  /// Executor: the handler runs through its associated executor (a coroutine resumes on its
+  /// own); a handler without one runs on Asio's `system_executor` (its thread pool). It is always
+  /// posted: never run inside `next`, nor inside the producer's `yield`/`finish` or the consumer's
+  /// `cancel`. While the operation is pending it counts as outstanding work on that executor.
   ///
-  /// Throws `std::bad_alloc` only, from the initiation. The operation keeps the stream's shared
-  /// state alive, so a `deferred` operation may outlive this object (it then completes empty).
-  template <boost::asio::completion_token_for<void(std::optional<T>)> CompletionToken>
+  /// Lifetime: the operation keeps the stream's shared state alive, so it may outlive this object
+  /// (it then completes with the end of the stream); nothing else is copied.
+  ///
+  /// Cancellation: terminal, partial and total, through the handler's associated cancellation
+  /// slot (`bind_cancellation_slot`, a coroutine's `||`, a timer-driven signal). The wait ends
+  /// with `operation_aborted` and takes nothing: a value yielded afterwards goes to the next
+  /// `next`. Emit the cancellation on the handler's executor. `cancel()` instead ends the stream.
+  ///
+  /// Throws `std::bad_alloc` only, from the initiation.
+  template <boost::asio::completion_token_for<NextSignature> CompletionToken>
   auto next(CompletionToken&& token) {
-    return boost::asio::async_initiate<CompletionToken, void(std::optional<T>)>(
+    return boost::asio::async_initiate<CompletionToken, NextSignature>(
         [](auto handler, const std::shared_ptr<State>& state) {
-          State::start(state.get(), std::move(handler));
+          State::start(state, std::move(handler));
         },
         token, state_);
   }
 
   /// Blocks the calling thread until the next value is there (or the stream has ended and its
-  /// buffer is drained: empty optional). While another `next` is pending it returns an empty
-  /// optional at once, as the asynchronous one does. Must not be called on a thread the producer
-  /// needs in order to yield. Throws what moving a `T` throws.
-  [[nodiscard]] std::optional<T> next() { return state_ ? state_->wait() : std::nullopt; }
+  /// buffer is drained: empty optional). Must not be called on a thread the producer needs in
+  /// order to yield. Throws `boost::system::system_error` (`already_started`) while another `next`
+  /// is pending, and what moving a `T` throws.
+  [[nodiscard]] std::optional<T> next() {
+    return state_ ? state_->wait(std::nullopt) : std::nullopt;
+  }
+  /// The same, waiting `timeout` at most: past it throws `boost::system::system_error`
+  /// (`boost::asio::error::timed_out`), and nothing was taken from the stream.
+  [[nodiscard]] std::optional<T> next(std::chrono::steady_clock::duration timeout) {
+    return state_ ? state_->wait(std::chrono::steady_clock::now() + timeout) : std::nullopt;
+  }
 
   /// Blocking iteration: each step waits as `next()` does; the range ends when `next()` gives an
   /// empty optional. A single-pass input range: calling `begin()` again continues where the last
@@ -291,32 +318,45 @@ class AsyncStream<T>::State {
 
   /// Starts a `next` for `handler` on `state` (empty: a moved-from stream, which is ended).
   template <class Handler>
-  static void start(State* state, Handler handler) {
+  static void start(const std::shared_ptr<State>& state, Handler handler) {
     auto pending = std::make_unique<PendingFor<Handler>>(std::move(handler));
     std::list<T> taken;
+    boost::system::error_code error;
     if (state != nullptr) {
       const std::lock_guard lock(state->mutex_);
       if (!state->buffer_.empty()) {
         taken.splice(taken.end(), state->buffer_, state->buffer_.begin());
-      } else if (!state->terminated_ && !state->isWaited()) {
+      } else if (state->isWaited()) {
+        error = boost::asio::error::already_started;
+      } else if (!state->terminated_) {
+        pending->watchCancellation(state, ++state->waits_);
         state->pending_ = std::move(pending);
+        state->pendingWait_ = state->waits_;
         return;
       }
     }
-    pending->complete(valueOf(taken));
+    pending->complete(error, valueOf(taken));
   }
 
-  std::optional<T> wait() {
+  std::optional<T> wait(std::optional<std::chrono::steady_clock::time_point> deadline) {
     std::list<T> taken;
     {
       std::unique_lock lock(mutex_);
       if (!buffer_.empty()) {
         taken.splice(taken.end(), buffer_, buffer_.begin());
-      } else if (!terminated_ && !isWaited()) {
+      } else if (isWaited()) {
+        throw boost::system::system_error(boost::asio::error::already_started);
+      } else if (!terminated_) {
         Blocked blocked;
         blocked_ = &blocked;
         // Whoever sets `done` also clears `blocked_`, under the lock.
-        handedOver_.wait(lock, [&blocked] { return blocked.done; });
+        const auto handedOver = [&blocked] { return blocked.done; };
+        if (!deadline) {
+          handedOver_.wait(lock, handedOver);
+        } else if (!handedOver_.wait_until(lock, *deadline, handedOver)) {
+          blocked_ = nullptr;  // nothing was handed over: the stream keeps what comes next
+          throw boost::system::system_error(boost::asio::error::timed_out);
+        }
         taken.splice(taken.end(), blocked.value);
       }
     }
@@ -351,7 +391,7 @@ class AsyncStream<T>::State {
     }
     if (wake) handedOver_.notify_all();
     if (pending) {
-      pending->complete(valueOf(incoming));
+      pending->complete({}, valueOf(incoming));
       return {status, std::nullopt};
     }
     return {status, valueOf(status == YieldStatus::enqueued ? evicted : incoming)};
@@ -384,9 +424,21 @@ class AsyncStream<T>::State {
     Pending(const Pending&) = delete;
     Pending& operator=(const Pending&) = delete;
     virtual ~Pending() = default;
-    /// Posts the handler with `value` to its executor. Called once, with no lock held.
-    virtual void complete(std::optional<T> value) = 0;
+    /// Posts the handler with `error` and `value` to its executor. Called once, with no lock held.
+    virtual void complete(boost::system::error_code error, std::optional<T> value) = 0;
   };
+
+  /// Ends the pending wait numbered `wait`, if it still is the pending one, with
+  /// `operation_aborted`; the stream keeps its values.
+  void abandon(std::uint64_t wait) {
+    std::unique_ptr<Pending> pending;
+    {
+      const std::lock_guard lock(mutex_);
+      if (pendingWait_ != wait || !pending_) return;
+      pending = std::move(pending_);
+    }
+    pending->complete(boost::asio::error::operation_aborted, std::nullopt);
+  }
 
   template <class Handler>
   class PendingFor final : public Pending {
@@ -397,12 +449,22 @@ class AsyncStream<T>::State {
               boost::asio::get_associated_executor(handler_, boost::asio::system_executor()),
               boost::asio::execution::outstanding_work.tracked)) {}
 
-    void complete(std::optional<T> value) override {
+    /// Lets the handler's cancellation slot, if it has one, end wait number `wait`.
+    void watchCancellation(const std::shared_ptr<State>& state, std::uint64_t wait) {
+      auto slot = boost::asio::get_associated_cancellation_slot(handler_);
+      if (!slot.is_connected()) return;
+      slot.template emplace<Canceller>(std::weak_ptr<State>(state), wait);
+    }
+
+    void complete(boost::system::error_code error, std::optional<T> value) override {
       const auto executor = work_;
       // The work stays counted until the handler has run.
-      boost::asio::post(
-          executor, [handler = std::move(handler_), work = std::move(work_),
-                     value = std::move(value)]() mutable { std::move(handler)(std::move(value)); });
+      boost::asio::post(executor, [handler = std::move(handler_), work = std::move(work_), error,
+                                   value = std::move(value)]() mutable {
+        auto slot = boost::asio::get_associated_cancellation_slot(handler);
+        if (slot.is_connected()) slot.clear();
+        std::move(handler)(error, std::move(value));
+      });
     }
 
    private:
@@ -412,6 +474,19 @@ class AsyncStream<T>::State {
 
     Handler handler_;
     Work work_;
+  };
+
+  /// What a pending wait leaves in its handler's cancellation slot: every kind of cancellation
+  /// ends the wait, since a wait that ends takes nothing.
+  struct Canceller {
+    Canceller(std::weak_ptr<State> stream, std::uint64_t number) noexcept
+        : state(std::move(stream)), wait(number) {}
+    void operator()(boost::asio::cancellation_type_t type) const {
+      if (type == boost::asio::cancellation_type::none) return;
+      if (const auto stream = state.lock()) stream->abandon(wait);
+    }
+    std::weak_ptr<State> state;
+    std::uint64_t wait;
   };
 
   /// A consumer blocked in `wait`, on its own stack.
@@ -452,7 +527,7 @@ class AsyncStream<T>::State {
       }
     }
     if (wake) handedOver_.notify_all();
-    if (pending) pending->complete(std::nullopt);
+    if (pending) pending->complete({}, std::nullopt);
     if (handler) handler();
   }
 
@@ -461,6 +536,8 @@ class AsyncStream<T>::State {
   const BufferingPolicy policy_;
   std::list<T> buffer_;
   std::unique_ptr<Pending> pending_;
+  std::uint64_t waits_ = 0;        // asynchronous waits started, to number them
+  std::uint64_t pendingWait_ = 0;  // the number of `pending_`
   Blocked* blocked_ = nullptr;
   bool terminated_ = false;
   std::function<void()> onTermination_;

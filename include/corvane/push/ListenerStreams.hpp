@@ -14,6 +14,7 @@
 #include <corvane/push/TetherClient.hpp>
 #include <corvane/service/ManagedAppLibrary.hpp>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -34,15 +35,22 @@ class ManagedAppLibrary::ManagedApps {
   /// where the previous call stopped.
   class AsyncIterator {
    public:
-    /// The next result, or an empty optional once the stream has ended. Never fails: a failed
-    /// catalogue is a result. Completion `void(std::optional<CatalogResult>)` through any Asio
-    /// completion token, run through the handler's associated executor.
-    template <class CompletionToken>
+    /// The next result, or an empty optional once the stream has ended. A failed catalogue is a
+    /// result, not an error. Completion, executor, lifetime and cancellation as for
+    /// `AsyncStream::next`: `void(boost::system::error_code, std::optional<CatalogResult>)`, whose
+    /// error is only ever a cancellation of this wait or a second wait started while one is
+    /// pending.
+    template <boost::asio::completion_token_for<AsyncStream<CatalogResult>::NextSignature>
+                  CompletionToken>
     auto next(CompletionToken&& token) {
       return stream_->next(std::forward<CompletionToken>(token));
     }
-    /// The same, blocking the calling thread.
+    /// The same, blocking the calling thread (see `AsyncStream::next()`).
     std::optional<CatalogResult> next() { return stream_->next(); }
+    /// The same, waiting `timeout` at most (see `AsyncStream::next(timeout)`).
+    std::optional<CatalogResult> next(std::chrono::steady_clock::duration timeout) {
+      return stream_->next(timeout);
+    }
 
    private:
     friend class ManagedApps;
@@ -56,11 +64,15 @@ class ManagedAppLibrary::ManagedApps {
 
   [[nodiscard]] AsyncIterator makeAsyncIterator() const { return AsyncIterator(stream_); }
   /// Shorthands for `makeAsyncIterator().next(...)`.
-  template <class CompletionToken>
+  template <boost::asio::completion_token_for<AsyncStream<CatalogResult>::NextSignature>
+                CompletionToken>
   auto next(CompletionToken&& token) {
     return stream_->next(std::forward<CompletionToken>(token));
   }
   std::optional<CatalogResult> next() { return stream_->next(); }
+  std::optional<CatalogResult> next(std::chrono::steady_clock::duration timeout) {
+    return stream_->next(timeout);
+  }
   /// Blocking iteration over the results.
   auto begin() { return stream_->begin(); }
   auto end() const noexcept { return stream_->end(); }

@@ -14,6 +14,7 @@
 
 #include <boost/uuid/uuid.hpp>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -80,6 +81,11 @@ class TetherClient final : public ipc::ExportedObject, public TetherClientProtoc
     std::map<std::string, std::int64_t> subscriberCounts;
     std::map<std::string, AppState> cachedStates;
   };
+
+  /// How long a withdrawal waits for the daemon's answer, with the hub's mutex held. Past it the
+  /// withdrawal counts as failed: its error line is written and the registration stays active, so
+  /// a later withdrawal tries again. It bounds how long ending a stream can block.
+  static constexpr std::chrono::seconds withdrawalTimeout{3};
 
   /// The process's instance, made on first use (thread-safe) and never destroyed.
   [[nodiscard]] static TetherClient& shared();

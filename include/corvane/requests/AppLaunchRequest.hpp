@@ -1,5 +1,6 @@
 #pragma once
 
+#include <corvane/coding/ServiceSignature.hpp>
 #include <string>
 
 namespace corvane {
@@ -13,7 +14,7 @@ struct AppLaunchRequest {
   /// `void(std::exception_ptr)` through any Asio completion token; see
   /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
   /// <corvane/service/RequestOperations.hpp>, which callers include.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto perform(CompletionToken&& token) const;
 };
 

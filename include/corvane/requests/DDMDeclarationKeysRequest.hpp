@@ -1,6 +1,9 @@
 #pragma once
 
+#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/Coding.hpp>
+
+#include <chrono>
 
 #include <string>
 #include <vector>
@@ -13,11 +16,15 @@ struct DDMDeclarationKeysRequest {
   /// `void(std::exception_ptr, std::vector<std::string>)` through any Asio completion token; see
   /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
   /// <corvane/service/RequestOperations.hpp>, which callers include.
-  template <class CompletionToken>
+  template <ServiceToken<std::vector<std::string>> CompletionToken>
   auto perform(CompletionToken&& token) const;
   /// The same, blocking the calling thread until the reply has arrived. Throws
   /// `corvane::Error` (or the encoder's `CodingError`) where `perform` would deliver it.
   [[nodiscard]] std::vector<std::string> performSynchronously() const;
+  /// The same, waiting `timeout` at most. Past it, throws `corvane::Error` (unrecoverableError)
+  /// whose `origin()` is `ipc::ConnectionError::timedOut`; the daemon may still carry the request
+  /// out, and its late reply is dropped.
+  [[nodiscard]] std::vector<std::string> performSynchronously(std::chrono::steady_clock::duration timeout) const;
 };
 
 namespace coding {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/Coding.hpp>
+
+#include <chrono>
 
 #include <boost/describe/class.hpp>
 
@@ -21,11 +24,15 @@ struct DDMDeclarationStatusRequest {
   /// std::vector<ManagedAppStatus>)` through any Asio completion token; see
   /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
   /// <corvane/service/RequestOperations.hpp>, which callers include.
-  template <class CompletionToken>
+  template <ServiceToken<std::vector<ManagedAppStatus>> CompletionToken>
   auto perform(CompletionToken&& token) const;
   /// The same, blocking the calling thread until the reply has arrived. Throws
   /// `corvane::Error` (or the encoder's `CodingError`) where `perform` would deliver it.
   [[nodiscard]] std::vector<ManagedAppStatus> performSynchronously() const;
+  /// The same, waiting `timeout` at most. Past it, throws `corvane::Error` (unrecoverableError)
+  /// whose `origin()` is `ipc::ConnectionError::timedOut`; the daemon may still carry the request
+  /// out, and its late reply is dropped.
+  [[nodiscard]] std::vector<ManagedAppStatus> performSynchronously(std::chrono::steady_clock::duration timeout) const;
 };
 BOOST_DESCRIBE_STRUCT(DDMDeclarationStatusRequest, (), (declarationKey))
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <corvane/coding/ServiceSignature.hpp>
 namespace corvane {
 
 /// Asks the daemon to poll the store for catalogue updates. No fields; not coded.
@@ -8,7 +9,7 @@ struct DDMPollForUpdatesRequest {
   /// `void(std::exception_ptr)` through any Asio completion token; see
   /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
   /// <corvane/service/RequestOperations.hpp>, which callers include.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto perform(CompletionToken&& token) const;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/RawValue.hpp>
 #include <corvane/coding/StoredCoding.hpp>
 #include <corvane/coding/WireTypes.hpp>
@@ -58,7 +59,7 @@ class VPPInstallRequest {
   /// `void(std::exception_ptr)` through any Asio completion token; see
   /// `ServiceConnection::withAsyncService` for the errors and where the handler runs. Defined in
   /// <corvane/service/RequestOperations.hpp>, which callers include.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto perform(CompletionToken&& token) const;
 
  private:

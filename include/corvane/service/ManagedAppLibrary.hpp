@@ -40,7 +40,7 @@ class ManagedAppLibrary {
   /// "installManagedApp:reply:" with no declaration identifier or purchase parameters, user
   /// initiated. Completion: `void(std::exception_ptr)` through any Asio completion token, as
   /// `ServiceConnection::withAsyncService` describes.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto install(CompletionToken&& token) const {
     return sendInstall(ManagedAppInstallRequest(std::nullopt, std::nullopt),
                        std::forward<CompletionToken>(token));
@@ -48,7 +48,7 @@ class ManagedAppLibrary {
 
   /// Asks the daemon to install a catalogue app: its declaration identifier and purchase
   /// parameters, user initiated. Completion as for `install(token)`.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto install(const ManagedApp& app, CompletionToken&& token) const {
     return sendInstall(ManagedAppInstallRequest(app.declarationIdentifier(), app.buyParams()),
                        std::forward<CompletionToken>(token));
@@ -56,25 +56,21 @@ class ManagedAppLibrary {
 
   /// Asks the daemon to cancel the installation of a catalogue app ("cancelManagedApp:reply:"
   /// with its declaration identifier). Completion as for `install(token)`.
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto cancel(const ManagedApp& app, CompletionToken&& token) const {
     return ServiceConnection::withAsyncService<None>(
         std::tuple(ManagedAppCancelRequest{app.declarationIdentifier()}),
-        [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
-          proxy.cancelManagedApp(std::move(argument), std::move(reply));
-        },
+        service::detail::Call<ServiceProtocol::Selectors::cancelManagedApp>{},
         std::forward<CompletionToken>(token));
   }
 
  private:
-  template <class CompletionToken>
+  template <ServiceToken<None> CompletionToken>
   auto sendInstall(ManagedAppInstallRequest request, CompletionToken&& token) const {
     request.setUserInitiated(true);
     return ServiceConnection::withAsyncService<None>(
         std::tuple(std::move(request)),
-        [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
-          proxy.installManagedApp(std::move(argument), std::move(reply));
-        },
+        service::detail::Call<ServiceProtocol::Selectors::installManagedApp>{},
         std::forward<CompletionToken>(token));
   }
 };

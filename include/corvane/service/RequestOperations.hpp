@@ -23,94 +23,74 @@
 
 namespace corvane {
 
-namespace service::detail {
-
-/// A body that calls one operation of the proxy with the argument buffer.
-template <auto Operation>
-struct Send {
-  void operator()(const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) const {
-    (proxy.*Operation)(std::move(argument), std::move(reply));
-  }
-};
-/// A body that calls one reply-only operation: the (empty) argument list is not sent.
-template <auto Operation>
-struct SendWithoutArgument {
-  void operator()(const ServiceProtocol& proxy, const Bytes& /*argument*/,
-                  ipc::Completion reply) const {
-    (proxy.*Operation)(std::move(reply));
-  }
-};
-
-}  // namespace service::detail
-
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto DDMAppOrUpdateManagedAppRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(*this), service::detail::Send<&ServiceProtocol::addOrUpdateManagedApp>{},
+      std::tuple(*this), service::detail::Call<ServiceProtocol::Selectors::addOrUpdateManagedApp>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto DDMRemoveManagedAppRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
       std::tuple(declarationIdentifier),
-      service::detail::Send<&ServiceProtocol::removeManagedAppWithDeclarationIdentifier>{},
+      service::detail::Call<ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<std::vector<ManagedAppStatus>> CompletionToken>
 auto DDMDeclarationStatusRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<std::vector<ManagedAppStatus>>(
-      std::tuple(*this), service::detail::Send<&ServiceProtocol::getDeclarationStatus>{},
+      std::tuple(*this), service::detail::Call<ServiceProtocol::Selectors::getDeclarationStatus>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<std::vector<std::string>> CompletionToken>
 auto DDMDeclarationKeysRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<std::vector<std::string>>(
       std::tuple(),
-      service::detail::SendWithoutArgument<&ServiceProtocol::currentDeclarationKeys>{},
+      service::detail::Call<ServiceProtocol::Selectors::currentDeclarationKeys>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto DDMResetManagedAppInstallHistoryRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
       std::tuple(),
-      service::detail::SendWithoutArgument<&ServiceProtocol::resetManagedAppInstallHistory>{},
+      service::detail::Call<ServiceProtocol::Selectors::resetManagedAppInstallHistory>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto DDMPollForUpdatesRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
       std::tuple(),
-      service::detail::SendWithoutArgument<&ServiceProtocol::pollForMediaAPIUpdates>{},
+      service::detail::Call<ServiceProtocol::Selectors::pollForMediaAPIUpdates>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto VPPInstallRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(*this), service::detail::Send<&ServiceProtocol::handleVPPInstallRequest>{},
+      std::tuple(*this), service::detail::Call<ServiceProtocol::Selectors::handleVPPInstallRequest>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto InstallEnterpriseManifestRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(app()), service::detail::Send<&ServiceProtocol::installEnterpriseManifest>{},
+      std::tuple(app()), service::detail::Call<ServiceProtocol::Selectors::installEnterpriseManifest>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto AppLaunchRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(bundleID), service::detail::Send<&ServiceProtocol::handleLaunchAppRequest>{},
+      std::tuple(bundleID), service::detail::Call<ServiceProtocol::Selectors::handleLaunchAppRequest>{},
       std::forward<CompletionToken>(token));
 }
 
-template <class CompletionToken>
+template <ServiceToken<None> CompletionToken>
 auto ManagedApp::launch(CompletionToken&& token) const {
   return AppLaunchRequest{bundleID()}.perform(std::forward<CompletionToken>(token));
 }

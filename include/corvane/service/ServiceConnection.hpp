@@ -3,6 +3,7 @@
 #include <corvane/coding/Coding.hpp>
 #include <corvane/coding/CorvaneError.hpp>
 #include <corvane/coding/ServiceResult.hpp>
+#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/coding/TetherEncoder.hpp>
 #include <corvane/ipc/Connection.hpp>
@@ -10,7 +11,9 @@
 #include <corvane/service/ServiceProtocol.hpp>
 #include <corvane/service/SyncTetherResult.hpp>
 
+#include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
+#include <boost/asio/cancellation_type.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/execution/outstanding_work.hpp>
@@ -18,24 +21,21 @@
 #include <boost/asio/prefer.hpp>
 #include <boost/asio/system_executor.hpp>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
+#include <variant>
 
 namespace corvane {
-
-/// The completion signature of a service call returning `Value`: `void(std::exception_ptr)`
-/// for operations without a value (`None`), else `void(std::exception_ptr, Value)`. The
-/// exception is empty on success; on failure it holds a `corvane::Error` (or, for an argument
-/// that cannot be encoded, the encoder's `CodingError`) and the value is default-made.
-template <class Value>
-using ServiceSignature = std::conditional_t<std::is_same_v<Value, None>, void(std::exception_ptr),
-                                            void(std::exception_ptr, Value)>;
 
 namespace service::detail {
 struct LossObservers;
@@ -71,8 +71,9 @@ class LossObservation {
 /// invalidation every later call fails. The service must run as root when the runtime directory
 /// is the system one, else as the caller's own user or root.
 ///
-/// Every member may be used from any thread at once. Destruction invalidates the connection; the
-/// shared instance is never destroyed.
+/// Every member may be used from any thread at once. Destruction invalidates the connection. The
+/// shared instance is never released: it lives until the process exits, and then stops its
+/// threads without invalidation handler or log line.
 class ServiceConnection {
  public:
   /// The process's instance, made on first use while the service is enabled. Throws
@@ -123,14 +124,20 @@ class ServiceConnection {
   /// on that executor. A handler without an executor runs on `executor()` of the shared
   /// connection, or, when there is none (switched off, or it could not be made), on Asio's
   /// system executor.
-  template <class Value, class Arguments, class Body, class CompletionToken>
+  template <class Value, class Arguments, class Body, ServiceToken<Value> CompletionToken>
   static auto withAsyncService(Arguments arguments, Body body, CompletionToken&& token);
 
   /// The synchronous twin: blocks the calling thread until the reply or the failure has arrived
   /// and returns the value, or throws what the asynchronous routine would deliver. May be called
   /// from inside a delivery callback.
+  ///
+  /// With a `deadline`, it waits until then at most: past it the call fails with
+  /// `unrecoverableError` whose `origin()` is `ipc::ConnectionError::timedOut`, and the reply, if
+  /// it comes later, is dropped (the daemon may still have carried the call out).
   template <class Value, class Arguments, class Body>
-  static Value withSyncService(Arguments arguments, Body body);
+  static Value withSyncService(
+      Arguments arguments, Body body,
+      std::optional<std::chrono::steady_clock::time_point> deadline = std::nullopt);
 
  private:
   std::shared_ptr<service::detail::LossObservers> lossObservers_;
@@ -138,19 +145,63 @@ class ServiceConnection {
   // Made once: a proxy holds no state of a call, so every call shares them.
   std::optional<ServiceProtocol> proxy_;
   std::optional<ServiceProtocol> synchronousProxy_;
+  bool shared_ = false;  // the process's instance, which ends quietly with the process
 };
 
 namespace service::detail {
 
 /// `corvane::Error` for a failure made inside the library.
-[[nodiscard]] std::exception_ptr localFailure(std::string cause);
-/// The failure of a call the connection could not complete; writes the log line `logFormat`
-/// ("Error fetching remote object proxy: {}") with the connection's error.
+[[nodiscard]] std::exception_ptr localFailure(std::string cause, std::error_code origin = {});
+/// The failure of a call the connection could not complete; writes the log line ("Error fetching
+/// remote object proxy: {}", or its synchronous variant) with the connection's error.
 [[nodiscard]] std::exception_ptr callFailure(const ipc::CallError& error, bool synchronous);
 /// The failure of a reply that does not decode; writes "Error decoding Tether values: {}".
 [[nodiscard]] std::exception_ptr decodingFailure(const std::exception& error);
-/// The shared connection, or empty with the failure to report when it cannot be had.
-[[nodiscard]] ServiceConnection* sharedConnection(std::exception_ptr& failure) noexcept;
+/// The failure of a call its caller cancelled.
+[[nodiscard]] std::exception_ptr cancelledFailure();
+/// The shared connection, or empty with the failure to report when it cannot be had; a failure
+/// other than the switched-off service writes the proxy line of the synchronous or asynchronous
+/// routine.
+[[nodiscard]] ServiceConnection* sharedConnection(std::exception_ptr& failure,
+                                                  bool synchronous) noexcept;
+
+/// The debug line of one call: its operation, outcome and duration. Costs one level check when
+/// debug lines are off.
+class CallLog {
+ public:
+  explicit CallLog(std::string_view operation) noexcept;
+  /// Writes "<operation> succeeded in <ms> ms" or "<operation> failed in <ms> ms: <error>".
+  void finished(const std::exception_ptr& failure) const noexcept;
+
+ private:
+  std::string_view operation_;
+  std::optional<std::chrono::steady_clock::time_point> start_;
+};
+
+/// A body that calls one operation of the proxy: with the argument buffer, or, for a reply-only
+/// operation, without it (the empty argument list is not sent).
+template <const ipc::Operation& Selector>
+struct Call {
+  static constexpr std::string_view operation = Selector.name;
+  void operator()(const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) const {
+    if constexpr (Selector.shape == ipc::OperationShape::replyOnly) {
+      proxy.remote().call(Selector.name, std::nullopt, std::move(reply));
+    } else {
+      proxy.remote().call(Selector.name, std::optional<Bytes>(std::move(argument)),
+                          std::move(reply));
+    }
+  }
+};
+
+/// The operation a body calls, for the log; bodies that do not say are "a service call".
+template <class Body>
+constexpr std::string_view operationOf() {
+  if constexpr (requires { Body::operation; }) {
+    return Body::operation;
+  } else {
+    return "a service call";
+  }
+}
 
 /// The outcome of one call: a value, or the failure.
 template <class Value>
@@ -193,7 +244,9 @@ void complete(Handler& handler, Outcome<Value>& outcome) {
 
 /// Delivers a failure found before anything was sent: posted, never run inside the initiation.
 template <class Value, class Handler, class Fallback>
-void fail(Handler handler, std::exception_ptr failure, const Fallback& fallback) {
+void fail(Handler handler, std::exception_ptr failure, const Fallback& fallback,
+          const CallLog& log) {
+  log.finished(failure);
   auto executor = boost::asio::get_associated_executor(handler, fallback);
   boost::asio::post(executor, [handler = std::move(handler), failure]() mutable {
     Outcome<Value> outcome{failure, {}};
@@ -201,11 +254,79 @@ void fail(Handler handler, std::exception_ptr failure, const Fallback& fallback)
   });
 }
 
-template <class Value, class Handler, class Arguments, class Body>
+/// One asynchronous call between its initiation and its handler. The reply and a cancellation
+/// race for it: whichever claims it first completes the handler, on the handler's executor; the
+/// other finds it claimed and lets go (a reply that comes after a cancellation is dropped).
+template <class Value, class Handler>
+class PendingCall {
+ public:
+  using Work = std::decay_t<decltype(boost::asio::prefer(
+      std::declval<boost::asio::associated_executor_t<Handler, ipc::DeliveryExecutor>>(),
+      boost::asio::execution::outstanding_work.tracked))>;
+
+  PendingCall(Handler handler, const ipc::DeliveryExecutor& delivery, CallLog log)
+      : handler_(std::move(handler)),
+        // Counts as outstanding work on the handler's executor until the handler has run.
+        work_(boost::asio::prefer(boost::asio::get_associated_executor(handler_, delivery),
+                                  boost::asio::execution::outstanding_work.tracked)),
+        log_(log) {}
+
+  /// Makes the call end when the handler's cancellation slot asks for terminal cancellation.
+  static void watchCancellation(const std::shared_ptr<PendingCall>& call) {
+    auto slot = boost::asio::get_associated_cancellation_slot(call->handler_);
+    if (!slot.is_connected()) return;
+    slot.template emplace<Canceller>(std::weak_ptr<PendingCall>(call));
+  }
+
+  /// True for the one caller that may complete the call.
+  bool claim() noexcept { return !claimed_.exchange(true, std::memory_order_acq_rel); }
+
+  /// Completes a claimed call: the handler runs with `outcome` on its executor, never inline.
+  static void complete(const std::shared_ptr<PendingCall>& call, Outcome<Value> outcome,
+                       bool mayDispatch) {
+    auto finish = [call, outcome = std::move(outcome)]() mutable { call->finish(outcome); };
+    if (mayDispatch) {
+      boost::asio::dispatch(call->work_, std::move(finish));
+    } else {
+      boost::asio::post(call->work_, std::move(finish));
+    }
+  }
+
+ private:
+  struct Canceller {
+    std::weak_ptr<PendingCall> call;
+    void operator()(boost::asio::cancellation_type_t type) const {
+      if ((type & boost::asio::cancellation_type::terminal) == boost::asio::cancellation_type::none)
+        return;
+      const auto pending = call.lock();
+      if (!pending || !pending->claim()) return;
+      PendingCall::complete(pending, Outcome<Value>{cancelledFailure(), {}}, false);
+    }
+  };
+
+  // On the handler's executor.
+  void finish(Outcome<Value>& outcome) {
+    log_.finished(outcome.failure);
+    auto slot = boost::asio::get_associated_cancellation_slot(handler_);
+    if (slot.is_connected()) slot.clear();
+    // The work is released once the handler has run, whether or not the reply ever comes.
+    const auto work = std::move(work_);
+    auto handler = std::move(handler_);
+    service::detail::complete<Value>(handler, outcome);
+  }
+
+  Handler handler_;
+  Work work_;
+  CallLog log_;
+  std::atomic<bool> claimed_{false};
+};
+
+template <class Value, class Body, class Handler, class Arguments>
 void startAsync(Handler handler, Arguments& arguments, Body& body) {
+  const CallLog log(operationOf<Body>());
   const boost::asio::system_executor noConnection;
   if (!isServiceEnabled()) {
-    fail<Value>(std::move(handler), localFailure("the service is switched off"), noConnection);
+    fail<Value>(std::move(handler), localFailure("the service is switched off"), noConnection, log);
     return;
   }
   Bytes buffer;
@@ -213,60 +334,72 @@ void startAsync(Handler handler, Arguments& arguments, Body& body) {
     buffer = std::apply([](const auto&... values) { return TetherEncoder::encode(values...); },
                         arguments);
   } catch (...) {
-    fail<Value>(std::move(handler), std::current_exception(), noConnection);
+    fail<Value>(std::move(handler), std::current_exception(), noConnection, log);
     return;
   }
   std::exception_ptr failure;
-  ServiceConnection* connection = sharedConnection(failure);
+  ServiceConnection* connection = sharedConnection(failure, false);
   if (connection == nullptr) {
-    fail<Value>(std::move(handler), failure, noConnection);
+    fail<Value>(std::move(handler), failure, noConnection, log);
     return;
   }
-  // Counts as outstanding work on the handler's executor until the handler has run.
-  auto work =
-      boost::asio::prefer(boost::asio::get_associated_executor(handler, connection->executor()),
-                          boost::asio::execution::outstanding_work.tracked);
+  using Pending = PendingCall<Value, Handler>;
+  auto call = std::make_shared<Pending>(std::move(handler), connection->executor(), log);
+  Pending::watchCancellation(call);
   body(connection->remoteObjectProxy(), std::move(buffer),
-       ipc::Completion(
-           [handler = std::move(handler), work = std::move(work)](ipc::CallResult result) mutable {
-             auto outcome = outcomeOf<Value>(result, false);
-             boost::asio::dispatch(
-                 work, [handler = std::move(handler), outcome = std::move(outcome)]() mutable {
-                   complete<Value>(handler, outcome);
-                 });
-           }));
+       ipc::Completion([call](ipc::CallResult result) {
+         if (!call->claim()) return;  // cancelled: the reply is dropped unread
+         Pending::complete(call, outcomeOf<Value>(result, false), true);
+       }));
 }
 
 }  // namespace service::detail
 
-template <class Value, class Arguments, class Body, class CompletionToken>
+template <class Value, class Arguments, class Body, ServiceToken<Value> CompletionToken>
 auto ServiceConnection::withAsyncService(Arguments arguments, Body body, CompletionToken&& token) {
   return boost::asio::async_initiate<CompletionToken, ServiceSignature<Value>>(
       [](auto handler, Arguments values, Body send) {
-        service::detail::startAsync<Value>(std::move(handler), values, send);
+        service::detail::startAsync<Value, Body>(std::move(handler), values, send);
       },
       token, std::move(arguments), std::move(body));
 }
 
 template <class Value, class Arguments, class Body>
-Value ServiceConnection::withSyncService(Arguments arguments, Body body) {
-  if (!isServiceEnabled())
-    std::rethrow_exception(service::detail::localFailure("the service is switched off"));
-  Bytes buffer =
-      std::apply([](const auto&... values) { return TetherEncoder::encode(values...); }, arguments);
-  std::exception_ptr failure;
-  ServiceConnection* connection = service::detail::sharedConnection(failure);
-  if (connection == nullptr) std::rethrow_exception(failure);
+Value ServiceConnection::withSyncService(
+    Arguments arguments, Body body,
+    std::optional<std::chrono::steady_clock::time_point> deadline) {
+  const service::detail::CallLog log(service::detail::operationOf<Body>());
   SyncTetherResult<Value> box;
-  body(connection->synchronousRemoteObjectProxy(), std::move(buffer),
-       ipc::Completion([&box](ipc::CallResult result) {
-         auto outcome = service::detail::outcomeOf<Value>(result, true);
-         if (outcome.failure) {
-           box.result.emplace(outcome.failure);
-         } else {
-           box.result.emplace(std::move(outcome.value));
-         }
-       }));
+  try {
+    if (!isServiceEnabled())
+      std::rethrow_exception(service::detail::localFailure("the service is switched off"));
+    Bytes buffer = std::apply(
+        [](const auto&... values) { return TetherEncoder::encode(values...); }, arguments);
+    std::exception_ptr failure;
+    ServiceConnection* connection = service::detail::sharedConnection(failure, true);
+    if (connection == nullptr) std::rethrow_exception(failure);
+    auto fill = ipc::Completion([&box](ipc::CallResult result) {
+      auto outcome = service::detail::outcomeOf<Value>(result, true);
+      if (outcome.failure) {
+        box.result.emplace(outcome.failure);
+      } else {
+        box.result.emplace(std::move(outcome.value));
+      }
+    });
+    if (deadline) {
+      // A proxy of its own, for this call's deadline; the shared one has none.
+      body(ServiceProtocol(connection->synchronousRemoteObjectProxy().remote().withDeadline(
+               *deadline)),
+           std::move(buffer), std::move(fill));
+    } else {
+      body(connection->synchronousRemoteObjectProxy(), std::move(buffer), std::move(fill));
+    }
+  } catch (...) {
+    log.finished(std::current_exception());
+    throw;
+  }
+  const auto* failed = box.result ? std::get_if<std::exception_ptr>(&*box.result) : nullptr;
+  log.finished(failed != nullptr ? *failed : nullptr);
   return std::move(box).valueOrThrow();
 }
 

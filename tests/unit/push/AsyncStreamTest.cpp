@@ -3,12 +3,17 @@
 
 #include <corvane/push/AsyncStream.hpp>
 
+#include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/bind_executor.hpp>
+#include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/use_future.hpp>
 #include <gtest/gtest.h>
@@ -126,7 +131,10 @@ class NextInEveryForm : public ::testing::TestWithParam<Form> {
   std::future<std::optional<int>> start(Stream& stream) {
     auto promise = std::make_shared<std::promise<std::optional<int>>>();
     auto completion = promise->get_future();
-    auto fulfil = [promise](std::optional<int> value) { promise->set_value(value); };
+    auto fulfil = [promise](boost::system::error_code error, std::optional<int> value) {
+      EXPECT_FALSE(error);
+      promise->set_value(value);
+    };
     switch (GetParam()) {
       case Form::callback:
         stream.next(fulfil);
@@ -137,7 +145,7 @@ class NextInEveryForm : public ::testing::TestWithParam<Form> {
         asio::co_spawn(
             io_,
             [&stream, fulfil]() -> asio::awaitable<void> {
-              fulfil(co_await stream.next(asio::use_awaitable));
+              fulfil({}, co_await stream.next(asio::use_awaitable));
             },
             asio::detached);
         break;
@@ -194,7 +202,7 @@ TEST(AsyncStream, APendingNextIsWorkOnItsExecutorUntilItsHandlerRan) {
     asio::io_context io;
     auto [stream, continuation] = Stream::make();
     std::vector<std::pair<std::optional<int>, std::thread::id>> completions;
-    stream.next(asio::bind_executor(io, [&](std::optional<int> value) {
+    stream.next(asio::bind_executor(io, [&](boost::system::error_code, std::optional<int> value) {
       completions.emplace_back(value, std::this_thread::get_id());
     }));
     io.poll();
@@ -344,7 +352,9 @@ TEST(AsyncStream, ConcurrentProducersDeliverEveryValueOnceInTheirOwnOrder) {
     Values seen;
     if (chainedCallbacks) {
       std::promise<void> done;
-      std::function<void(std::optional<int>)> take = [&, &s = stream](std::optional<int> value) {
+      std::function<void(boost::system::error_code, std::optional<int>)> take =
+          [&, &s = stream](boost::system::error_code error, std::optional<int> value) {
+        EXPECT_FALSE(error);
         if (!value) return done.set_value();
         seen.push_back(*value);
         s.next(take);
@@ -409,7 +419,9 @@ TEST(AsyncStream, AHandlerWithoutAnExecutorNeverRunsOnTheEndingThread) {
       auto made = Stream::make();
       std::optional<Stream> stream(std::move(made.stream));
       std::promise<std::thread::id> ranOn;
-      stream->next([&ranOn](std::optional<int>) { ranOn.set_value(std::this_thread::get_id()); });
+      stream->next([&ranOn](boost::system::error_code, std::optional<int>) {
+        ranOn.set_value(std::this_thread::get_id());
+      });
       std::jthread other([&, c = made.continuation] {
         if (round % 2 == 0) c.yield(round);  // the value, or else the end, completes the wait
         if (end == End::finish) c.finish();
@@ -425,13 +437,29 @@ TEST(AsyncStream, AHandlerWithoutAnExecutorNeverRunsOnTheEndingThread) {
   }
 }
 
-TEST(AsyncStream, ASecondNextWhileOneIsPendingCompletesEmptyAndLeavesTheStreamAlone) {
+/// The error a failed future holds (none when it holds a value).
+boost::system::error_code errorOf(std::future<std::optional<int>> future) {
+  if (future.wait_for(bound) != std::future_status::ready) return asio::error::timed_out;
+  try {
+    (void)future.get();
+  } catch (const boost::system::system_error& error) {
+    return error.code();
+  }
+  return {};
+}
+
+TEST(AsyncStream, ASecondNextWhileOneIsPendingIsAUsageErrorAndLeavesTheStreamAlone) {
   Terminations ended;
   auto [stream, continuation] = Stream::make();
   continuation.onTermination(ended.handler());
   auto first = stream.next(asio::use_future);
-  EXPECT_EQ(await(stream.next(asio::use_future)), std::nullopt);
-  EXPECT_EQ(stream.next(), std::nullopt);
+  EXPECT_EQ(errorOf(stream.next(asio::use_future)), asio::error::already_started);
+  try {
+    (void)stream.next();
+    ADD_FAILURE() << "a blocking next beside a pending one returned";
+  } catch (const boost::system::system_error& error) {
+    EXPECT_EQ(error.code(), asio::error::already_started);
+  }
   continuation.yield(4);
   EXPECT_EQ(await(std::move(first)), 4);
   EXPECT_TRUE(ended.runs().empty());
@@ -441,6 +469,100 @@ TEST(AsyncStream, ASecondNextWhileOneIsPendingCompletesEmptyAndLeavesTheStreamAl
   stream = std::move(other);  // ends the stream assigned over
   EXPECT_EQ(ended.runs().size(), 1U);
   EXPECT_EQ(stream.next(), 8);
+}
+
+/// Ways of cancelling one pending wait: each emits on the waiting handler's own executor.
+enum class Cancel { terminal, partial, total, eitherOfTwo };
+
+TEST(AsyncStream, ACancelledNextTakesNothingAndTheNextNextGetsTheValue) {
+  for (const auto how : {Cancel::terminal, Cancel::partial, Cancel::total, Cancel::eitherOfTwo}) {
+    SCOPED_TRACE(static_cast<int>(how));
+    asio::io_context io;
+    auto [stream, continuation] = Stream::make();
+    std::optional<boost::system::error_code> outcome;
+    std::optional<int> got;
+    asio::cancellation_signal signal;
+    asio::steady_timer timer(io, std::chrono::milliseconds(1));
+    if (how == Cancel::eitherOfTwo) {
+      // The timeout idiom: whichever finishes first cancels the other.
+      using namespace asio::experimental::awaitable_operators;
+      asio::co_spawn(
+          io,
+          [&]() -> asio::awaitable<void> {
+            try {
+              auto first = co_await (stream.next(asio::use_awaitable)
+                                     || timer.async_wait(asio::use_awaitable));
+              outcome = first.index() == 1 ? asio::error::operation_aborted
+                                           : boost::system::error_code();
+            } catch (const boost::system::system_error& error) {
+              outcome = error.code();
+            }
+          },
+          asio::detached);
+    } else {
+      stream.next(asio::bind_cancellation_slot(
+          signal.slot(),
+          asio::bind_executor(io, [&](boost::system::error_code error, std::optional<int> value) {
+            outcome = error;
+            got = value;
+          })));
+      timer.async_wait([&, how](boost::system::error_code) {
+        signal.emit(how == Cancel::terminal  ? asio::cancellation_type::terminal
+                    : how == Cancel::partial ? asio::cancellation_type::partial
+                                             : asio::cancellation_type::total);
+      });
+    }
+    io.run_for(bound);  // returns once the wait has ended: nothing else is left to do
+    ASSERT_TRUE(outcome.has_value());
+    EXPECT_EQ(*outcome, asio::error::operation_aborted);
+    EXPECT_EQ(got, std::nullopt);
+
+    // The value yielded after the cancellation is kept for the next wait, and a second
+    // cancellation through the same (now cleared) slot touches nothing.
+    EXPECT_EQ(continuation.yield(7).status, enqueued);
+    signal.emit(asio::cancellation_type::terminal);
+    EXPECT_EQ(stream.next(), 7);
+    EXPECT_FALSE(continuation.isTerminated());
+  }
+}
+
+TEST(AsyncStream, ACancellationRacingAYieldNeverLosesTheValue) {
+  // Whichever wins, the value is either delivered to the cancelled wait or kept for the next.
+  for (int round = 0; round < 200; ++round) {
+    asio::io_context io;
+    auto [stream, continuation] = Stream::make();
+    asio::cancellation_signal signal;
+    std::optional<int> delivered;
+    bool completed = false;
+    stream.next(asio::bind_cancellation_slot(
+        signal.slot(),
+        asio::bind_executor(io, [&](boost::system::error_code, std::optional<int> value) {
+          delivered = value;
+          completed = true;
+        })));
+    std::jthread producer([&c = continuation] { c.yield(1); });
+    asio::post(io, [&] { signal.emit(asio::cancellation_type::terminal); });
+    io.run_for(bound);
+    producer.join();
+    ASSERT_TRUE(completed);
+    if (!delivered) {
+      EXPECT_EQ(stream.next(std::chrono::seconds(0)), 1);
+    }
+  }
+}
+
+TEST(AsyncStream, ABoundedBlockingNextTimesOutAndTakesNothing) {
+  auto [stream, continuation] = Stream::make();
+  try {
+    (void)stream.next(std::chrono::milliseconds(20));
+    ADD_FAILURE() << "the bounded next returned without a value";
+  } catch (const boost::system::system_error& error) {
+    EXPECT_EQ(error.code(), asio::error::timed_out);
+  }
+  continuation.yield(3);
+  EXPECT_EQ(stream.next(std::chrono::milliseconds(0)), 3);
+  continuation.finish();
+  EXPECT_EQ(stream.next(bound), std::nullopt);  // the end comes at once, not at the bound
 }
 
 }  // namespace
