@@ -226,6 +226,7 @@ class ConnectionCore final : public ChannelOwner,
       channel->setExportedObject(exportedObject_);
     }
     channel->start();
+    LogCategory::tether().debug("Connected to {}", path_.native());
     {
       const std::lock_guard state(mutex_);
       if (state_ != State::invalidated) {

@@ -198,6 +198,8 @@ void TetherClient::handleMessages(Bytes messages) {
     LogCategory::tether().error("Error decoding Tether client message: {}", error.what());
     return;
   }
+  LogCategory::tether().debug("Received a batch of {} pushed messages ({} bytes)", batch.size(),
+                              messages.size());
   for (const auto& message : batch) handle(message);
 }
 

@@ -4,6 +4,7 @@
 // and (where the record has it) the synchronous twin.
 
 #include "integration/ipc/IpcTestSupport.hpp"
+#include "integration/service/FakeDaemon.hpp"
 #include "support/Json.hpp"
 #include "unit/model/ValueTesting.hpp"
 
@@ -30,78 +31,6 @@ namespace {
 namespace asio = boost::asio;
 using ipc::testing::Counter;
 using ipc::testing::TemporaryDirectory;
-
-constexpr std::string_view successWithoutValue = R"([{"success": {"_0": null}}])";
-
-/// What the daemon received: the operation and its argument buffer, if any.
-struct Received {
-  std::string operation;
-  std::optional<std::string> argument;
-};
-
-/// An in-process daemon on the agent's service name: answers every operation of the service
-/// protocol with its scripted reply (success without a value by default), or holds the call
-/// unanswered while `hold` is set.
-class FakeDaemon {
- public:
-  explicit FakeDaemon(const std::filesystem::path& directory)
-      : listener_(std::string(agentServiceName), ipc::ListenerOptions{directory, false}) {
-    listener_.setConnectionHandler([this](ipc::Peer& peer) {
-      connections.add();
-      auto table = std::make_shared<ipc::OperationTable>();
-      for (const auto& operation : ServiceProtocol::operations) {
-        table->on(std::string(operation.name),
-                  [this, name = std::string(operation.name)](std::optional<Bytes> argument,
-                                                             ipc::Reply reply) {
-                    answer(name, std::move(argument), std::move(reply));
-                  });
-      }
-      peer.setExportedObject(table);
-      return true;
-    });
-    listener_.resume();
-  }
-
-  void script(std::string_view operation, std::string_view reply) {
-    const std::lock_guard state(mutex_);
-    replies_[std::string(operation)] = std::string(reply);
-  }
-  void hold() {
-    const std::lock_guard state(mutex_);
-    holding_ = true;
-  }
-  [[nodiscard]] std::vector<Received> received() const {
-    const std::lock_guard state(mutex_);
-    return received_;
-  }
-
-  Counter connections;
-  Counter calls;
-
- private:
-  void answer(const std::string& operation, std::optional<Bytes> argument, ipc::Reply reply) {
-    std::string answer(successWithoutValue);
-    {
-      const std::lock_guard state(mutex_);
-      received_.push_back(
-          {operation, argument ? std::optional(std::string(argument->view())) : std::nullopt});
-      if (holding_) {
-        held_.push_back(std::move(reply));
-      } else if (auto scripted = replies_.find(operation); scripted != replies_.end()) {
-        answer = scripted->second;
-      }
-    }
-    if (reply.expectsAnswer()) reply.send(Bytes(answer));
-    calls.add();
-  }
-
-  mutable std::mutex mutex_;
-  std::map<std::string, std::string> replies_;
-  std::vector<Received> received_;
-  std::vector<ipc::Reply> held_;
-  bool holding_ = false;
-  ipc::Listener listener_;
-};
 
 enum class Form { callback, future, awaitable, synchronous };
 
@@ -417,16 +346,33 @@ TEST_P(ServiceCallsTest, ValuesComeBackDecoded) {
   EXPECT_EQ(daemon.received().at(1).argument, std::optional<std::string>("[{}]"));
 }
 
-TEST_P(ServiceCallsTest, TheDaemonsFailuresArriveUnchanged) {
+TEST_P(ServiceCallsTest, TheDaemonsFailuresArriveUnchangedWithTheirReasons) {
   FakeDaemon daemon(directory.path());
-  for (auto kind : {CorvaneError::unrecoverableError, CorvaneError::networkError,
-                    CorvaneError::deviceNotManaged, CorvaneError::unsupportedPlatform}) {
-    daemon.script(ServiceProtocol::Selectors::currentDeclarationKeys.name,
-                  fmt::format(R"([{{"failure": {{"_0": {{"{}": {{}}}}}}}}])", caseName(kind)));
-    const auto outcome = askForKeys(GetParam());
-    ASSERT_TRUE(outcome.failure) << caseName(kind);
-    EXPECT_EQ(outcome.error().error(), kind);
-    EXPECT_EQ(outcome.error().cause(), "") << "the daemon's error carries no local cause";
+  // A reason beside "_0", in either order, and a failure without one (the plain envelope).
+  const std::vector<std::pair<std::string, std::string>> envelopes = {
+      {R"([{{"failure": {{"_0": {{"{}": {{}}}}}}}}])", ""},
+      {R"([{{"failure": {{"_0": {{"{}": {{}}}}, "reason": "item 42 is not in the catalogue"}}}}])",
+       "item 42 is not in the catalogue"},
+      {R"([{{"failure": {{"reason": "D-x: \u00fcber", "_0": {{"{}": {{}}}}}}}}])", "D-x: über"},
+      {R"([{{"failure": {{"_0": {{"{}": {{}}}}, "reason": null}}}}])", ""},
+  };
+  for (const auto& [envelope, reason] : envelopes) {
+    for (auto kind : {CorvaneError::unrecoverableError, CorvaneError::networkError,
+                      CorvaneError::deviceNotManaged, CorvaneError::unsupportedPlatform}) {
+      SCOPED_TRACE(envelope);
+      daemon.script(ServiceProtocol::Selectors::currentDeclarationKeys.name,
+                    fmt::format(fmt::runtime(envelope), caseName(kind)));
+      const auto outcome = askForKeys(GetParam());
+      ASSERT_TRUE(outcome.failure) << caseName(kind);
+      const Error error = outcome.error();
+      EXPECT_EQ(error.error(), kind);
+      EXPECT_EQ(error.cause(), reason);
+      EXPECT_FALSE(error.origin()) << "a failure the daemon reported has no local origin";
+      const std::string expected =
+          reason.empty() ? localizedDescription(kind)
+                         : fmt::format("{} ({})", localizedDescription(kind), reason);
+      EXPECT_EQ(std::string(error.what()), expected);
+    }
   }
   EXPECT_EQ(log.count(platform::LogLevel::error, "Error decoding Tether values"), 0U);
 }

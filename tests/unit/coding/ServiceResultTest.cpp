@@ -4,6 +4,8 @@
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/coding/TetherEncoder.hpp>
 
+#include <boost/describe/class.hpp>
+
 #include <gtest/gtest.h>
 
 #include <unordered_set>
@@ -28,6 +30,9 @@ TEST(ServiceResult, ShapesOfTheReplyEnvelope) {
        R"([{"success": {"_0": ["k1", "k2"]}}])"},
       {TetherEncoder::encode(ServiceResult<Strings>::failure(CorvaneError::deviceNotManaged)),
        R"([{"failure": {"_0": {"deviceNotManaged": {}}}}])"},
+      {TetherEncoder::encode(
+           ServiceResult<None>::failure(CorvaneError::networkError, "no.such.app is not installed")),
+       R"([{"failure": {"_0": {"networkError": {}}, "reason": "no.such.app is not installed"}}])"},
       {TetherEncoder::encode(ServiceResult<None>::success({})), R"([{"success": {"_0": null}}])"},
       {TetherEncoder::encode(ServiceResult<Strings>::success({})), R"([{"success": {"_0": []}}])"},
   };
@@ -58,6 +63,41 @@ TEST(ServiceResult, DecodedFailureRaisesTheDaemonsError) {
   }
 }
 
+/// The failure case as a peer that does not know of reasons declares it.
+struct PlainFailure {
+  static constexpr std::string_view caseName = "failure";
+  CorvaneError _0{CorvaneError::unrecoverableError};
+  BOOST_DESCRIBE_CLASS(PlainFailure, (), (_0), (), ())
+};
+
+TEST(ServiceResult, AReasonReachesTheErrorAndAPlainDecoderIgnoresIt) {
+  constexpr std::string_view withReason =
+      R"([{"failure": {"_0": {"deviceNotManaged": {}}, "reason": "unknown declaration D-x"}}])";
+  // Both ways of decoding (straight from the text, and through a tree of values) agree.
+  const Bytes buffer = bytesOf(withReason);
+  const auto direct = coding::detail::decodeDirectly<ServiceResult<None>>(buffer.span());
+  ASSERT_TRUE(direct.has_value());
+  const auto [tree] = coding::detail::decodeFromTree<ServiceResult<None>>(buffer.span());
+  EXPECT_EQ(std::get<0>(*direct), tree);
+  EXPECT_EQ(tree.reason(), std::optional<std::string>("unknown declaration D-x"));
+  try {
+    (void)ServiceResult<None>(tree).valueOrThrow();
+    FAIL() << "a failure must raise";
+  } catch (const Error& e) {
+    EXPECT_EQ(e.error(), CorvaneError::deviceNotManaged);
+    EXPECT_EQ(e.cause(), "unknown declaration D-x");
+    EXPECT_EQ(std::string(e.what()),
+              localizedDescription(CorvaneError::deviceNotManaged) + " (unknown declaration D-x)");
+  }
+  // A peer that knows only the plain envelope reads the same error kind.
+  const auto [plain] = TetherDecoder<PlainFailure>::decode(
+      bytesOf(R"([{"_0": {"deviceNotManaged": {}}, "reason": "unknown declaration D-x"}])"));
+  EXPECT_EQ(plain._0, CorvaneError::deviceNotManaged);
+  // And a plain envelope decodes as before: no reason.
+  EXPECT_EQ(decodeReply<None>(R"([{"failure": {"_0": {"networkError": {}}}}])").reason(),
+            std::nullopt);
+}
+
 TEST(ServiceResult, SuccessYieldsTheValue) {
   EXPECT_EQ(decodeReply<Strings>(R"([{"success": {"_0": ["a"]}}])").valueOrThrow(), Strings{"a"});
   EXPECT_EQ(decodeReply<None>(R"([{"success": {"_0": null}}])").valueOrThrow(), None{});
@@ -78,6 +118,8 @@ TEST(ServiceResult, MalformedRepliesFailToDecode) {
        CodingError::Kind::typeMismatch, "[0].failure._0"},
       {R"([{"failure": {"_0": {"somethingElse": {}}}}])", CodingError::Kind::typeMismatch,
        "[0].failure._0"},
+      {R"([{"failure": {"_0": {"networkError": {}}, "reason": 7}}])",
+       CodingError::Kind::typeMismatch, "[0].failure.reason"},
   };
   for (const auto& c : cases) {
     try {
