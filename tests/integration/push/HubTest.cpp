@@ -52,6 +52,11 @@ class PushingDaemon {
                       calls_.emplace_back(name, std::string(argument->view()));
                       if (failAdds_ && name == "addMessageRegistrations:reply:")
                         answer = R"([{"failure": {"_0": {"networkError": {}}}}])";
+                      if (holdRemovals_ && name == "removeMessageRegistrations:reply:") {
+                        held_.push_back(std::move(reply));
+                        registrationCalls.add();
+                        return;
+                      }
                     }
                     reply.send(Bytes(answer));
                     registrationCalls.add();
@@ -83,6 +88,11 @@ class PushingDaemon {
     const std::lock_guard state(mutex_);
     failAdds_ = true;
   }
+  /// Leaves every withdrawal unanswered from now on.
+  void holdRemovals() {
+    const std::lock_guard state(mutex_);
+    holdRemovals_ = true;
+  }
   /// The registration calls so far: operation and argument document.
   [[nodiscard]] std::vector<std::pair<std::string, std::string>> calls() const {
     const std::lock_guard state(mutex_);
@@ -97,6 +107,8 @@ class PushingDaemon {
   std::vector<std::pair<std::string, std::string>> calls_;
   ipc::RemoteProxy client_;
   bool failAdds_ = false;
+  bool holdRemovals_ = false;
+  std::vector<ipc::Reply> held_;
   ipc::Listener listener_;
 };
 
@@ -197,6 +209,32 @@ TEST_F(HubTest, TheLastListenerWithdrawsAndALaterOneStillGetsTheCache) {
   auto later = ManagedAppLibrary::shared().managedApps();
   EXPECT_EQ(describe(later.next()), "One");
   ASSERT_TRUE(daemon.registrationCalls.waitFor(3)) << "the later listener registers again";
+}
+
+TEST_F(HubTest, AWithdrawalTheDaemonNeverAnswersEndsWithinItsBoundAndStaysActive) {
+  PushingDaemon daemon(directory.path());
+  std::optional<ManagedAppLibrary::ManagedApps> apps(ManagedAppLibrary::shared().managedApps());
+  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  daemon.holdRemovals();
+  const auto started = std::chrono::steady_clock::now();
+  apps.reset();  // ends the stream: the withdrawal is made, and never answered
+  const auto waited = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(waited, TetherClient::withdrawalTimeout);
+  EXPECT_LT(waited, TetherClient::withdrawalTimeout + bound);
+  EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
+  std::size_t failures = 0;
+  for (const auto& record : log.records()) {
+    if (record.message.starts_with("Error removing registration for message: ")) {
+      ++failures;
+      EXPECT_EQ(record.level, platform::LogLevel::error);
+      EXPECT_EQ(record.category, "Tether");
+    }
+  }
+  EXPECT_EQ(failures, 1U);
+  // Still active, so the hub keeps treating it as asked for and a later withdrawal tries again.
+  EXPECT_EQ(TetherClient::shared().snapshot().activeRegistrations.count(
+                MessageRegistration::appCatalog()),
+            1U);
 }
 
 TEST_F(HubTest, CatalogueMessagesBecomeResultsInBatchOrder) {
