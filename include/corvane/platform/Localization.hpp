@@ -11,7 +11,9 @@ namespace corvane::platform {
 class Localization {
  public:
   /// The text for `key` in the process's current locale (LC_MESSAGES and LANGUAGE), looked up on
-  /// every call; the key itself when no translation exists. Never throws but for allocation.
+  /// every call. A locale without a catalogue of its own (C, C.UTF-8, POSIX, a language nobody
+  /// translated) or whose catalogue lacks the key gets the English text; a key that no catalogue
+  /// has comes back as itself. Never throws but for allocation.
   [[nodiscard]] static std::string localizedString(std::string_view key);
   /// $CORVANE_RESOURCE_DIR when set, else the installed "<datadir>/Corvane.framework" found
   /// from where the library itself is installed (the configured install path as a fallback).

@@ -191,7 +191,7 @@ TEST_F(FeatureFlagsTest, MalformedFileLeavesTheDefaultAndIsReported) {
   EXPECT_EQ(capture.records().size(), reports);
 }
 
-TEST(Localization, DescriptionsFollowTheLanguageAndFallBackToTheKey) {
+TEST(Localization, DescriptionsFollowTheLanguageAndFallBackToEnglishThenTheKey) {
   // Only the main thread runs while the locale changes.
   ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);  // NOLINT(concurrency-mt-unsafe)
   struct Case {
@@ -202,15 +202,31 @@ TEST(Localization, DescriptionsFollowTheLanguageAndFallBackToTheKey) {
   const Case cases[] = {
       {"de", CorvaneError::networkError, "Das Netzwerk ist nicht erreichbar."},
       {"en", CorvaneError::deviceNotManaged, "This device is not managed."},
-      {"fr", CorvaneError::deviceNotManaged, "error.deviceNotManaged"},
+      // Nobody translated French, and the plain locale has no language at all: English serves.
+      {"fr", CorvaneError::deviceNotManaged, "This device is not managed."},
+      {nullptr, CorvaneError::networkError, "The network could not be reached."},
       {"de", CorvaneError::unsupportedPlatform, "Diese Plattform wird nicht unterstützt."},
   };
   for (const auto& c : cases) {
     const ScopedEnv language("LANGUAGE", c.language);
     Localization::languageChanged();
-    EXPECT_EQ(localizedDescription(c.error), c.expected) << c.language;
-    EXPECT_EQ(Error(c.error).localizedDescription(), c.expected) << c.language;
-    EXPECT_EQ(make_error_code(c.error).message(), c.expected) << c.language;
+    SCOPED_TRACE(c.language != nullptr ? c.language : "(no LANGUAGE)");
+    EXPECT_EQ(localizedDescription(c.error), c.expected);
+    EXPECT_EQ(Error(c.error).localizedDescription(), c.expected);
+    EXPECT_EQ(make_error_code(c.error).message(), c.expected);
+  }
+  // A key that no catalogue has comes back as itself, in any language.
+  for (const char* language : {"de", "fr"}) {
+    const ScopedEnv set("LANGUAGE", language);
+    Localization::languageChanged();
+    EXPECT_EQ(Localization::localizedString("error.neverTranslated"), "error.neverTranslated");
+  }
+  // So does every key when the bundle has no catalogue at all.
+  {
+    const ScopedEnv empty("CORVANE_RESOURCE_DIR", "/nonexistent/Corvane.framework");
+    const ScopedEnv none("LANGUAGE", nullptr);
+    Localization::languageChanged();
+    EXPECT_EQ(localizedDescription(CorvaneError::deviceNotManaged), "error.deviceNotManaged");
   }
   Localization::languageChanged();
   std::setlocale(LC_ALL, "C");  // NOLINT(concurrency-mt-unsafe)
