@@ -1,10 +1,29 @@
 #include <corvane/push/ListenerStreams.hpp>
+#include <corvane/service/ServiceConnection.hpp>
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/system_executor.hpp>
+
+#include <exception>
 
 namespace corvane {
 
+namespace {
+
+/// Where a stream's handlers without an executor of their own run: the connection's delivery
+/// executor, as for the calls; Asio's system executor while there is no connection to be had.
+boost::asio::any_io_executor streamExecutor() {
+  std::exception_ptr failure;
+  if (ServiceConnection* connection = service::detail::sharedConnection(failure, false))
+    return connection->executor();
+  return boost::asio::system_executor();
+}
+
+}  // namespace
+
 AsyncStream<CatalogResult> catalogStream() {
   auto [stream, continuation] =
-      AsyncStream<CatalogResult>::make(BufferingPolicy::bufferingNewest(1));
+      AsyncStream<CatalogResult>::make(BufferingPolicy::bufferingNewest(1), streamExecutor());
   auto listener = std::make_shared<TetherClient::CatalogListener>(continuation);
   TetherClient::shared().addCatalogListener(listener);
   continuation.onTermination(
@@ -13,7 +32,7 @@ AsyncStream<CatalogResult> catalogStream() {
 }
 
 AsyncStream<AppProgress> progressStream() {
-  auto [stream, continuation] = AsyncStream<AppProgress>::make(BufferingPolicy::unbounded());
+  auto [stream, continuation] = AsyncStream<AppProgress>::make(BufferingPolicy::unbounded(), streamExecutor());
   auto listener = std::make_shared<TetherClient::ProgressListener>(continuation);
   continuation.onTermination(
       [listener] { TetherClient::shared().removeProgressListener(listener); });
@@ -22,7 +41,7 @@ AsyncStream<AppProgress> progressStream() {
 }
 
 AsyncStream<AppState> stateStream(const ManagedApp& app) {
-  auto [stream, continuation] = AsyncStream<AppState>::make(BufferingPolicy::unbounded());
+  auto [stream, continuation] = AsyncStream<AppState>::make(BufferingPolicy::unbounded(), streamExecutor());
   auto listener = std::make_shared<TetherClient::StateListener>(continuation);
   continuation.onTermination(
       [listener, app] { TetherClient::shared().removeStateListener(listener, app); });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
@@ -124,8 +125,12 @@ class AsyncStream {
     friend bool operator==(const YieldResult&, const YieldResult&) = default;
   };
 
-  /// A new stream and its producing end. Throws `std::bad_alloc` only.
-  [[nodiscard]] static Pair make(BufferingPolicy policy = BufferingPolicy::unbounded());
+  /// A new stream and its producing end. `executor` runs the handlers of `next` that have no
+  /// associated executor of their own (Asio's system executor, its thread pool, by default; the
+  /// library's own streams give the connection's delivery executor). Throws `std::bad_alloc` only.
+  [[nodiscard]] static Pair make(
+      BufferingPolicy policy = BufferingPolicy::unbounded(),
+      boost::asio::any_io_executor executor = boost::asio::system_executor());
 
   /// Moves the consuming end. The source is left empty (its `next` completes at once with an empty
   /// optional, its `cancel` does nothing) and its iterators become invalid.
@@ -165,8 +170,8 @@ class AsyncStream {
   /// With `use_awaitable` or `use_future` an error is thrown as `boost::system::system_error`.
   ///
   /// Executor: the handler runs through its associated executor (a coroutine resumes on its
-  /// own); a handler without one runs on Asio's `system_executor` (its thread pool). It is always
-  /// posted: never run inside `next`, nor inside the producer's `yield`/`finish` or the consumer's
+  /// own); a handler without one runs on the stream's executor (see `make`). It is always posted:
+  /// never run inside `next`, nor inside the producer's `yield`/`finish` or the consumer's
   /// `cancel`. While the operation is pending it counts as outstanding work on that executor.
   ///
   /// Lifetime: the operation keeps the stream's shared state alive, so it may outlive this object
@@ -314,12 +319,16 @@ class AsyncStream<T>::Iterator {
 template <class T>
 class AsyncStream<T>::State {
  public:
-  explicit State(BufferingPolicy policy) noexcept : policy_(policy) {}
+  State(BufferingPolicy policy, boost::asio::any_io_executor executor) noexcept
+      : policy_(policy), executor_(std::move(executor)) {}
 
   /// Starts a `next` for `handler` on `state` (empty: a moved-from stream, which is ended).
   template <class Handler>
   static void start(const std::shared_ptr<State>& state, Handler handler) {
-    auto pending = std::make_unique<PendingFor<Handler>>(std::move(handler));
+    auto pending = std::make_unique<PendingFor<Handler>>(
+        std::move(handler), state != nullptr ? state->executor_
+                                             : boost::asio::any_io_executor(
+                                                   boost::asio::system_executor()));
     std::list<T> taken;
     boost::system::error_code error;
     if (state != nullptr) {
@@ -443,11 +452,10 @@ class AsyncStream<T>::State {
   template <class Handler>
   class PendingFor final : public Pending {
    public:
-    explicit PendingFor(Handler handler)
+    PendingFor(Handler handler, const boost::asio::any_io_executor& fallback)
         : handler_(std::move(handler)),
-          work_(boost::asio::prefer(
-              boost::asio::get_associated_executor(handler_, boost::asio::system_executor()),
-              boost::asio::execution::outstanding_work.tracked)) {}
+          work_(boost::asio::prefer(boost::asio::get_associated_executor(handler_, fallback),
+                                    boost::asio::execution::outstanding_work.tracked)) {}
 
     /// Lets the handler's cancellation slot, if it has one, end wait number `wait`.
     void watchCancellation(const std::shared_ptr<State>& state, std::uint64_t wait) {
@@ -469,7 +477,7 @@ class AsyncStream<T>::State {
 
    private:
     using Work = std::decay_t<decltype(boost::asio::prefer(
-        std::declval<boost::asio::associated_executor_t<Handler, boost::asio::system_executor>>(),
+        std::declval<boost::asio::associated_executor_t<Handler, boost::asio::any_io_executor>>(),
         boost::asio::execution::outstanding_work.tracked))>;
 
     Handler handler_;
@@ -534,6 +542,7 @@ class AsyncStream<T>::State {
   std::mutex mutex_;
   std::condition_variable handedOver_;
   const BufferingPolicy policy_;
+  const boost::asio::any_io_executor executor_;  // for handlers without an executor of their own
   std::list<T> buffer_;
   std::unique_ptr<Pending> pending_;
   std::uint64_t waits_ = 0;        // asynchronous waits started, to number them
@@ -544,8 +553,8 @@ class AsyncStream<T>::State {
 };
 
 template <class T>
-auto AsyncStream<T>::make(BufferingPolicy policy) -> Pair {
-  auto state = std::make_shared<State>(policy);
+auto AsyncStream<T>::make(BufferingPolicy policy, boost::asio::any_io_executor executor) -> Pair {
+  auto state = std::make_shared<State>(policy, std::move(executor));
   return Pair{AsyncStream(state), Continuation(std::move(state))};
 }
 

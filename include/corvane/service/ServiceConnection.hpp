@@ -113,17 +113,33 @@ class ServiceConnection {
   /// are encoded, in order, into one buffer. `body(proxy, buffer, reply)` calls one operation of
   /// `proxy` with the buffer (or without it, for a reply-only operation) and `reply`.
   ///
-  /// Completion: `ServiceSignature<Value>`. The value is the `success` of the reply; the error is
-  /// the daemon's `failure` kind unchanged, or `unrecoverableError` for a failure made here
-  /// (switched off, no connection, undeliverable call, undecodable reply), whose `cause()` says
-  /// which; an argument that cannot be encoded fails with the encoder's `CodingError`, and then
-  /// nothing is sent. Nothing throws from the initiating call.
+  /// Every asynchronous operation of the library is documented in these terms:
   ///
-  /// Where: the handler runs through its associated executor (a coroutine resumes on its own)
-  /// and never inside the initiating call; while the call is pending, outstanding work is counted
-  /// on that executor. A handler without an executor runs on `executor()` of the shared
-  /// connection, or, when there is none (switched off, or it could not be made), on Asio's
-  /// system executor.
+  /// Handler: `ServiceSignature<Value>`. The value is the `success` of the reply; the error is
+  /// a `corvane::Error`: the daemon's `failure` kind unchanged, with the reason it gave as
+  /// `cause()`, or `unrecoverableError` for a failure made here (switched off, no connection,
+  /// undeliverable call, undecodable reply, cancelled), whose `cause()` says which and whose
+  /// `origin()` holds the error underneath; an argument that cannot be encoded fails with the
+  /// encoder's `CodingError`, and then nothing is sent.
+  ///
+  /// Executor: the handler runs through its associated executor (a coroutine resumes on its own),
+  /// never inside the initiating call; while the call is pending it counts as outstanding work on
+  /// that executor. A handler without an executor of its own runs on the shared connection's
+  /// delivery executor (`executor()`), the same rule as for the library's streams; when there is
+  /// no connection (switched off, or it could not be made) on Asio's system executor.
+  ///
+  /// Lifetime: the arguments are encoded during the initiating call; nothing the caller passed
+  /// is referred to afterwards.
+  ///
+  /// Cancellation: terminal, through the handler's associated cancellation slot (a bound
+  /// `cancellation_signal`, a coroutine's `||` with a timer, `cancel_after` where Asio has it).
+  /// The handler then runs at once with `unrecoverableError`, `cause()` "the call was cancelled"
+  /// and `isCancellation()` true (`origin()` is `boost::asio::error::operation_aborted`); the
+  /// daemon may still carry the call out, and its reply, when it comes, is dropped unread.
+  /// Partial and total cancellation are not offered: a call that has left cannot be taken back.
+  /// Emit the cancellation on the handler's executor.
+  ///
+  /// Throws: nothing from the initiating call; every failure goes to the handler.
   template <class Value, class Arguments, class Body, ServiceToken<Value> CompletionToken>
   static auto withAsyncService(Arguments arguments, Body body, CompletionToken&& token);
 
