@@ -63,6 +63,12 @@ class Refusal : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// How a volume-purchase request names its app: "item 42" or the bundle identifier.
+std::string describeApp(const StoreAppIdentifier& identifier) {
+  if (const auto item = identifier.itemIdentifier()) return fmt::format("item {}", *item);
+  return identifier.bundleIdentifier().value_or(identifier.description());
+}
+
 const Bytes& required(const std::optional<Bytes>& argument) {
   if (!argument) throw Refusal("the call carries no argument");
   return *argument;
@@ -465,10 +471,11 @@ Bytes Daemon::poll() {
 
 Bytes Daemon::vppInstall(const Bytes& argument) {
   auto [request] = TetherDecoder<VPPInstallRequest>::decode(argument);
+  // A purchase is made in the store: what the catalogue does not know cannot be bought.
   const ManagedApp* app = catalog_.find(request.appIdentifier());
-  const std::string bundleID = app ? app->bundleID()
-                                   : request.appIdentifier().bundleIdentifier().value_or(
-                                       request.appIdentifier().description());
+  if (app == nullptr)
+    throw Refusal(fmt::format("{} is not in the catalogue", describeApp(request.appIdentifier())));
+  const std::string bundleID = app->bundleID();
   const auto type = request.requestType();
   if (type == VPPInstallRequest::RequestType::uninstall) {
     if (!engine_.uninstall(bundleID)) throw Refusal(fmt::format("{} is not installed", bundleID));
@@ -480,21 +487,15 @@ Bytes Daemon::vppInstall(const Bytes& argument) {
     AppRecord record;
     record.bundleID = bundleID;
     record.declarationIdentifier = "vpp." + boost::uuids::to_string(request.id());
-    record.name = app ? app->name() : request.appIdentifier().description();
-    record.versionID = app ? app->externalVersionID() : std::nullopt;
-    record.version = app ? app->version().value_or("1.0") : std::string();
+    record.name = app->name();
+    record.versionID = app->externalVersionID();
+    record.version = app->version().value_or("1.0");
     record.uuid = request.id();
     engine_.put(std::move(record));
   }
-  if (app == nullptr) {
-    engine_.fail(bundleID, ManagedAppStatus::Reason::couldNotVerifyAppID);
-  } else if (type == VPPInstallRequest::RequestType::update) {
-    // An update of an installed app downloads and installs it again.
-    engine_.uninstall(bundleID);
-    engine_.install(bundleID);
-  } else {
-    engine_.install(bundleID);
-  }
+  // An update downloads and installs an installed app again; an install on its way carries on.
+  if (type == VPPInstallRequest::RequestType::update) engine_.uninstall(bundleID);
+  engine_.install(bundleID);
   commit();
   log(LogLevel::info, fmt::format("volume-purchase {} of {}", coding::caseNameOf(type), bundleID));
   return done();

@@ -88,8 +88,7 @@ bool Engine::cancel(std::string_view bundleID) {
 
 bool Engine::uninstall(std::string_view bundleID) {
   AppRecord* record = findMutable(bundleID);
-  if (record == nullptr || record->phase == Phase::optional) return false;
-  std::erase(queue_, bundleID);
+  if (record == nullptr || record->phase != Phase::managed) return false;
   record->phase = Phase::optional;
   record->progress = 0;
   record->reasons.clear();

@@ -56,8 +56,8 @@ class Engine {
   /// Stops an install that waits, downloads or installs: the app becomes optional again. False
   /// otherwise.
   bool cancel(std::string_view bundleID);
-  /// Takes the app off the device (stopping an install under way) while still looking after it:
-  /// it becomes optional. False when unknown or already optional.
+  /// Takes an installed (managed) app off the device while still looking after it: it becomes
+  /// optional. False otherwise: an install that waits or is under way is left alone.
   bool uninstall(std::string_view bundleID);
   /// Stops looking after the app (stopping its install); false when unknown.
   bool remove(std::string_view bundleID);
