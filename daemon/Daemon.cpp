@@ -52,16 +52,24 @@ Bytes success(Value value) {
 Bytes done() {
   return success(None{});
 }
-Bytes failure(CorvaneError error) {
-  return TetherEncoder::encode(ServiceResult<None>::failure(error));
+Bytes failure(CorvaneError error, std::optional<std::string> reason) {
+  return TetherEncoder::encode(ServiceResult<None>::failure(error, std::move(reason)));
 }
 
 /// A failure of the request itself (an unknown declaration, an app in the wrong state): logged
-/// by the caller and answered with `unrecoverableError`.
+/// and answered with `unrecoverableError`, its text as the reason. The text is a sentence the
+/// caller can act on.
 class Refusal : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// What was wrong with an argument that does not decode, for the caller.
+std::string malformedArgument(const CodingError& error) {
+  const std::string where = error.codingPath().empty() ? "the top level" : error.codingPath();
+  return fmt::format("the argument is malformed: {} at {}: {}", toString(error.kind()), where,
+                     error.description());
+}
 
 /// How a volume-purchase request names its app: "item 42" or the bundle identifier.
 std::string describeApp(const StoreAppIdentifier& identifier) {
@@ -296,23 +304,28 @@ void Daemon::dispatch(std::uint64_t clientID, const std::string& operation,
       injected != options_.failures.end()) {
     log(LogLevel::info,
         fmt::format("{} fails on purpose with {}", operation, caseName(injected->second)));
-    answer(std::move(reply), failure(injected->second));
+    // The plain envelope, as a daemon that gives no reason sends it.
+    answer(std::move(reply), failure(injected->second, std::nullopt));
     return;
   }
   Bytes result;
+  std::optional<std::string> reason;
   try {
     result = perform(client, operation, argument);
   } catch (const CodingError& error) {
     log(LogLevel::error, fmt::format("{}: malformed argument from client {}: {}", operation,
                                      clientID, error.what()));
-    result = failure(CorvaneError::unrecoverableError);
+    reason = malformedArgument(error);
   } catch (const Refusal& refusal) {
     log(LogLevel::error, fmt::format("{}: {}", operation, refusal.what()));
-    result = failure(CorvaneError::unrecoverableError);
+    reason = refusal.what();
   } catch (const StoreError& error) {
     log(LogLevel::fault,
         fmt::format("{}: the state could not be stored: {}", operation, error.what()));
-    result = failure(CorvaneError::unrecoverableError);
+    reason = fmt::format("the change could not be stored: {}", error.what());
+  }
+  if (reason) {
+    result = failure(CorvaneError::unrecoverableError, std::move(reason));
   }
   answer(std::move(reply), std::move(result));
 }
@@ -350,7 +363,7 @@ Bytes Daemon::perform(Client* client, std::string_view operation,
     return changeRegistrations(client, required(argument), true);
   if (client != nullptr && operation == Selectors::removeMessageRegistrations.name)
     return changeRegistrations(client, required(argument), false);
-  throw Refusal("not served");
+  throw Refusal(fmt::format("{} is not served", operation));
 }
 
 // ---- Declarations ---------------------------------------------------------------------------
@@ -358,8 +371,9 @@ Bytes Daemon::perform(Client* client, std::string_view operation,
 Bytes Daemon::addOrUpdate(const Bytes& argument) {
   auto [request] = TetherDecoder<DDMAppOrUpdateManagedAppRequest>::decode(argument);
   ManagedAppDeclaration declaration = std::move(request.app);
-  if (declaration.declarationIdentifier.empty() || declaration.declarationKey.empty())
-    throw Refusal("a declaration needs an identifier and a key");
+  if (declaration.declarationIdentifier.empty())
+    throw Refusal("declarationIdentifier must not be empty");
+  if (declaration.declarationKey.empty()) throw Refusal("declarationKey must not be empty");
 
   AppRecord record;
   record.declarationIdentifier = declaration.declarationIdentifier;
@@ -418,7 +432,7 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
 Bytes Daemon::removeDeclaration(const Bytes& argument) {
   const std::string identifier = std::get<0>(TetherDecoder<std::string>::decode(argument));
   if (!declarations_.contains(identifier))
-    throw Refusal(fmt::format("no declaration {}", identifier));
+    throw Refusal(fmt::format("unknown declaration {}", identifier));
   if (const auto bundleID = bundleOfDeclaration(identifier)) engine_.remove(*bundleID);
   commit([&] { store_.removeDeclaration(identifier); });
   declarations_.erase(identifier);
@@ -538,15 +552,14 @@ Bytes Daemon::install(const Bytes& argument) {
     return done();
   }
   const std::string& identifier = *request.declarationIdentifier();
-  const auto bundleID = bundleOfDeclaration(identifier);
-  if (!bundleID) throw Refusal(fmt::format("no catalogue app with declaration {}", identifier));
-  if (catalog_.findBundle(*bundleID) == nullptr)
-    throw Refusal(fmt::format("{} is not in the catalogue", *bundleID));
-  if (engine_.install(*bundleID)) {
+  const std::string bundleID = appOfDeclaration(identifier);
+  if (catalog_.findBundle(bundleID) == nullptr)
+    throw Refusal(fmt::format("{} is not in the catalogue", bundleID));
+  if (engine_.install(bundleID)) {
     commit();
-    log(LogLevel::info, fmt::format("install of {} ({}) queued", *bundleID, identifier));
+    log(LogLevel::info, fmt::format("install of {} ({}) queued", bundleID, identifier));
   } else {
-    log(LogLevel::info, fmt::format("{} is already installed or on its way", *bundleID));
+    log(LogLevel::info, fmt::format("{} is already installed or on its way", bundleID));
   }
   return done();
 }
@@ -561,14 +574,12 @@ Bytes Daemon::cancel(const Bytes& argument) {
     log(LogLevel::info, fmt::format("{} installs cancelled", cancelled));
     return done();
   }
-  const auto bundleID = bundleOfDeclaration(*request.declarationIdentifier);
-  if (!bundleID)
-    throw Refusal(fmt::format("no app with declaration {}", *request.declarationIdentifier));
-  if (engine_.cancel(*bundleID)) {
+  const std::string bundleID = appOfDeclaration(*request.declarationIdentifier);
+  if (engine_.cancel(bundleID)) {
     commit();
-    log(LogLevel::info, fmt::format("install of {} cancelled", *bundleID));
+    log(LogLevel::info, fmt::format("install of {} cancelled", bundleID));
   } else {
-    log(LogLevel::info, fmt::format("{} has no install to cancel", *bundleID));
+    log(LogLevel::info, fmt::format("{} has no install to cancel", bundleID));
   }
   return done();
 }
@@ -656,6 +667,15 @@ void Daemon::publishCatalog() {
 std::optional<std::string> Daemon::bundleOfDeclaration(std::string_view identifier) const {
   const AppRecord* record = engine_.findDeclared(identifier);
   return record ? std::optional(record->bundleID) : std::nullopt;
+}
+
+std::string Daemon::appOfDeclaration(std::string_view identifier) const {
+  if (auto bundleID = bundleOfDeclaration(identifier)) return std::move(*bundleID);
+  // Declared, but another declaration has since named the same app and taken it over.
+  if (declarations_.contains(identifier))
+    throw Refusal(fmt::format(
+        "declaration {} no longer manages an app: another declaration took it over", identifier));
+  throw Refusal(fmt::format("unknown declaration {}", identifier));
 }
 
 void Daemon::commit() {

@@ -104,6 +104,9 @@ class Daemon {
   void scheduleIdleCheck();
   [[nodiscard]] std::vector<ManagedApp> catalogEntries() const;
   [[nodiscard]] std::optional<std::string> bundleOfDeclaration(std::string_view identifier) const;
+  /// The app the declaration (or request) `identifier` brought; throws a Refusal saying why
+  /// there is none.
+  [[nodiscard]] std::string appOfDeclaration(std::string_view identifier) const;
   void log(platform::LogLevel level, const std::string& line);
 
   boost::asio::io_context& io_;
