@@ -325,6 +325,8 @@ void Daemon::dispatch(std::uint64_t clientID, const std::string& operation,
     reason = fmt::format("the change could not be stored: {}", error.what());
   }
   if (reason) {
+    // A call that fails changes nothing: whatever it began in the engine is undone.
+    engine_.rollback();
     result = failure(CorvaneError::unrecoverableError, std::move(reason));
   }
   answer(std::move(reply), std::move(result));
@@ -407,11 +409,10 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
   const std::string bundleID = record.bundleID;
   const bool immediately =
       declaration.installBehavior.installTiming == InstallTimingEnum::immediately;
-  const AppRecord* existing = engine_.find(bundleID);
-  if (existing != nullptr && existing->declarationIdentifier != declaration.declarationIdentifier)
-    log(LogLevel::notice,
-        fmt::format("declaration {} takes over {} from {}", declaration.declarationIdentifier,
-                    bundleID, existing->declarationIdentifier));
+  std::optional<std::string> takenFrom;
+  if (const AppRecord* existing = engine_.find(bundleID);
+      existing != nullptr && existing->declarationIdentifier != declaration.declarationIdentifier)
+    takenFrom = existing->declarationIdentifier;
   engine_.put(std::move(record));
   if (!known) {
     engine_.fail(bundleID, ManagedAppStatus::Reason::couldNotVerifyAppID);
@@ -422,6 +423,9 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
   const Store::Declaration stored{declaration.declarationIdentifier, declaration.declarationKey,
                                   boost::json::serialize(coding::encode(declaration))};
   commit([&] { store_.putDeclaration(stored); });
+  if (takenFrom)
+    log(LogLevel::notice, fmt::format("declaration {} takes over {} from {}", stored.identifier,
+                                      bundleID, *takenFrom));
   log(LogLevel::info, fmt::format("declaration {} ({}) manages {}{}", stored.identifier, stored.key,
                                   bundleID, known ? "" : ", which the catalogue does not know"));
   declarations_.insert_or_assign(stored.identifier, std::move(declaration));
@@ -684,18 +688,24 @@ void Daemon::commit() {
 
 template <class Extra>
 void Daemon::commit(Extra&& extra) {
-  auto changes = engine_.takeChanges();
-  store_.transaction([&] {
-    std::forward<Extra>(extra)();
-    for (const auto& change : changes) {
-      if (!change.phaseChanged) continue;
-      if (change.removed)
-        store_.removeApp(change.record.bundleID);
-      else
-        store_.putApp(change.record);
-      store_.addHistory(change.record.bundleID, historyEvent(change.record, change.removed));
-    }
-  });
+  try {
+    store_.transaction([&] {
+      std::forward<Extra>(extra)();
+      for (const auto& change : engine_.changes()) {
+        if (!change.phaseChanged) continue;
+        if (change.removed)
+          store_.removeApp(change.record.bundleID);
+        else
+          store_.putApp(change.record);
+        store_.addHistory(change.record.bundleID, historyEvent(change.record, change.removed));
+      }
+    });
+  } catch (...) {
+    // Memory follows the disk: a change the store did not take is undone in the engine too.
+    engine_.rollback();
+    throw;
+  }
+  const auto changes = engine_.takeChanges();
 
   // Each client gets one batch: the changes of the apps it follows, in order.
   const auto global = MessageRegistration::globalAppProgress();
@@ -734,6 +744,8 @@ void Daemon::scheduleTick() {
     } catch (const StoreError& failure) {
       log(LogLevel::fault,
           fmt::format("the install state could not be stored: {}", failure.what()));
+      // The step was undone with the failed commit; it is tried again on the next tick.
+      if (engine_.busy()) scheduleTick();
     }
     if (!engine_.busy()) idleSince_ = std::chrono::steady_clock::now();
   });

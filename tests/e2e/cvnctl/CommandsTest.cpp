@@ -3,9 +3,11 @@
 // it refuses.
 
 #include "e2e/cvnctl/CvnctlFixture.hpp"
+#include "support/RefusingStore.hpp"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <unistd.h>
 
 namespace corvane::testing {
@@ -132,8 +134,9 @@ TEST_F(CvnctlTest, AnUnknownCatalogueEntryIsAClearError) {
 }
 
 TEST_F(CvnctlTest, ADaemonsRefusalIsShownWithItsReason) {
+  const auto state = (files_.path() / "state.db").native();
   // A tick a minute long: the queued install stays queued.
-  startDaemon({"--tick-ms", "60000"});
+  startDaemon({"--tick-ms", "60000", "--state", state});
   declare("D-maps", mapsItem);
   std::string keyless = declarationJson("D-keyless", notesItem);
   keyless.replace(keyless.find("key-D-keyless"), std::string_view("key-D-keyless").size(), "");
@@ -141,6 +144,7 @@ TEST_F(CvnctlTest, ADaemonsRefusalIsShownWithItsReason) {
     std::vector<std::string> arguments;
     std::string input;
     std::string reason;
+    bool storeRefuses = false;
   };
   const std::vector<Row> rows = {
       {{"remove", "D-nothing"}, "", "unknown declaration D-nothing"},
@@ -159,9 +163,16 @@ TEST_F(CvnctlTest, ADaemonsRefusalIsShownWithItsReason) {
        "a manifest must be fetched over http(s), not ftp://corvane.dev/apps/Tool.plist"},
       {{"add", "-"}, declarationJson("", notesItem), "declarationIdentifier must not be empty"},
       {{"add", "-"}, keyless, "declarationKey must not be empty"},
+      {{"add", "-"},
+       declarationJson("D-notes", notesItem),
+       "the change could not be stored: store a declaration: the disk is full",
+       true},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(fmt::format("{}", fmt::join(row.arguments, " ")));
+    std::optional<RefusingStore> refusing;
+    if (row.storeRefuses) refusing.emplace(state);
+
     const auto human = run(row.arguments, row.input);
     EXPECT_EQ(human.status, 1);
     EXPECT_EQ(human.out, "");

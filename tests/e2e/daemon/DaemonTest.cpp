@@ -1,11 +1,12 @@
 // corvaned-sim as a real process, driven through the library: installs watched through the
 // streams, status against the engine, cancel and remove, a catalogue watch seeing a poll, SIGKILL
-// during a burst of declarations, every fault option, refusals and their reasons, malformed
-// arguments and refused callers.
+// during a burst of declarations, every fault option, refusals and their reasons, a store that
+// refuses changes, malformed arguments and refused callers.
 // Each case runs in a process of its own, so each gets a fresh shared connection pointed at its
 // own daemon.
 
 #include "support/DaemonProcess.hpp"
+#include "support/RefusingStore.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>
@@ -118,6 +119,13 @@ std::optional<Error> failureOf(const std::function<void()>& call) {
     return error;
   }
   return std::nullopt;
+}
+
+std::size_t occurrences(std::string_view text, std::string_view part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
+    ++count;
+  return count;
 }
 
 /// The next value of a stream, or nothing when none came within the bound.
@@ -429,6 +437,98 @@ TEST_F(Daemon, EveryRefusalReachesTheCallerWithItsReason) {
   // None of them left a trace: no status for the unknown item, the queued install still queued.
   EXPECT_EQ(reported(), before);
   EXPECT_EQ(statusOf("D-maps")->state, State::queued);
+}
+
+TEST_F(Daemon, AChangeTheStoreRefusesLeavesMemoryAndDiskAsTheyWere) {
+  const auto state = (runtime_.path() / "state.db").native();
+  {
+    // One app installed, for the update and the uninstall to act on.
+    start({"--tick-ms", "5", "--state", state});
+    auto progress = ManagedAppLibrary::shared().progressUpdates();
+    declare("D-notes", StoreAppIdentifier::itemID(notesItem));
+    ASSERT_TRUE(readUntil(progress, [](const AppProgress& value) {
+      return value.bundleID == notesBundle && value.state == AppState::managed();
+    }));
+  }
+  EXPECT_EQ(daemon_->stop(), 0);
+  // From here on nothing moves by itself.
+  start({"--tick-ms", "60000", "--state", state});
+  declare("D-maps", StoreAppIdentifier::itemID(mapsItem));  // queued
+  declare("D-weather", StoreAppIdentifier::itemID(weatherItem), InstallTimingEnum::onDemand);
+  declare("D-unknown", StoreAppIdentifier::itemID(42));  // failed
+  const std::string before = reported();
+
+  using Type = VPPInstallRequest::RequestType;
+  const auto chat = [] { return StoreAppIdentifier::bundleID(std::string(chatBundle)); };
+  const std::vector<std::pair<std::string, std::function<void()>>> table = {
+      {"a new declaration", [&] { declare("D-chat", chat()); }},
+      {"a declaration replaced",
+       [] { declare("D-weather", StoreAppIdentifier::itemID(weatherItem)); }},
+      {"a declaration that names another app",
+       [&] { declare("D-weather", chat(), InstallTimingEnum::onDemand); }},
+      {"a declaration removed",
+       [] { DDMRemoveManagedAppRequest{"D-maps"}.performSynchronously(); }},
+      {"an install", [] { installDeclared("D-weather"); }},
+      {"an install of every optional app", [] { installDeclared(std::nullopt); }},
+      {"a cancel", [] { cancelDeclared("D-maps"); }},
+      {"a cancel of every install", [] { cancelDeclared(std::nullopt); }},
+      {"a reset of the history",
+       [] { DDMResetManagedAppInstallHistoryRequest{}.perform(asio::use_future).get(); }},
+      {"a volume-purchase install", [&] { purchase(chat(), Type::install); }},
+      {"a volume-purchase update",
+       [] { purchase(StoreAppIdentifier::itemID(notesItem), Type::update); }},
+      {"a volume-purchase uninstall",
+       [] { purchase(StoreAppIdentifier::itemID(notesItem), Type::uninstall); }},
+      {"an enterprise install", [] { installEnterprise("https://corvane.dev/apps/Tool.plist"); }},
+  };
+  {
+    const RefusingStore refusing(state);
+    for (const auto& [what, call] : table) {
+      SCOPED_TRACE(what);
+      const auto error = failureOf(call);
+      ASSERT_TRUE(error.has_value()) << "the call succeeded";
+      EXPECT_EQ(error->error(), CorvaneError::unrecoverableError);
+      EXPECT_TRUE(error->cause().starts_with("the change could not be stored: ")) << error->cause();
+      EXPECT_TRUE(error->cause().ends_with(RefusingStore::message)) << error->cause();
+      // Memory as it was.
+      EXPECT_EQ(reported(), before);
+    }
+  }
+  // The disk as well: a daemon started on it reports the same.
+  EXPECT_EQ(daemon_->stop(), 0);
+  start({"--tick-ms", "60000", "--state", state});
+  EXPECT_EQ(reported(), before);
+  // With the store taking changes again, so does the daemon.
+  declare("D-chat", chat());
+  EXPECT_EQ(statusOf("D-chat")->state, State::queued);
+  purchase(StoreAppIdentifier::itemID(notesItem), Type::uninstall);
+  EXPECT_EQ(statusOf("D-notes")->state, State::optional);
+}
+
+TEST_F(Daemon, AnInstallWaitsWhileTheStoreRefusesItsStepsAndCarriesOnAfter) {
+  const auto state = (runtime_.path() / "state.db").native();
+  start({"--tick-ms", "60000", "--state", state});
+  declare("D-notes", StoreAppIdentifier::itemID(notesItem));
+  EXPECT_EQ(daemon_->stop(), 0);
+
+  // The stored install starts again with the daemon, and each of its steps is refused.
+  auto refusing = std::make_unique<RefusingStore>(state);
+  start({"--tick-ms", "5", "--state", state, "--verbose"});
+  const std::string refused = "the install state could not be stored";
+  ASSERT_TRUE(daemon_->process().waitFor([&](const std::string&, const std::string& err) {
+    return occurrences(err, refused) >= 3;
+  })) << daemon_->process().err();
+  // Each refused step was undone, and tried again on the next tick.
+  EXPECT_EQ(statusOf("D-notes")->state, State::queued);
+
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  refusing.reset();
+  ASSERT_TRUE(readUntil(progress, [](const AppProgress& value) {
+    return value.bundleID == notesBundle && value.state == AppState::managed();
+  }));
+  EXPECT_EQ(daemon_->stop(), 0);
+  start({"--tick-ms", "60000", "--state", state});
+  EXPECT_EQ(statusOf("D-notes")->state, State::managed);
 }
 
 TEST_F(Daemon, AMalformedArgumentGetsAFailureAndTheDaemonKeepsServing) {
