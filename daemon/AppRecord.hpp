@@ -41,6 +41,8 @@ struct AppRecord {
   [[nodiscard]] AppState appState() const;
   /// The status reported to `getDeclarationStatus`.
   [[nodiscard]] ManagedAppStatus status() const;
+
+  friend bool operator==(const AppRecord&, const AppRecord&) = default;
 };
 
 }  // namespace corvane::sim

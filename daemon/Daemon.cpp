@@ -52,16 +52,30 @@ Bytes success(Value value) {
 Bytes done() {
   return success(None{});
 }
-Bytes failure(CorvaneError error) {
-  return TetherEncoder::encode(ServiceResult<None>::failure(error));
+Bytes failure(CorvaneError error, std::optional<std::string> reason) {
+  return TetherEncoder::encode(ServiceResult<None>::failure(error, std::move(reason)));
 }
 
 /// A failure of the request itself (an unknown declaration, an app in the wrong state): logged
-/// by the caller and answered with `unrecoverableError`.
+/// and answered with `unrecoverableError`, its text as the reason. The text is a sentence the
+/// caller can act on.
 class Refusal : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// What was wrong with an argument that does not decode, for the caller.
+std::string malformedArgument(const CodingError& error) {
+  const std::string where = error.codingPath().empty() ? "the top level" : error.codingPath();
+  return fmt::format("the argument is malformed: {} at {}: {}", toString(error.kind()), where,
+                     error.description());
+}
+
+/// How a volume-purchase request names its app: "item 42" or the bundle identifier.
+std::string describeApp(const StoreAppIdentifier& identifier) {
+  if (const auto item = identifier.itemIdentifier()) return fmt::format("item {}", *item);
+  return identifier.bundleIdentifier().value_or(identifier.description());
+}
 
 const Bytes& required(const std::optional<Bytes>& argument) {
   if (!argument) throw Refusal("the call carries no argument");
@@ -290,23 +304,30 @@ void Daemon::dispatch(std::uint64_t clientID, const std::string& operation,
       injected != options_.failures.end()) {
     log(LogLevel::info,
         fmt::format("{} fails on purpose with {}", operation, caseName(injected->second)));
-    answer(std::move(reply), failure(injected->second));
+    // The plain envelope, as a daemon that gives no reason sends it.
+    answer(std::move(reply), failure(injected->second, std::nullopt));
     return;
   }
   Bytes result;
+  std::optional<std::string> reason;
   try {
     result = perform(client, operation, argument);
   } catch (const CodingError& error) {
     log(LogLevel::error, fmt::format("{}: malformed argument from client {}: {}", operation,
                                      clientID, error.what()));
-    result = failure(CorvaneError::unrecoverableError);
+    reason = malformedArgument(error);
   } catch (const Refusal& refusal) {
     log(LogLevel::error, fmt::format("{}: {}", operation, refusal.what()));
-    result = failure(CorvaneError::unrecoverableError);
+    reason = refusal.what();
   } catch (const StoreError& error) {
     log(LogLevel::fault,
         fmt::format("{}: the state could not be stored: {}", operation, error.what()));
-    result = failure(CorvaneError::unrecoverableError);
+    reason = fmt::format("the change could not be stored: {}", error.what());
+  }
+  if (reason) {
+    // A call that fails changes nothing: whatever it began in the engine is undone.
+    engine_.rollback();
+    result = failure(CorvaneError::unrecoverableError, std::move(reason));
   }
   answer(std::move(reply), std::move(result));
 }
@@ -344,7 +365,7 @@ Bytes Daemon::perform(Client* client, std::string_view operation,
     return changeRegistrations(client, required(argument), true);
   if (client != nullptr && operation == Selectors::removeMessageRegistrations.name)
     return changeRegistrations(client, required(argument), false);
-  throw Refusal("not served");
+  throw Refusal(fmt::format("{} is not served", operation));
 }
 
 // ---- Declarations ---------------------------------------------------------------------------
@@ -352,8 +373,9 @@ Bytes Daemon::perform(Client* client, std::string_view operation,
 Bytes Daemon::addOrUpdate(const Bytes& argument) {
   auto [request] = TetherDecoder<DDMAppOrUpdateManagedAppRequest>::decode(argument);
   ManagedAppDeclaration declaration = std::move(request.app);
-  if (declaration.declarationIdentifier.empty() || declaration.declarationKey.empty())
-    throw Refusal("a declaration needs an identifier and a key");
+  if (declaration.declarationIdentifier.empty())
+    throw Refusal("declarationIdentifier must not be empty");
+  if (declaration.declarationKey.empty()) throw Refusal("declarationKey must not be empty");
 
   AppRecord record;
   record.declarationIdentifier = declaration.declarationIdentifier;
@@ -387,11 +409,10 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
   const std::string bundleID = record.bundleID;
   const bool immediately =
       declaration.installBehavior.installTiming == InstallTimingEnum::immediately;
-  const AppRecord* existing = engine_.find(bundleID);
-  if (existing != nullptr && existing->declarationIdentifier != declaration.declarationIdentifier)
-    log(LogLevel::notice,
-        fmt::format("declaration {} takes over {} from {}", declaration.declarationIdentifier,
-                    bundleID, existing->declarationIdentifier));
+  std::optional<std::string> takenFrom;
+  if (const AppRecord* existing = engine_.find(bundleID);
+      existing != nullptr && existing->declarationIdentifier != declaration.declarationIdentifier)
+    takenFrom = existing->declarationIdentifier;
   engine_.put(std::move(record));
   if (!known) {
     engine_.fail(bundleID, ManagedAppStatus::Reason::couldNotVerifyAppID);
@@ -402,6 +423,9 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
   const Store::Declaration stored{declaration.declarationIdentifier, declaration.declarationKey,
                                   boost::json::serialize(coding::encode(declaration))};
   commit([&] { store_.putDeclaration(stored); });
+  if (takenFrom)
+    log(LogLevel::notice, fmt::format("declaration {} takes over {} from {}", stored.identifier,
+                                      bundleID, *takenFrom));
   log(LogLevel::info, fmt::format("declaration {} ({}) manages {}{}", stored.identifier, stored.key,
                                   bundleID, known ? "" : ", which the catalogue does not know"));
   declarations_.insert_or_assign(stored.identifier, std::move(declaration));
@@ -412,7 +436,7 @@ Bytes Daemon::addOrUpdate(const Bytes& argument) {
 Bytes Daemon::removeDeclaration(const Bytes& argument) {
   const std::string identifier = std::get<0>(TetherDecoder<std::string>::decode(argument));
   if (!declarations_.contains(identifier))
-    throw Refusal(fmt::format("no declaration {}", identifier));
+    throw Refusal(fmt::format("unknown declaration {}", identifier));
   if (const auto bundleID = bundleOfDeclaration(identifier)) engine_.remove(*bundleID);
   commit([&] { store_.removeDeclaration(identifier); });
   declarations_.erase(identifier);
@@ -465,10 +489,11 @@ Bytes Daemon::poll() {
 
 Bytes Daemon::vppInstall(const Bytes& argument) {
   auto [request] = TetherDecoder<VPPInstallRequest>::decode(argument);
+  // A purchase is made in the store: what the catalogue does not know cannot be bought.
   const ManagedApp* app = catalog_.find(request.appIdentifier());
-  const std::string bundleID = app ? app->bundleID()
-                                   : request.appIdentifier().bundleIdentifier().value_or(
-                                       request.appIdentifier().description());
+  if (app == nullptr)
+    throw Refusal(fmt::format("{} is not in the catalogue", describeApp(request.appIdentifier())));
+  const std::string bundleID = app->bundleID();
   const auto type = request.requestType();
   if (type == VPPInstallRequest::RequestType::uninstall) {
     if (!engine_.uninstall(bundleID)) throw Refusal(fmt::format("{} is not installed", bundleID));
@@ -480,21 +505,15 @@ Bytes Daemon::vppInstall(const Bytes& argument) {
     AppRecord record;
     record.bundleID = bundleID;
     record.declarationIdentifier = "vpp." + boost::uuids::to_string(request.id());
-    record.name = app ? app->name() : request.appIdentifier().description();
-    record.versionID = app ? app->externalVersionID() : std::nullopt;
-    record.version = app ? app->version().value_or("1.0") : std::string();
+    record.name = app->name();
+    record.versionID = app->externalVersionID();
+    record.version = app->version().value_or("1.0");
     record.uuid = request.id();
     engine_.put(std::move(record));
   }
-  if (app == nullptr) {
-    engine_.fail(bundleID, ManagedAppStatus::Reason::couldNotVerifyAppID);
-  } else if (type == VPPInstallRequest::RequestType::update) {
-    // An update of an installed app downloads and installs it again.
-    engine_.uninstall(bundleID);
-    engine_.install(bundleID);
-  } else {
-    engine_.install(bundleID);
-  }
+  // An update downloads and installs an installed app again; an install on its way carries on.
+  if (type == VPPInstallRequest::RequestType::update) engine_.uninstall(bundleID);
+  engine_.install(bundleID);
   commit();
   log(LogLevel::info, fmt::format("volume-purchase {} of {}", coding::caseNameOf(type), bundleID));
   return done();
@@ -537,15 +556,14 @@ Bytes Daemon::install(const Bytes& argument) {
     return done();
   }
   const std::string& identifier = *request.declarationIdentifier();
-  const auto bundleID = bundleOfDeclaration(identifier);
-  if (!bundleID) throw Refusal(fmt::format("no catalogue app with declaration {}", identifier));
-  if (catalog_.findBundle(*bundleID) == nullptr)
-    throw Refusal(fmt::format("{} is not in the catalogue", *bundleID));
-  if (engine_.install(*bundleID)) {
+  const std::string bundleID = appOfDeclaration(identifier);
+  if (catalog_.findBundle(bundleID) == nullptr)
+    throw Refusal(fmt::format("{} is not in the catalogue", bundleID));
+  if (engine_.install(bundleID)) {
     commit();
-    log(LogLevel::info, fmt::format("install of {} ({}) queued", *bundleID, identifier));
+    log(LogLevel::info, fmt::format("install of {} ({}) queued", bundleID, identifier));
   } else {
-    log(LogLevel::info, fmt::format("{} is already installed or on its way", *bundleID));
+    log(LogLevel::info, fmt::format("{} is already installed or on its way", bundleID));
   }
   return done();
 }
@@ -560,14 +578,12 @@ Bytes Daemon::cancel(const Bytes& argument) {
     log(LogLevel::info, fmt::format("{} installs cancelled", cancelled));
     return done();
   }
-  const auto bundleID = bundleOfDeclaration(*request.declarationIdentifier);
-  if (!bundleID)
-    throw Refusal(fmt::format("no app with declaration {}", *request.declarationIdentifier));
-  if (engine_.cancel(*bundleID)) {
+  const std::string bundleID = appOfDeclaration(*request.declarationIdentifier);
+  if (engine_.cancel(bundleID)) {
     commit();
-    log(LogLevel::info, fmt::format("install of {} cancelled", *bundleID));
+    log(LogLevel::info, fmt::format("install of {} cancelled", bundleID));
   } else {
-    log(LogLevel::info, fmt::format("{} has no install to cancel", *bundleID));
+    log(LogLevel::info, fmt::format("{} has no install to cancel", bundleID));
   }
   return done();
 }
@@ -657,24 +673,39 @@ std::optional<std::string> Daemon::bundleOfDeclaration(std::string_view identifi
   return record ? std::optional(record->bundleID) : std::nullopt;
 }
 
+std::string Daemon::appOfDeclaration(std::string_view identifier) const {
+  if (auto bundleID = bundleOfDeclaration(identifier)) return std::move(*bundleID);
+  // Declared, but another declaration has since named the same app and taken it over.
+  if (declarations_.contains(identifier))
+    throw Refusal(fmt::format(
+        "declaration {} no longer manages an app: another declaration took it over", identifier));
+  throw Refusal(fmt::format("unknown declaration {}", identifier));
+}
+
 void Daemon::commit() {
   commit([] {});
 }
 
 template <class Extra>
 void Daemon::commit(Extra&& extra) {
-  auto changes = engine_.takeChanges();
-  store_.transaction([&] {
-    std::forward<Extra>(extra)();
-    for (const auto& change : changes) {
-      if (!change.phaseChanged) continue;
-      if (change.removed)
-        store_.removeApp(change.record.bundleID);
-      else
-        store_.putApp(change.record);
-      store_.addHistory(change.record.bundleID, historyEvent(change.record, change.removed));
-    }
-  });
+  try {
+    store_.transaction([&] {
+      std::forward<Extra>(extra)();
+      for (const auto& change : engine_.changes()) {
+        if (!change.phaseChanged) continue;
+        if (change.removed)
+          store_.removeApp(change.record.bundleID);
+        else
+          store_.putApp(change.record);
+        store_.addHistory(change.record.bundleID, historyEvent(change.record, change.removed));
+      }
+    });
+  } catch (...) {
+    // Memory follows the disk: a change the store did not take is undone in the engine too.
+    engine_.rollback();
+    throw;
+  }
+  const auto changes = engine_.takeChanges();
 
   // Each client gets one batch: the changes of the apps it follows, in order.
   const auto global = MessageRegistration::globalAppProgress();
@@ -713,6 +744,8 @@ void Daemon::scheduleTick() {
     } catch (const StoreError& failure) {
       log(LogLevel::fault,
           fmt::format("the install state could not be stored: {}", failure.what()));
+      // The step was undone with the failed commit; it is tried again on the next tick.
+      if (engine_.busy()) scheduleTick();
     }
     if (!engine_.busy()) idleSince_ = std::chrono::steady_clock::now();
   });

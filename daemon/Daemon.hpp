@@ -94,6 +94,9 @@ class Daemon {
   Bytes changeRegistrations(Client* client, const Bytes& argument, bool add);
 
   /// Stores the engine's changes (and `extra` store work) in one transaction, then pushes them.
+  /// Every state-changing operation changes the engine first and then commits; when the store
+  /// refuses, the engine's changes are undone and the StoreError goes on, so memory never holds
+  /// what the disk does not. Declarations (`declarations_`) change only after the commit.
   template <class Extra>
   void commit(Extra&& extra);
   void commit();
@@ -104,6 +107,9 @@ class Daemon {
   void scheduleIdleCheck();
   [[nodiscard]] std::vector<ManagedApp> catalogEntries() const;
   [[nodiscard]] std::optional<std::string> bundleOfDeclaration(std::string_view identifier) const;
+  /// The app the declaration (or request) `identifier` brought; throws a Refusal saying why
+  /// there is none.
+  [[nodiscard]] std::string appOfDeclaration(std::string_view identifier) const;
   void log(platform::LogLevel level, const std::string& line);
 
   boost::asio::io_context& io_;

@@ -39,11 +39,19 @@ const AppRecord* Engine::findDeclared(std::string_view declarationIdentifier) co
   return nullptr;
 }
 
+void Engine::remember(std::string_view bundleID) {
+  if (!queueBefore_) queueBefore_ = queue_;
+  if (before_.contains(bundleID)) return;
+  const AppRecord* record = find(bundleID);
+  before_.emplace(std::string(bundleID), record ? std::optional(*record) : std::nullopt);
+}
+
 void Engine::changed(const AppRecord& record, bool phaseChanged) {
   changes_.push_back(Change{record, false, phaseChanged});
 }
 
 void Engine::put(AppRecord record) {
+  remember(record.bundleID);
   if (AppRecord* existing = findMutable(record.bundleID)) {
     existing->declarationIdentifier = std::move(record.declarationIdentifier);
     existing->declarationKey = std::move(record.declarationKey);
@@ -68,6 +76,7 @@ void Engine::put(AppRecord record) {
 bool Engine::install(std::string_view bundleID) {
   AppRecord* record = findMutable(bundleID);
   if (record == nullptr || underWay(record->phase) || record->phase == Phase::managed) return false;
+  remember(bundleID);
   record->phase = Phase::waiting;
   record->progress = 0;
   record->reasons.clear();
@@ -79,6 +88,7 @@ bool Engine::install(std::string_view bundleID) {
 bool Engine::cancel(std::string_view bundleID) {
   AppRecord* record = findMutable(bundleID);
   if (record == nullptr || !underWay(record->phase)) return false;
+  remember(bundleID);
   std::erase(queue_, bundleID);
   record->phase = Phase::optional;
   record->progress = 0;
@@ -88,8 +98,8 @@ bool Engine::cancel(std::string_view bundleID) {
 
 bool Engine::uninstall(std::string_view bundleID) {
   AppRecord* record = findMutable(bundleID);
-  if (record == nullptr || record->phase == Phase::optional) return false;
-  std::erase(queue_, bundleID);
+  if (record == nullptr || record->phase != Phase::managed) return false;
+  remember(bundleID);
   record->phase = Phase::optional;
   record->progress = 0;
   record->reasons.clear();
@@ -100,6 +110,7 @@ bool Engine::uninstall(std::string_view bundleID) {
 bool Engine::remove(std::string_view bundleID) {
   const auto found = apps_.find(bundleID);
   if (found == apps_.end()) return false;
+  remember(bundleID);
   std::erase(queue_, bundleID);
   changes_.push_back(Change{std::move(found->second), true, true});
   apps_.erase(found);
@@ -109,6 +120,7 @@ bool Engine::remove(std::string_view bundleID) {
 bool Engine::fail(std::string_view bundleID, ManagedAppStatus::Reason reason) {
   AppRecord* record = findMutable(bundleID);
   if (record == nullptr) return false;
+  remember(bundleID);
   std::erase(queue_, bundleID);
   record->phase = Phase::failed;
   record->progress = 0;
@@ -121,6 +133,7 @@ std::size_t Engine::clearFailures() {
   std::size_t cleared = 0;
   for (auto& [bundleID, record] : apps_) {
     if (record.phase != Phase::failed) continue;
+    remember(bundleID);
     record.phase = Phase::optional;
     record.reasons.clear();
     changed(record, true);
@@ -152,6 +165,7 @@ void Engine::tick() {
   std::size_t active = 0;
   for (auto& [bundleID, record] : apps_) {
     if (record.phase != Phase::downloading && record.phase != Phase::installing) continue;
+    remember(bundleID);
     const int steps =
         record.phase == Phase::downloading ? settings_.downloadSteps : settings_.installSteps;
     record.progress = stepped(record.progress, steps);
@@ -163,6 +177,7 @@ void Engine::tick() {
   // Waiting installs start once a place is free, oldest first.
   while (active < settings_.parallelInstalls && !queue_.empty()) {
     const std::string next = queue_.front();
+    remember(next);
     queue_.erase(queue_.begin());
     AppRecord* record = findMutable(next);
     if (record == nullptr || record->phase != Phase::waiting) continue;
@@ -185,7 +200,22 @@ std::vector<AppRecord> Engine::records() const {
 }
 
 std::vector<Engine::Change> Engine::takeChanges() {
+  before_.clear();
+  queueBefore_.reset();
   return std::exchange(changes_, {});
+}
+
+void Engine::rollback() {
+  for (auto& [bundleID, record] : before_) {
+    if (record)
+      apps_.insert_or_assign(bundleID, std::move(*record));
+    else
+      apps_.erase(bundleID);
+  }
+  if (queueBefore_) queue_ = std::move(*queueBefore_);
+  before_.clear();
+  queueBefore_.reset();
+  changes_.clear();
 }
 
 }  // namespace corvane::sim

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,7 +29,9 @@ struct EngineSettings {
 
 /// The simulated install engine: a state machine over the apps the daemon looks after, stepped
 /// by `tick()` and by the daemon's requests. It knows no clock, socket or database: the daemon
-/// ticks it on a timer (tests tick it by hand) and takes the changes to store and publish.
+/// ticks it on a timer (tests tick it by hand) and takes the changes to store and publish. The
+/// changes since they were last taken can be undone, so that the engine never holds a change the
+/// store refused.
 ///
 ///   optional --install--> waiting --tick--> downloading(0 .. 1) --> installing(0 .. 1) --> managed
 ///   failed <-- (a failure on purpose, or an app the catalogue does not know)
@@ -56,8 +59,8 @@ class Engine {
   /// Stops an install that waits, downloads or installs: the app becomes optional again. False
   /// otherwise.
   bool cancel(std::string_view bundleID);
-  /// Takes the app off the device (stopping an install under way) while still looking after it:
-  /// it becomes optional. False when unknown or already optional.
+  /// Takes an installed (managed) app off the device while still looking after it: it becomes
+  /// optional. False otherwise: an install that waits or is under way is left alone.
   bool uninstall(std::string_view bundleID);
   /// Stops looking after the app (stopping its install); false when unknown.
   bool remove(std::string_view bundleID);
@@ -79,11 +82,20 @@ class Engine {
   [[nodiscard]] std::size_t size() const noexcept { return apps_.size(); }
   /// Every app, by bundle identifier.
   [[nodiscard]] std::vector<AppRecord> records() const;
-  /// The changes since the last call, oldest first.
+  /// The changes since the last `takeChanges()` or `rollback()`, oldest first.
+  [[nodiscard]] const std::vector<Change>& changes() const noexcept { return changes_; }
+  /// The changes since the last call, oldest first. Taken changes are kept: `rollback()` no
+  /// longer undoes them.
   [[nodiscard]] std::vector<Change> takeChanges();
+  /// Undoes every change since the last `takeChanges()`: the apps and the queue are as they were
+  /// then, and no change is pending.
+  void rollback();
 
  private:
   AppRecord* findMutable(std::string_view bundleID);
+  /// Keeps how the app (and the queue) stood before its first change since the changes were
+  /// last taken, for `rollback()`. Called before anything about the app changes.
+  void remember(std::string_view bundleID);
   void changed(const AppRecord& record, bool phaseChanged);
   void finishStep(AppRecord& record);
 
@@ -91,6 +103,10 @@ class Engine {
   std::map<std::string, AppRecord, std::less<>> apps_;
   std::vector<std::string> queue_;  // waiting apps, oldest first
   std::vector<Change> changes_;
+  // What rollback() restores: each app changed since the changes were last taken, as it was
+  // before (empty: it was not there), and the queue.
+  std::map<std::string, std::optional<AppRecord>, std::less<>> before_;
+  std::optional<std::vector<std::string>> queueBefore_;
 };
 
 }  // namespace corvane::sim

@@ -1,10 +1,13 @@
-// The one-shot subcommands against a real daemon: their human and JSON results, faults the
-// daemon injects, a daemon that is not there, and a caller it refuses.
+// The one-shot subcommands against a real daemon: their human and JSON results, the daemon's
+// refusals with their reasons, faults the daemon injects, a daemon that is not there, and a caller
+// it refuses.
 
 #include "e2e/cvnctl/CvnctlFixture.hpp"
+#include "support/RefusingStore.hpp"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <unistd.h>
 
 namespace corvane::testing {
@@ -128,6 +131,71 @@ TEST_F(CvnctlTest, AnUnknownCatalogueEntryIsAClearError) {
         "no catalogue app has the declaration identifier \"D-nothing\" (see cvnctl catalog)"))
         << result.err;
   }
+}
+
+TEST_F(CvnctlTest, ADaemonsRefusalIsShownWithItsReason) {
+  const auto state = (files_.path() / "state.db").native();
+  // A tick a minute long: the queued install stays queued.
+  startDaemon({"--tick-ms", "60000", "--state", state});
+  declare("D-maps", mapsItem);
+  std::string keyless = declarationJson("D-keyless", notesItem);
+  keyless.replace(keyless.find("key-D-keyless"), std::string_view("key-D-keyless").size(), "");
+  struct Row {
+    std::vector<std::string> arguments;
+    std::string input;
+    std::string reason;
+    bool storeRefuses = false;
+  };
+  const std::vector<Row> rows = {
+      {{"remove", "D-nothing"}, "", "unknown declaration D-nothing"},
+      {{"launch", std::string(notesBundle)},
+       "",
+       "dev.corvane.sample.notes is not installed, so it cannot be launched"},
+      {{"vpp-install", "--item", "42", "--type", "1"}, "", "item 42 is not in the catalogue"},
+      {{"vpp-install", "--bundle", "dev.example.unknown", "--type", "2"},
+       "",
+       "dev.example.unknown is not in the catalogue"},
+      {{"vpp-install", "--bundle", std::string(mapsBundle), "--type", "3"},
+       "",
+       "dev.corvane.sample.maps is not installed"},
+      {{"enterprise-install", "ftp://corvane.dev/apps/Tool.plist"},
+       "",
+       "a manifest must be fetched over http(s), not ftp://corvane.dev/apps/Tool.plist"},
+      {{"add", "-"}, declarationJson("", notesItem), "declarationIdentifier must not be empty"},
+      {{"add", "-"}, keyless, "declarationKey must not be empty"},
+      {{"add", "-"},
+       declarationJson("D-notes", notesItem),
+       "the change could not be stored: store a declaration: the disk is full",
+       true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(fmt::format("{}", fmt::join(row.arguments, " ")));
+    std::optional<RefusingStore> refusing;
+    if (row.storeRefuses) refusing.emplace(state);
+
+    const auto human = run(row.arguments, row.input);
+    EXPECT_EQ(human.status, 1);
+    EXPECT_EQ(human.out, "");
+    EXPECT_TRUE(human.err.contains(fmt::format(
+        "cvnctl: unrecoverableError: An unrecoverable error occurred. ({})", row.reason)))
+        << human.err;
+
+    auto arguments = row.arguments;
+    arguments.insert(arguments.begin(), "--json");
+    const auto json = run(arguments, row.input);
+    EXPECT_EQ(json.status, 1);
+    EXPECT_EQ(json.out, "");
+    const auto errors = jsonLines(json.err);
+    ASSERT_EQ(errors.size(), 1U) << json.err;
+    EXPECT_EQ(errors[0].at("error"), "unrecoverableError");
+    EXPECT_EQ(errors[0].at("cause").as_string(), row.reason);
+  }
+  // Nothing was changed by any of them.
+  const auto keys = run({"--json", "keys"});
+  EXPECT_EQ(jsonLines(keys.out).at(0), boost::json::parse(R"(["key-D-maps"])"));
+  const auto status = run({"--json", "status"});
+  EXPECT_EQ(statesOf(jsonLines(status.out).at(0)),
+            (std::map<std::string, std::string>{{"D-maps", "queued"}}));
 }
 
 TEST_F(CvnctlTest, InjectedFaultsReachTheCallerAsStatusOne) {

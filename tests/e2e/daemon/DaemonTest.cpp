@@ -1,10 +1,12 @@
 // corvaned-sim as a real process, driven through the library: installs watched through the
 // streams, status against the engine, cancel and remove, a catalogue watch seeing a poll, SIGKILL
-// during a burst of declarations, every fault option, malformed arguments and refused callers.
+// during a burst of declarations, every fault option, refusals and their reasons, a store that
+// refuses changes, malformed arguments and refused callers.
 // Each case runs in a process of its own, so each gets a fresh shared connection pointed at its
 // own daemon.
 
 #include "support/DaemonProcess.hpp"
+#include "support/RefusingStore.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>
@@ -12,12 +14,14 @@
 #include <corvane/service/RequestOperations.hpp>
 
 #include <boost/asio/use_future.hpp>
+#include <boost/json/serialize.hpp>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <grp.h>
 #include <mutex>
@@ -40,6 +44,10 @@ constexpr std::int64_t notesItem = 1000000001;
 constexpr std::int64_t weatherItem = 1000000002;
 constexpr std::string_view notesBundle = "dev.corvane.sample.notes";
 constexpr std::string_view weatherBundle = "dev.corvane.sample.weather";
+constexpr std::int64_t mapsItem = 1000000003;
+constexpr std::string_view mapsBundle = "dev.corvane.sample.maps";
+constexpr std::string_view chatBundle = "dev.corvane.sample.chat";
+constexpr std::string_view vaultBundle = "dev.corvane.sample.vault";
 
 ManagedAppDeclaration declaration(const std::string& identifier, StoreAppIdentifier app,
                                   InstallTimingEnum timing = InstallTimingEnum::immediately) {
@@ -59,6 +67,65 @@ std::optional<ManagedAppStatus> statusOf(std::string_view declarationIdentifier)
   for (auto& status : DDMDeclarationStatusRequest{}.performSynchronously())
     if (status.declarationIdentifier == declarationIdentifier) return status;
   return std::nullopt;
+}
+
+/// Sends "installManagedApp:reply:" naming a declaration (none: every optional app), as
+/// ManagedAppLibrary does for a catalogue entry.
+void installDeclared(const std::optional<std::string>& identifier) {
+  ServiceConnection::withAsyncService<None>(
+      std::tuple(ManagedAppInstallRequest(identifier, std::nullopt)),
+      [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
+        proxy.installManagedApp(std::move(argument), std::move(reply));
+      },
+      asio::use_future)
+      .get();
+}
+
+/// Sends "cancelManagedApp:reply:" naming a declaration (none: every install under way).
+void cancelDeclared(const std::optional<std::string>& identifier) {
+  ServiceConnection::withAsyncService<None>(
+      std::tuple(ManagedAppCancelRequest{identifier}),
+      [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
+        proxy.cancelManagedApp(std::move(argument), std::move(reply));
+      },
+      asio::use_future)
+      .get();
+}
+
+void purchase(StoreAppIdentifier app, VPPInstallRequest::RequestType type) {
+  VPPInstallRequest(std::move(app), type).perform(asio::use_future).get();
+}
+
+void installEnterprise(std::string_view manifest) {
+  InstallEnterpriseManifestRequest(EnterpriseApp(boost::urls::url(manifest)))
+      .perform(asio::use_future)
+      .get();
+}
+
+/// Everything the daemon reports of its state, coded: every status and the declaration keys.
+std::string reported() {
+  return boost::json::serialize(
+             coding::encode(DDMDeclarationStatusRequest{}.performSynchronously()))
+         + " keys: "
+         + boost::json::serialize(
+             coding::encode(DDMDeclarationKeysRequest{}.performSynchronously()));
+}
+
+/// The error `call` failed with; empty when it succeeded.
+std::optional<Error> failureOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error;
+  }
+  return std::nullopt;
+}
+
+std::size_t occurrences(std::string_view text, std::string_view part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
+    ++count;
+  return count;
 }
 
 /// The next value of a stream, or nothing when none came within the bound.
@@ -258,6 +325,7 @@ TEST_F(Daemon, EachInjectedFailureReachesTheCallerAsItsError) {
       ADD_FAILURE() << "status did not fail with " << caseName(error);
     } catch (const Error& failure) {
       EXPECT_EQ(failure.error(), error);
+      EXPECT_EQ(failure.cause(), "");  // the plain envelope: no reason
     }
     try {
       DDMPollForUpdatesRequest{}.perform(asio::use_future).get();
@@ -291,6 +359,178 @@ TEST_F(Daemon, ADelayedDaemonStillAnswersAndACrashingOneFailsTheCall) {
   EXPECT_NO_THROW((void)DDMDeclarationKeysRequest{}.performSynchronously());
 }
 
+TEST_F(Daemon, EveryRefusalReachesTheCallerWithItsReason) {
+  // A tick a minute long: the queued install stays queued while the test looks.
+  start({"--tick-ms", "60000"});
+  declare("D-notes", StoreAppIdentifier::itemID(notesItem), InstallTimingEnum::onDemand);
+  declare("D-maps", StoreAppIdentifier::itemID(mapsItem));
+  DDMAppOrUpdateManagedAppRequest(
+      ManagedAppDeclaration(
+          "key-D-tool", "D-tool", std::nullopt,
+          InstallBehavior{InstallTimingEnum::onDemand, false,
+                          PurchaseMethodEnum::manifest(
+                              boost::urls::url("https://corvane.dev/apps/Tool.plist"))},
+          BackupBehavior{}, UpdateBehaviorEnum::automaticallyUpdate(), Platform::phone))
+      .performSynchronously();
+  declare("D-old", StoreAppIdentifier::bundleID(std::string(chatBundle)),
+          InstallTimingEnum::onDemand);
+  declare("D-new", StoreAppIdentifier::bundleID(std::string(chatBundle)),
+          InstallTimingEnum::onDemand);  // takes the app over from D-old
+  const std::string before = reported();
+
+  using Type = VPPInstallRequest::RequestType;
+  struct Row {
+    std::string what;
+    std::function<void()> call;
+    std::string reason;
+  };
+  const std::vector<Row> table = {
+      {"a declaration without an identifier",
+       [] { declare("", StoreAppIdentifier::itemID(notesItem)); },
+       "declarationIdentifier must not be empty"},
+      {"a declaration without a key",
+       [] {
+         auto keyless = declaration("D-keyless", StoreAppIdentifier::itemID(notesItem));
+         keyless.declarationKey.clear();
+         DDMAppOrUpdateManagedAppRequest(keyless).performSynchronously();
+       },
+       "declarationKey must not be empty"},
+      {"removing an unknown declaration",
+       [] { DDMRemoveManagedAppRequest{"D-nothing"}.performSynchronously(); },
+       "unknown declaration D-nothing"},
+      {"installing an unknown declaration", [] { installDeclared("D-nothing"); },
+       "unknown declaration D-nothing"},
+      {"cancelling an unknown declaration", [] { cancelDeclared("D-nothing"); },
+       "unknown declaration D-nothing"},
+      {"installing a declaration whose app was taken over", [] { installDeclared("D-old"); },
+       "declaration D-old no longer manages an app: another declaration took it over"},
+      {"installing an app outside the catalogue", [] { installDeclared("D-tool"); },
+       "enterprise.Tool is not in the catalogue"},
+      {"launching an app that is not installed",
+       [] { AppLaunchRequest{std::string(notesBundle)}.perform(asio::use_future).get(); },
+       "dev.corvane.sample.notes is not installed, so it cannot be launched"},
+      {"buying an item the catalogue does not know",
+       [] { purchase(StoreAppIdentifier::itemID(42), Type::install); },
+       "item 42 is not in the catalogue"},
+      {"updating a bundle the catalogue does not know",
+       [] { purchase(StoreAppIdentifier::bundleID("dev.example.unknown"), Type::update); },
+       "dev.example.unknown is not in the catalogue"},
+      {"uninstalling an app whose install is queued",
+       [] { purchase(StoreAppIdentifier::bundleID(std::string(mapsBundle)), Type::uninstall); },
+       "dev.corvane.sample.maps is not installed"},
+      {"uninstalling an app nobody asked for",
+       [] { purchase(StoreAppIdentifier::bundleID(std::string(vaultBundle)), Type::uninstall); },
+       "dev.corvane.sample.vault is not installed"},
+      {"an enterprise manifest over ftp",
+       [] { installEnterprise("ftp://corvane.dev/apps/Tool.plist"); },
+       "a manifest must be fetched over http(s), not ftp://corvane.dev/apps/Tool.plist"},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.what);
+    const auto error = failureOf(row.call);
+    ASSERT_TRUE(error.has_value()) << "the call succeeded";
+    EXPECT_EQ(error->error(), CorvaneError::unrecoverableError);
+    EXPECT_EQ(error->cause(), row.reason);
+    EXPECT_TRUE(std::string_view(error->what()).ends_with(" (" + row.reason + ")"))
+        << error->what();
+  }
+  // None of them left a trace: no status for the unknown item, the queued install still queued.
+  EXPECT_EQ(reported(), before);
+  EXPECT_EQ(statusOf("D-maps")->state, State::queued);
+}
+
+TEST_F(Daemon, AChangeTheStoreRefusesLeavesMemoryAndDiskAsTheyWere) {
+  const auto state = (runtime_.path() / "state.db").native();
+  {
+    // One app installed, for the update and the uninstall to act on.
+    start({"--tick-ms", "5", "--state", state});
+    auto progress = ManagedAppLibrary::shared().progressUpdates();
+    declare("D-notes", StoreAppIdentifier::itemID(notesItem));
+    ASSERT_TRUE(readUntil(progress, [](const AppProgress& value) {
+      return value.bundleID == notesBundle && value.state == AppState::managed();
+    }));
+  }
+  EXPECT_EQ(daemon_->stop(), 0);
+  // From here on nothing moves by itself.
+  start({"--tick-ms", "60000", "--state", state});
+  declare("D-maps", StoreAppIdentifier::itemID(mapsItem));  // queued
+  declare("D-weather", StoreAppIdentifier::itemID(weatherItem), InstallTimingEnum::onDemand);
+  declare("D-unknown", StoreAppIdentifier::itemID(42));  // failed
+  const std::string before = reported();
+
+  using Type = VPPInstallRequest::RequestType;
+  const auto chat = [] { return StoreAppIdentifier::bundleID(std::string(chatBundle)); };
+  const std::vector<std::pair<std::string, std::function<void()>>> table = {
+      {"a new declaration", [&] { declare("D-chat", chat()); }},
+      {"a declaration replaced",
+       [] { declare("D-weather", StoreAppIdentifier::itemID(weatherItem)); }},
+      {"a declaration that names another app",
+       [&] { declare("D-weather", chat(), InstallTimingEnum::onDemand); }},
+      {"a declaration removed",
+       [] { DDMRemoveManagedAppRequest{"D-maps"}.performSynchronously(); }},
+      {"an install", [] { installDeclared("D-weather"); }},
+      {"an install of every optional app", [] { installDeclared(std::nullopt); }},
+      {"a cancel", [] { cancelDeclared("D-maps"); }},
+      {"a cancel of every install", [] { cancelDeclared(std::nullopt); }},
+      {"a reset of the history",
+       [] { DDMResetManagedAppInstallHistoryRequest{}.perform(asio::use_future).get(); }},
+      {"a volume-purchase install", [&] { purchase(chat(), Type::install); }},
+      {"a volume-purchase update",
+       [] { purchase(StoreAppIdentifier::itemID(notesItem), Type::update); }},
+      {"a volume-purchase uninstall",
+       [] { purchase(StoreAppIdentifier::itemID(notesItem), Type::uninstall); }},
+      {"an enterprise install", [] { installEnterprise("https://corvane.dev/apps/Tool.plist"); }},
+  };
+  {
+    const RefusingStore refusing(state);
+    for (const auto& [what, call] : table) {
+      SCOPED_TRACE(what);
+      const auto error = failureOf(call);
+      ASSERT_TRUE(error.has_value()) << "the call succeeded";
+      EXPECT_EQ(error->error(), CorvaneError::unrecoverableError);
+      EXPECT_TRUE(error->cause().starts_with("the change could not be stored: ")) << error->cause();
+      EXPECT_TRUE(error->cause().ends_with(RefusingStore::message)) << error->cause();
+      // Memory as it was.
+      EXPECT_EQ(reported(), before);
+    }
+  }
+  // The disk as well: a daemon started on it reports the same.
+  EXPECT_EQ(daemon_->stop(), 0);
+  start({"--tick-ms", "60000", "--state", state});
+  EXPECT_EQ(reported(), before);
+  // With the store taking changes again, so does the daemon.
+  declare("D-chat", chat());
+  EXPECT_EQ(statusOf("D-chat")->state, State::queued);
+  purchase(StoreAppIdentifier::itemID(notesItem), Type::uninstall);
+  EXPECT_EQ(statusOf("D-notes")->state, State::optional);
+}
+
+TEST_F(Daemon, AnInstallWaitsWhileTheStoreRefusesItsStepsAndCarriesOnAfter) {
+  const auto state = (runtime_.path() / "state.db").native();
+  start({"--tick-ms", "60000", "--state", state});
+  declare("D-notes", StoreAppIdentifier::itemID(notesItem));
+  EXPECT_EQ(daemon_->stop(), 0);
+
+  // The stored install starts again with the daemon, and each of its steps is refused.
+  auto refusing = std::make_unique<RefusingStore>(state);
+  start({"--tick-ms", "5", "--state", state, "--verbose"});
+  const std::string refused = "the install state could not be stored";
+  ASSERT_TRUE(daemon_->process().waitFor([&](const std::string&, const std::string& err) {
+    return occurrences(err, refused) >= 3;
+  })) << daemon_->process().err();
+  // Each refused step was undone, and tried again on the next tick.
+  EXPECT_EQ(statusOf("D-notes")->state, State::queued);
+
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  refusing.reset();
+  ASSERT_TRUE(readUntil(progress, [](const AppProgress& value) {
+    return value.bundleID == notesBundle && value.state == AppState::managed();
+  }));
+  EXPECT_EQ(daemon_->stop(), 0);
+  start({"--tick-ms", "60000", "--state", state});
+  EXPECT_EQ(statusOf("D-notes")->state, State::managed);
+}
+
 TEST_F(Daemon, AMalformedArgumentGetsAFailureAndTheDaemonKeepsServing) {
   start();
   ipc::ConnectionOptions options;
@@ -300,24 +540,44 @@ TEST_F(Daemon, AMalformedArgumentGetsAFailureAndTheDaemonKeepsServing) {
   raw.resume();
   const auto proxy = raw.synchronousRemoteObjectProxy<ServiceProtocol>(
       [](const ipc::CallError& error) { ADD_FAILURE() << error.description(); });
-  const std::vector<std::string> garbage = {"{{{",
-                                            "[]",
-                                            R"([{"app": 5}])",
-                                            R"([{"app": {"declarationKey": "K"}}])",
-                                            "[1, 2, 3]",
-                                            std::string(3, '\0')};
-  for (const auto& text : garbage) {
+  // Each is answered with what was wrong: the coding error's kind, where, and its description.
+  struct Row {
+    std::string argument;
+    std::string reason;
+  };
+  const std::vector<Row> table = {
+      {"{{{",
+       "the argument is malformed: dataCorrupted at the top level: The given data was not a "
+       "valid JSON document: syntax error."},
+      {"[]",
+       "the argument is malformed: valueNotFound at [0]: Expected 1 values but the list holds 0."},
+      {R"([{"app": 5}])",
+       "the argument is malformed: typeMismatch at [0].app: Expected an object but found a number "
+       "instead."},
+      {R"([{"app": {"declarationKey": "K"}}])",
+       "the argument is malformed: keyNotFound at [0].app: No value associated with key "
+       "\"declarationIdentifier\"."},
+      {"[1, 2, 3]",
+       "the argument is malformed: typeMismatch at [0]: Expected an object but found a number "
+       "instead."},
+      {std::string(3, '\0'),
+       "the argument is malformed: dataCorrupted at the top level: The given data was not a "
+       "valid JSON document: syntax error."},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.argument);
     std::optional<Bytes> reply;
-    proxy.addOrUpdateManagedApp(Bytes(text), [&](ipc::CallResult result) {
+    proxy.addOrUpdateManagedApp(Bytes(row.argument), [&](ipc::CallResult result) {
       if (result) {
         reply = std::move(result).reply();
       } else {
         ADD_FAILURE() << result.error().description();
       }
     });
-    ASSERT_TRUE(reply.has_value()) << text;
+    ASSERT_TRUE(reply.has_value());
     const auto [result] = TetherDecoder<ServiceResult<None>>::decode(*reply);
-    EXPECT_EQ(result.error(), CorvaneError::unrecoverableError) << text;
+    EXPECT_EQ(result.error(), CorvaneError::unrecoverableError);
+    EXPECT_EQ(result.reason(), row.reason);
   }
   // A call of the wrong shape is refused by the connection itself; the daemon still serves.
   EXPECT_TRUE(DDMDeclarationKeysRequest{}.performSynchronously().empty());

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,16 @@ std::vector<std::string> statesOf(const std::vector<Engine::Change>& changes,
   for (const auto& change : changes)
     if (change.record.bundleID == bundleID)
       states.push_back(change.removed ? "removed" : fmt::format("{}", change.record.appState()));
+  return states;
+}
+
+// Every app's states as the changes went through them, in order.
+std::vector<std::string> statesOfAll(const std::vector<Engine::Change>& changes) {
+  std::vector<std::string> states;
+  for (const auto& change : changes)
+    states.push_back(
+        fmt::format("{}: {}", change.record.bundleID,
+                    change.removed ? "removed" : fmt::format("{}", change.record.appState())));
   return states;
 }
 
@@ -102,7 +113,9 @@ TEST(Engine, CancelRemoveAndUninstallInEachPhase) {
       {"cancel managed", 20, &Engine::cancel, false, Phase::managed},
       {"remove downloading", 2, &Engine::remove, true, std::nullopt},
       {"remove managed", 20, &Engine::remove, true, std::nullopt},
-      {"uninstall downloading", 2, &Engine::uninstall, true, Phase::optional},
+      // Only what is installed can be uninstalled; an install on its way is left alone.
+      {"uninstall waiting", 0, &Engine::uninstall, false, Phase::waiting},
+      {"uninstall downloading", 2, &Engine::uninstall, false, Phase::downloading},
       {"uninstall managed", 20, &Engine::uninstall, true, Phase::optional},
   };
   for (const auto& row : table) {
@@ -114,10 +127,9 @@ TEST(Engine, CancelRemoveAndUninstallInEachPhase) {
     EXPECT_EQ((engine.*row.action)("a"), row.expected) << row.what;
     const AppRecord* record = engine.find("a");
     EXPECT_EQ(record ? std::optional(record->phase) : std::nullopt, row.after) << row.what;
-    EXPECT_FALSE(engine.busy()) << row.what;
-    if (row.expected) {
-      EXPECT_FALSE(engine.takeChanges().empty()) << row.what;
-    }
+    EXPECT_EQ(engine.busy(), row.after == Phase::waiting || row.after == Phase::downloading)
+        << row.what;
+    EXPECT_EQ(engine.takeChanges().empty(), !row.expected) << row.what;
     // A cancelled app can be installed again and then completes.
     if (record != nullptr && record->phase == Phase::optional) {
       EXPECT_TRUE(engine.install("a")) << row.what;
@@ -189,6 +201,83 @@ TEST(Engine, PutKeepsWhereAnInstallStandsAndRestartsOneTakenFromStorage) {
   EXPECT_TRUE(restarted.busy());
   runToRest(restarted);
   EXPECT_EQ(restarted.find("b")->phase, Phase::managed);
+}
+
+// The apps in a fixed order, each with its state, for comparing two engines.
+std::vector<std::string> describe(const Engine& engine) {
+  std::vector<std::string> described;
+  for (const auto& record : engine.records())
+    described.push_back(
+        fmt::format("{} {} {}", record.bundleID, record.appState(), record.declarationIdentifier));
+  return described;
+}
+
+TEST(Engine, RollbackUndoesEveryKindOfChangeSinceTheChangesWereTaken) {
+  // One app in each phase: a managed, b downloading, c and d waiting (two at a time), e failed.
+  const auto prepared = [] {
+    Engine engine(settings(3, 2));
+    for (const char* name : {"a", "b", "c", "d", "e"}) engine.put(app(name));
+    engine.install("a");
+    runToRest(engine);
+    for (const char* name : {"b", "c", "d"}) engine.install(name);
+    engine.tick();
+    engine.fail("e", Reason::installFailed);
+    (void)engine.takeChanges();
+    return engine;
+  };
+  struct Row {
+    const char* what;
+    std::function<void(Engine&)> change;
+  };
+  const std::vector<Row> table = {
+      {"put a new app", [](Engine& e) { e.put(app("f")); }},
+      {"put over an app", [](Engine& e) { e.put(app("b")); }},
+      {"install", [](Engine& e) { EXPECT_TRUE(e.install("e")); }},
+      {"cancel a download", [](Engine& e) { EXPECT_TRUE(e.cancel("b")); }},
+      {"cancel a waiting install", [](Engine& e) { EXPECT_TRUE(e.cancel("d")); }},
+      {"uninstall", [](Engine& e) { EXPECT_TRUE(e.uninstall("a")); }},
+      {"remove", [](Engine& e) { EXPECT_TRUE(e.remove("c")); }},
+      {"fail", [](Engine& e) { EXPECT_TRUE(e.fail("b", Reason::notSupported)); }},
+      {"clear failures", [](Engine& e) { EXPECT_EQ(e.clearFailures(), 1U); }},
+      {"tick", [](Engine& e) { e.tick(); }},
+      {"several",
+       [](Engine& e) {
+         e.remove("a");
+         e.put(app("a"));
+         e.install("a");
+         e.cancel("b");
+         e.tick();
+         e.tick();
+       }},
+  };
+  for (const auto& row : table) {
+    Engine engine = prepared();
+    const Engine untouched = engine;
+    row.change(engine);
+    EXPECT_FALSE(engine.changes().empty()) << row.what;
+    engine.rollback();
+    EXPECT_TRUE(engine.changes().empty()) << row.what;
+    EXPECT_EQ(engine.records(), untouched.records()) << row.what;
+    // The queue is back too: from here both go through the same states in the same order.
+    Engine expected = untouched;
+    EXPECT_EQ(statesOfAll(runToRest(engine)), statesOfAll(runToRest(expected))) << row.what;
+    EXPECT_EQ(describe(engine), describe(expected)) << row.what;
+  }
+}
+
+TEST(Engine, RollbackKeepsWhatWasTaken) {
+  Engine engine(settings(2, 1));
+  engine.put(app("a"));
+  engine.install("a");
+  (void)engine.takeChanges();
+  engine.tick();
+  engine.rollback();
+  EXPECT_EQ(engine.find("a")->phase, Phase::waiting);
+  EXPECT_TRUE(engine.busy());
+  engine.rollback();  // nothing more to undo
+  EXPECT_EQ(engine.find("a")->phase, Phase::waiting);
+  runToRest(engine);
+  EXPECT_EQ(engine.find("a")->phase, Phase::managed);
 }
 
 }  // namespace
