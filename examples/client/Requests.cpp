@@ -9,10 +9,15 @@
 
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/use_future.hpp>
 
+#include <chrono>
 #include <clocale>
 #include <exception>
 #include <future>
@@ -20,6 +25,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace {
@@ -87,6 +93,33 @@ void coroutineForm(std::optional<std::string> key) {
 }
 // [coroutine]
 
+// [bounded]
+boost::asio::awaitable<void> keysWithin(std::chrono::seconds limit) {
+  using namespace boost::asio::experimental::awaitable_operators;
+  const corvane::DDMDeclarationKeysRequest request;
+  boost::asio::steady_timer timer(co_await boost::asio::this_coro::executor, limit);
+  // Whichever finishes first cancels the other: a daemon that never answers costs `limit`.
+  auto first = co_await (request.perform(boost::asio::use_awaitable)
+                         || timer.async_wait(boost::asio::use_awaitable));
+  if (first.index() == 1) {
+    std::cout << "bounded: no answer within " << limit.count() << " s\n";
+    co_return;
+  }
+  std::cout << "bounded: " << std::get<0>(first).size() << " declaration key(s)\n";
+}
+
+void boundedForms() {
+  boost::asio::io_context io;
+  boost::asio::co_spawn(io, keysWithin(std::chrono::seconds(5)), boost::asio::detached);
+  io.run();
+  // The blocking form takes the time it may wait; past it corvane::Error is thrown, whose
+  // origin() is corvane::ipc::ConnectionError::timedOut.
+  const auto statuses =
+      corvane::DDMDeclarationStatusRequest{}.performSynchronously(std::chrono::seconds(5));
+  printStatuses("bounded", statuses);
+}
+// [bounded]
+
 }  // namespace
 
 // [errors]
@@ -99,10 +132,12 @@ int main() {
     futureForm();
     // The status of the first declaration only (of every one when there is none).
     coroutineForm(keys.empty() ? std::nullopt : std::optional(keys.front()));
+    boundedForms();
     return 0;
   } catch (const corvane::Error& error) {
-    // error.error() is the kind; what() is its localized description followed by the cause of
-    // a failure made inside the library ("cannot connect to ...").
+    // error.error() is the kind; what() is its localized description followed by the cause: the
+    // reason the daemon gave ("unknown declaration D-x") or what failed here ("cannot connect to
+    // ...").
     switch (error.error()) {
       case corvane::CorvaneError::unrecoverableError:
         std::cerr << "client-requests: the request failed: " << error.what() << '\n';
@@ -110,9 +145,9 @@ int main() {
       case corvane::CorvaneError::networkError:
       case corvane::CorvaneError::deviceNotManaged:
       case corvane::CorvaneError::unsupportedPlatform:
-        // Only the daemon reports these kinds; they carry no cause.
+        // Only the daemon reports these kinds, with its reason when it gave one.
         std::cerr << "client-requests: the daemon answered " << corvane::caseName(error.error())
-                  << ": " << error.localizedDescription() << '\n';
+                  << ": " << error.what() << '\n';
         break;
     }
     return 1;
