@@ -59,7 +59,8 @@ void RemoteProxy::dispatch(std::string_view operation, OperationShape shape,
     return;
   }
   if (!synchronous_) {
-    target_->send({operation, shape, std::move(argument), std::move(completion), nullptr, std::nullopt});
+    target_->send(
+        {operation, shape, std::move(argument), std::move(completion), nullptr, std::nullopt});
     return;
   }
   // The outcome waits in the slot and runs here, on the calling thread. The completion shares the

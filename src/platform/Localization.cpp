@@ -3,15 +3,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <libintl.h>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
-#include <dlfcn.h>
-#include <libintl.h>
-#include <mutex>
 #include <system_error>
 
 // glibc's counter of loaded catalogues; bumping it invalidates gettext's look-up cache.

@@ -32,7 +32,8 @@ AsyncStream<CatalogResult> catalogStream() {
 }
 
 AsyncStream<AppProgress> progressStream() {
-  auto [stream, continuation] = AsyncStream<AppProgress>::make(BufferingPolicy::unbounded(), streamExecutor());
+  auto [stream, continuation] =
+      AsyncStream<AppProgress>::make(BufferingPolicy::unbounded(), streamExecutor());
   auto listener = std::make_shared<TetherClient::ProgressListener>(continuation);
   continuation.onTermination(
       [listener] { TetherClient::shared().removeProgressListener(listener); });
@@ -41,7 +42,8 @@ AsyncStream<AppProgress> progressStream() {
 }
 
 AsyncStream<AppState> stateStream(const ManagedApp& app) {
-  auto [stream, continuation] = AsyncStream<AppState>::make(BufferingPolicy::unbounded(), streamExecutor());
+  auto [stream, continuation] =
+      AsyncStream<AppState>::make(BufferingPolicy::unbounded(), streamExecutor());
   auto listener = std::make_shared<TetherClient::StateListener>(continuation);
   continuation.onTermination(
       [listener, app] { TetherClient::shared().removeStateListener(listener, app); });

@@ -9,7 +9,8 @@ using Deadline = std::optional<Clock::time_point>;
 
 void DDMAppOrUpdateManagedAppRequest::performSynchronously() const {
   ServiceConnection::withSyncService<None>(
-      std::tuple(*this), service::detail::Call<ServiceProtocol::Selectors::addOrUpdateManagedApp>{});
+      std::tuple(*this),
+      service::detail::Call<ServiceProtocol::Selectors::addOrUpdateManagedApp>{});
 }
 
 void DDMAppOrUpdateManagedAppRequest::performSynchronously(Clock::duration timeout) const {
@@ -21,13 +22,15 @@ void DDMAppOrUpdateManagedAppRequest::performSynchronously(Clock::duration timeo
 void DDMRemoveManagedAppRequest::performSynchronously() const {
   ServiceConnection::withSyncService<None>(
       std::tuple(declarationIdentifier),
-      service::detail::Call<ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{});
+      service::detail::Call<
+          ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{});
 }
 
 void DDMRemoveManagedAppRequest::performSynchronously(Clock::duration timeout) const {
   ServiceConnection::withSyncService<None>(
       std::tuple(declarationIdentifier),
-      service::detail::Call<ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{},
+      service::detail::Call<
+          ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{},
       Deadline(Clock::now() + timeout));
 }
 

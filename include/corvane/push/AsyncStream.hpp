@@ -15,8 +15,8 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <iterator>
 #include <list>
@@ -326,9 +326,9 @@ class AsyncStream<T>::State {
   template <class Handler>
   static void start(const std::shared_ptr<State>& state, Handler handler) {
     auto pending = std::make_unique<PendingFor<Handler>>(
-        std::move(handler), state != nullptr ? state->executor_
-                                             : boost::asio::any_io_executor(
-                                                   boost::asio::system_executor()));
+        std::move(handler), state != nullptr
+                                ? state->executor_
+                                : boost::asio::any_io_executor(boost::asio::system_executor()));
     std::list<T> taken;
     boost::system::error_code error;
     if (state != nullptr) {

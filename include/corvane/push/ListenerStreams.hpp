@@ -64,8 +64,8 @@ class ManagedAppLibrary::ManagedApps {
 
   [[nodiscard]] AsyncIterator makeAsyncIterator() const { return AsyncIterator(stream_); }
   /// Shorthands for `makeAsyncIterator().next(...)`.
-  template <boost::asio::completion_token_for<AsyncStream<CatalogResult>::NextSignature>
-                CompletionToken>
+  template <
+      boost::asio::completion_token_for<AsyncStream<CatalogResult>::NextSignature> CompletionToken>
   auto next(CompletionToken&& token) {
     return stream_->next(std::forward<CompletionToken>(token));
   }

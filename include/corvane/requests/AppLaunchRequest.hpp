@@ -1,6 +1,7 @@
 #pragma once
 
 #include <corvane/coding/ServiceSignature.hpp>
+
 #include <string>
 
 namespace corvane {

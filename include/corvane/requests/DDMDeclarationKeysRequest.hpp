@@ -1,10 +1,9 @@
 #pragma once
 
-#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/Coding.hpp>
+#include <corvane/coding/ServiceSignature.hpp>
 
 #include <chrono>
-
 #include <string>
 #include <vector>
 
@@ -24,7 +23,8 @@ struct DDMDeclarationKeysRequest {
   /// The same, waiting `timeout` at most. Past it, throws `corvane::Error` (unrecoverableError)
   /// whose `origin()` is `ipc::ConnectionError::timedOut`; the daemon may still carry the request
   /// out, and its late reply is dropped.
-  [[nodiscard]] std::vector<std::string> performSynchronously(std::chrono::steady_clock::duration timeout) const;
+  [[nodiscard]] std::vector<std::string> performSynchronously(
+      std::chrono::steady_clock::duration timeout) const;
 };
 
 namespace coding {

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/Coding.hpp>
-
-#include <chrono>
+#include <corvane/coding/ServiceSignature.hpp>
 
 #include <boost/describe/class.hpp>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,7 +31,8 @@ struct DDMDeclarationStatusRequest {
   /// The same, waiting `timeout` at most. Past it, throws `corvane::Error` (unrecoverableError)
   /// whose `origin()` is `ipc::ConnectionError::timedOut`; the daemon may still carry the request
   /// out, and its late reply is dropped.
-  [[nodiscard]] std::vector<ManagedAppStatus> performSynchronously(std::chrono::steady_clock::duration timeout) const;
+  [[nodiscard]] std::vector<ManagedAppStatus> performSynchronously(
+      std::chrono::steady_clock::duration timeout) const;
 };
 BOOST_DESCRIBE_STRUCT(DDMDeclarationStatusRequest, (), (declarationKey))
 

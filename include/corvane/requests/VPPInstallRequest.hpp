@@ -1,7 +1,7 @@
 #pragma once
 
-#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/RawValue.hpp>
+#include <corvane/coding/ServiceSignature.hpp>
 #include <corvane/coding/StoredCoding.hpp>
 #include <corvane/coding/WireTypes.hpp>
 #include <corvane/requests/StoreAppIdentifier.hpp>

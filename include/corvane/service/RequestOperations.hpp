@@ -34,7 +34,8 @@ template <ServiceToken<None> CompletionToken>
 auto DDMRemoveManagedAppRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
       std::tuple(declarationIdentifier),
-      service::detail::Call<ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{},
+      service::detail::Call<
+          ServiceProtocol::Selectors::removeManagedAppWithDeclarationIdentifier>{},
       std::forward<CompletionToken>(token));
 }
 
@@ -48,8 +49,7 @@ auto DDMDeclarationStatusRequest::perform(CompletionToken&& token) const {
 template <ServiceToken<std::vector<std::string>> CompletionToken>
 auto DDMDeclarationKeysRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<std::vector<std::string>>(
-      std::tuple(),
-      service::detail::Call<ServiceProtocol::Selectors::currentDeclarationKeys>{},
+      std::tuple(), service::detail::Call<ServiceProtocol::Selectors::currentDeclarationKeys>{},
       std::forward<CompletionToken>(token));
 }
 
@@ -64,29 +64,31 @@ auto DDMResetManagedAppInstallHistoryRequest::perform(CompletionToken&& token) c
 template <ServiceToken<None> CompletionToken>
 auto DDMPollForUpdatesRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(),
-      service::detail::Call<ServiceProtocol::Selectors::pollForMediaAPIUpdates>{},
+      std::tuple(), service::detail::Call<ServiceProtocol::Selectors::pollForMediaAPIUpdates>{},
       std::forward<CompletionToken>(token));
 }
 
 template <ServiceToken<None> CompletionToken>
 auto VPPInstallRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(*this), service::detail::Call<ServiceProtocol::Selectors::handleVPPInstallRequest>{},
+      std::tuple(*this),
+      service::detail::Call<ServiceProtocol::Selectors::handleVPPInstallRequest>{},
       std::forward<CompletionToken>(token));
 }
 
 template <ServiceToken<None> CompletionToken>
 auto InstallEnterpriseManifestRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(app()), service::detail::Call<ServiceProtocol::Selectors::installEnterpriseManifest>{},
+      std::tuple(app()),
+      service::detail::Call<ServiceProtocol::Selectors::installEnterpriseManifest>{},
       std::forward<CompletionToken>(token));
 }
 
 template <ServiceToken<None> CompletionToken>
 auto AppLaunchRequest::perform(CompletionToken&& token) const {
   return ServiceConnection::withAsyncService<None>(
-      std::tuple(bundleID), service::detail::Call<ServiceProtocol::Selectors::handleLaunchAppRequest>{},
+      std::tuple(bundleID),
+      service::detail::Call<ServiceProtocol::Selectors::handleLaunchAppRequest>{},
       std::forward<CompletionToken>(token));
 }
 

@@ -13,8 +13,8 @@
 
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
-#include <boost/asio/cancellation_type.hpp>
 #include <boost/asio/async_result.hpp>
+#include <boost/asio/cancellation_type.hpp>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/execution/outstanding_work.hpp>
 #include <boost/asio/post.hpp>
@@ -382,8 +382,7 @@ auto ServiceConnection::withAsyncService(Arguments arguments, Body body, Complet
 
 template <class Value, class Arguments, class Body>
 Value ServiceConnection::withSyncService(
-    Arguments arguments, Body body,
-    std::optional<std::chrono::steady_clock::time_point> deadline) {
+    Arguments arguments, Body body, std::optional<std::chrono::steady_clock::time_point> deadline) {
   const service::detail::CallLog log(service::detail::operationOf<Body>());
   SyncTetherResult<Value> box;
   try {
@@ -404,8 +403,8 @@ Value ServiceConnection::withSyncService(
     });
     if (deadline) {
       // A proxy of its own, for this call's deadline; the shared one has none.
-      body(ServiceProtocol(connection->synchronousRemoteObjectProxy().remote().withDeadline(
-               *deadline)),
+      body(ServiceProtocol(
+               connection->synchronousRemoteObjectProxy().remote().withDeadline(*deadline)),
            std::move(buffer), std::move(fill));
     } else {
       body(connection->synchronousRemoteObjectProxy(), std::move(buffer), std::move(fill));

@@ -294,12 +294,13 @@ void Channel::scheduleFlushLocked() {
 
 bool Channel::readableBefore(SyncSlot::Clock::time_point deadline) const {
   for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline
-                                                                   - SyncSlot::Clock::now());
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - SyncSlot::Clock::now());
     if (left.count() <= 0) return false;
     pollfd watched{fd_, POLLIN | POLLRDHUP, 0};
-    const int ready = ::poll(&watched, 1, static_cast<int>(std::min<std::int64_t>(
-                                              left.count(), std::numeric_limits<int>::max())));
+    const int ready = ::poll(
+        &watched, 1,
+        static_cast<int>(std::min<std::int64_t>(left.count(), std::numeric_limits<int>::max())));
     // Readable, closed or failed: recv(2) says which, without blocking.
     if (ready > 0) return true;
     if (ready < 0 && errno != EINTR) return true;

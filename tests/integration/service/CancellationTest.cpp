@@ -53,7 +53,6 @@ struct Case {
   bool withValue;  // the status request (a value) or the poll (none)
 };
 
-
 class CancellationTest : public ::testing::Test {
  protected:
   /// Lines recorded at `level` whose message starts with `prefix`.
@@ -112,9 +111,10 @@ TEST_F(CancellationTest, ACallWhoseReplyNeverComesEndsOnceWithTheCancellation) {
     } else {
       if (withValue) {
         DDMDeclarationStatusRequest{}.perform(asio::bind_cancellation_slot(
-            signal.slot(),
-            asio::bind_executor(io, [&](std::exception_ptr failure,
-                                        const std::vector<ManagedAppStatus>&) { record(failure); })));
+            signal.slot(), asio::bind_executor(io, [&](std::exception_ptr failure,
+                                                       const std::vector<ManagedAppStatus>&) {
+              record(failure);
+            })));
       } else {
         DDMPollForUpdatesRequest{}.perform(
             asio::bind_cancellation_slot(signal.slot(), asio::bind_executor(io, record)));
@@ -177,12 +177,12 @@ TEST_F(CancellationTest, ABoundedSynchronousCallTimesOutAndTheConnectionGoesOn) 
   const auto waited = std::chrono::steady_clock::now() - started;
   EXPECT_GE(waited, 200ms);
   EXPECT_LT(waited, 5s);
-  EXPECT_EQ(lines(platform::LogLevel::error, "Error fetching synchronous remote object proxy: "), 1U);
+  EXPECT_EQ(lines(platform::LogLevel::error, "Error fetching synchronous remote object proxy: "),
+            1U);
 
   // The late reply goes nowhere; the next calls, bounded or not, get their own answers.
   daemon.release();
-  EXPECT_EQ(DDMDeclarationKeysRequest{}.performSynchronously(bound),
-            std::vector<std::string>{"K"});
+  EXPECT_EQ(DDMDeclarationKeysRequest{}.performSynchronously(bound), std::vector<std::string>{"K"});
   EXPECT_EQ(DDMDeclarationKeysRequest{}.performSynchronously(), std::vector<std::string>{"K"});
 }
 

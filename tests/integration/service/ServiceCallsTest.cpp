@@ -368,9 +368,9 @@ TEST_P(ServiceCallsTest, TheDaemonsFailuresArriveUnchangedWithTheirReasons) {
       EXPECT_EQ(error.error(), kind);
       EXPECT_EQ(error.cause(), reason);
       EXPECT_FALSE(error.origin()) << "a failure the daemon reported has no local origin";
-      const std::string expected =
-          reason.empty() ? localizedDescription(kind)
-                         : fmt::format("{} ({})", localizedDescription(kind), reason);
+      const std::string expected = reason.empty()
+                                       ? localizedDescription(kind)
+                                       : fmt::format("{} ({})", localizedDescription(kind), reason);
       EXPECT_EQ(std::string(error.what()), expected);
     }
   }

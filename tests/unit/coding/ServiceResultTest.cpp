@@ -5,7 +5,6 @@
 #include <corvane/coding/TetherEncoder.hpp>
 
 #include <boost/describe/class.hpp>
-
 #include <gtest/gtest.h>
 
 #include <unordered_set>
@@ -30,8 +29,8 @@ TEST(ServiceResult, ShapesOfTheReplyEnvelope) {
        R"([{"success": {"_0": ["k1", "k2"]}}])"},
       {TetherEncoder::encode(ServiceResult<Strings>::failure(CorvaneError::deviceNotManaged)),
        R"([{"failure": {"_0": {"deviceNotManaged": {}}}}])"},
-      {TetherEncoder::encode(
-           ServiceResult<None>::failure(CorvaneError::networkError, "no.such.app is not installed")),
+      {TetherEncoder::encode(ServiceResult<None>::failure(CorvaneError::networkError,
+                                                          "no.such.app is not installed")),
        R"([{"failure": {"_0": {"networkError": {}}, "reason": "no.such.app is not installed"}}])"},
       {TetherEncoder::encode(ServiceResult<None>::success({})), R"([{"success": {"_0": null}}])"},
       {TetherEncoder::encode(ServiceResult<Strings>::success({})), R"([{"success": {"_0": []}}])"},

@@ -354,11 +354,11 @@ TEST(AsyncStream, ConcurrentProducersDeliverEveryValueOnceInTheirOwnOrder) {
       std::promise<void> done;
       std::function<void(boost::system::error_code, std::optional<int>)> take =
           [&, &s = stream](boost::system::error_code error, std::optional<int> value) {
-        EXPECT_FALSE(error);
-        if (!value) return done.set_value();
-        seen.push_back(*value);
-        s.next(take);
-      };
+            EXPECT_FALSE(error);
+            if (!value) return done.set_value();
+            seen.push_back(*value);
+            s.next(take);
+          };
       stream.next(take);
       ASSERT_EQ(done.get_future().wait_for(bound), std::future_status::ready);
     } else {
@@ -492,8 +492,8 @@ TEST(AsyncStream, ACancelledNextTakesNothingAndTheNextNextGetsTheValue) {
             try {
               auto first = co_await (stream.next(asio::use_awaitable)
                                      || timer.async_wait(asio::use_awaitable));
-              outcome = first.index() == 1 ? asio::error::operation_aborted
-                                           : boost::system::error_code();
+              outcome =
+                  first.index() == 1 ? asio::error::operation_aborted : boost::system::error_code();
             } catch (const boost::system::system_error& error) {
               outcome = error.code();
             }
