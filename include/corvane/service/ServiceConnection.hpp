@@ -310,6 +310,7 @@ class PendingCall {
 
  private:
   struct Canceller {
+    explicit Canceller(std::weak_ptr<PendingCall> pending) noexcept : call(std::move(pending)) {}
     std::weak_ptr<PendingCall> call;
     void operator()(boost::asio::cancellation_type_t type) const {
       if ((type & boost::asio::cancellation_type::terminal) == boost::asio::cancellation_type::none)
