@@ -1,8 +1,7 @@
 #include <corvane/push/ListenerStreams.hpp>
 #include <corvane/service/ServiceConnection.hpp>
 
-#include <boost/asio/any_io_executor.hpp>
-#include <boost/asio/system_executor.hpp>
+#include <boost/asio/post.hpp>
 
 #include <exception>
 
@@ -12,18 +11,21 @@ namespace {
 
 /// Where a stream's handlers without an executor of their own run: the connection's delivery
 /// executor, as for the calls; Asio's system executor while there is no connection to be had.
-boost::asio::any_io_executor streamExecutor() {
+template <class T>
+typename AsyncStream<T>::Fallback streamExecutor() {
   std::exception_ptr failure;
-  if (ServiceConnection* connection = service::detail::sharedConnection(failure, false))
-    return connection->executor();
-  return boost::asio::system_executor();
+  ServiceConnection* connection = service::detail::sharedConnection(failure, false);
+  if (connection == nullptr) return {};
+  return [executor = connection->executor()](std::move_only_function<void()> run) {
+    boost::asio::post(executor, std::move(run));
+  };
 }
 
 }  // namespace
 
 AsyncStream<CatalogResult> catalogStream() {
-  auto [stream, continuation] =
-      AsyncStream<CatalogResult>::make(BufferingPolicy::bufferingNewest(1), streamExecutor());
+  auto [stream, continuation] = AsyncStream<CatalogResult>::make(
+      BufferingPolicy::bufferingNewest(1), streamExecutor<CatalogResult>());
   auto listener = std::make_shared<TetherClient::CatalogListener>(continuation);
   TetherClient::shared().addCatalogListener(listener);
   continuation.onTermination(
@@ -33,7 +35,7 @@ AsyncStream<CatalogResult> catalogStream() {
 
 AsyncStream<AppProgress> progressStream() {
   auto [stream, continuation] =
-      AsyncStream<AppProgress>::make(BufferingPolicy::unbounded(), streamExecutor());
+      AsyncStream<AppProgress>::make(BufferingPolicy::unbounded(), streamExecutor<AppProgress>());
   auto listener = std::make_shared<TetherClient::ProgressListener>(continuation);
   continuation.onTermination(
       [listener] { TetherClient::shared().removeProgressListener(listener); });
@@ -43,7 +45,7 @@ AsyncStream<AppProgress> progressStream() {
 
 AsyncStream<AppState> stateStream(const ManagedApp& app) {
   auto [stream, continuation] =
-      AsyncStream<AppState>::make(BufferingPolicy::unbounded(), streamExecutor());
+      AsyncStream<AppState>::make(BufferingPolicy::unbounded(), streamExecutor<AppState>());
   auto listener = std::make_shared<TetherClient::StateListener>(continuation);
   continuation.onTermination(
       [listener, app] { TetherClient::shared().removeStateListener(listener, app); });

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
@@ -125,12 +124,14 @@ class AsyncStream {
     friend bool operator==(const YieldResult&, const YieldResult&) = default;
   };
 
-  /// A new stream and its producing end. `executor` runs the handlers of `next` that have no
-  /// associated executor of their own (Asio's system executor, its thread pool, by default; the
+  /// Hands a completion to the executor that runs the handlers without one of their own.
+  using Fallback = std::function<void(std::move_only_function<void()>)>;
+
+  /// A new stream and its producing end. `fallback` runs the handlers of `next` that have no
+  /// associated executor of their own (empty: Asio's system executor, its thread pool; the
   /// library's own streams give the connection's delivery executor). Throws `std::bad_alloc` only.
-  [[nodiscard]] static Pair make(
-      BufferingPolicy policy = BufferingPolicy::unbounded(),
-      boost::asio::any_io_executor executor = boost::asio::system_executor());
+  [[nodiscard]] static Pair make(BufferingPolicy policy = BufferingPolicy::unbounded(),
+                                 Fallback fallback = {});
 
   /// Moves the consuming end. The source is left empty (its `next` completes at once with an empty
   /// optional, its `cancel` does nothing) and its iterators become invalid.
@@ -319,16 +320,14 @@ class AsyncStream<T>::Iterator {
 template <class T>
 class AsyncStream<T>::State {
  public:
-  State(BufferingPolicy policy, boost::asio::any_io_executor executor) noexcept
-      : policy_(policy), executor_(std::move(executor)) {}
+  State(BufferingPolicy policy, Fallback fallback) noexcept
+      : policy_(policy), fallback_(std::move(fallback)) {}
 
   /// Starts a `next` for `handler` on `state` (empty: a moved-from stream, which is ended).
   template <class Handler>
   static void start(const std::shared_ptr<State>& state, Handler handler) {
     auto pending = std::make_unique<PendingFor<Handler>>(
-        std::move(handler), state != nullptr
-                                ? state->executor_
-                                : boost::asio::any_io_executor(boost::asio::system_executor()));
+        std::move(handler), state != nullptr ? state->fallback_ : Fallback());
     std::list<T> taken;
     boost::system::error_code error;
     if (state != nullptr) {
@@ -449,13 +448,17 @@ class AsyncStream<T>::State {
     pending->complete(boost::asio::error::operation_aborted, std::nullopt);
   }
 
+  /// Stands for "no executor of its own" when asking for a handler's associated executor.
+  struct NoExecutor {};
+
   template <class Handler>
   class PendingFor final : public Pending {
+    static constexpr bool ownExecutor =
+        !std::is_same_v<boost::asio::associated_executor_t<Handler, NoExecutor>, NoExecutor>;
+
    public:
-    PendingFor(Handler handler, const boost::asio::any_io_executor& fallback)
-        : handler_(std::move(handler)),
-          work_(boost::asio::prefer(boost::asio::get_associated_executor(handler_, fallback),
-                                    boost::asio::execution::outstanding_work.tracked)) {}
+    PendingFor(Handler handler, Fallback fallback)
+        : handler_(std::move(handler)), work_(workFor(handler_)), fallback_(std::move(fallback)) {}
 
     /// Lets the handler's cancellation slot, if it has one, end wait number `wait`.
     void watchCancellation(const std::shared_ptr<State>& state, std::uint64_t wait) {
@@ -465,23 +468,41 @@ class AsyncStream<T>::State {
     }
 
     void complete(boost::system::error_code error, std::optional<T> value) override {
-      const auto executor = work_;
-      // The work stays counted until the handler has run.
-      boost::asio::post(executor, [handler = std::move(handler_), work = std::move(work_), error,
-                                   value = std::move(value)]() mutable {
-        auto slot = boost::asio::get_associated_cancellation_slot(handler);
-        if (slot.is_connected()) slot.clear();
-        std::move(handler)(error, std::move(value));
-      });
+      if constexpr (ownExecutor) {
+        const auto executor = work_;
+        boost::asio::post(executor, runner(error, std::move(value)));
+      } else if (fallback_) {
+        fallback_(runner(error, std::move(value)));
+      } else {
+        boost::asio::post(boost::asio::system_executor(), runner(error, std::move(value)));
+      }
     }
 
    private:
-    using Work = std::decay_t<decltype(boost::asio::prefer(
-        std::declval<boost::asio::associated_executor_t<Handler, boost::asio::any_io_executor>>(),
-        boost::asio::execution::outstanding_work.tracked))>;
+    // The handler's own executor, counting the wait as work on it; nothing without one.
+    static auto workFor(Handler& handler) {
+      if constexpr (ownExecutor) {
+        return boost::asio::prefer(boost::asio::get_associated_executor(handler),
+                                   boost::asio::execution::outstanding_work.tracked);
+      } else {
+        return NoExecutor{};
+      }
+    }
+    using Work = decltype(workFor(std::declval<Handler&>()));
+
+    // Runs the handler; the work stays counted until it has.
+    auto runner(boost::system::error_code error, std::optional<T> value) {
+      return [handler = std::move(handler_), work = std::move(work_), error,
+              value = std::move(value)]() mutable {
+        auto slot = boost::asio::get_associated_cancellation_slot(handler);
+        if (slot.is_connected()) slot.clear();
+        std::move(handler)(error, std::move(value));
+      };
+    }
 
     Handler handler_;
     Work work_;
+    Fallback fallback_;
   };
 
   /// What a pending wait leaves in its handler's cancellation slot: every kind of cancellation
@@ -542,7 +563,7 @@ class AsyncStream<T>::State {
   std::mutex mutex_;
   std::condition_variable handedOver_;
   const BufferingPolicy policy_;
-  const boost::asio::any_io_executor executor_;  // for handlers without an executor of their own
+  const Fallback fallback_;  // runs the handlers without an executor of their own
   std::list<T> buffer_;
   std::unique_ptr<Pending> pending_;
   std::uint64_t waits_ = 0;        // asynchronous waits started, to number them
@@ -553,8 +574,8 @@ class AsyncStream<T>::State {
 };
 
 template <class T>
-auto AsyncStream<T>::make(BufferingPolicy policy, boost::asio::any_io_executor executor) -> Pair {
-  auto state = std::make_shared<State>(policy, std::move(executor));
+auto AsyncStream<T>::make(BufferingPolicy policy, Fallback fallback) -> Pair {
+  auto state = std::make_shared<State>(policy, std::move(fallback));
   return Pair{AsyncStream(state), Continuation(std::move(state))};
 }
 
