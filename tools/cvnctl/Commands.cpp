@@ -128,6 +128,8 @@ ExitStatus vppInstall(const Options& options, Output& output) {
   const auto& vpp = options.vpp;
   auto identifier = vpp.itemID ? corvane::StoreAppIdentifier::itemID(*vpp.itemID)
                                : corvane::StoreAppIdentifier::bundleID(*vpp.bundleID);
+  // An unknown bundle is told apart before the request, as everywhere else.
+  if (vpp.bundleID) (void)currentState(*vpp.bundleID, options);
   const auto type = corvane::VPPInstallRequest::requestTypeFromRawValue(vpp.type);
   if (!type) throw UsageError("--type must be 1 (install), 2 (update) or 3 (uninstall)");
   const corvane::VPPInstallRequest request(identifier, *type, vpp.account, vpp.evid);
@@ -152,6 +154,7 @@ ExitStatus enterpriseInstall(const Options& options, Output& output) {
 }
 
 ExitStatus launch(const Options& options, Output& output) {
+  (void)currentState(options.bundleID, options);
   call([&](auto token) { corvane::AppLaunchRequest{options.bundleID}.perform(std::move(token)); },
        options);
   output.done(fmt::format("Asked corvaned to launch {}.", options.bundleID));

@@ -58,6 +58,31 @@ void prepare(EventLoop& loop, const Options& options, Output& output) {
 
 }  // namespace
 
+corvane::AppState currentState(const std::string& bundleID, const Options& options) {
+  // No stream is opened towards a daemon that is not there.
+  checkDaemon(options);
+  auto states = appWithBundleID(bundleID).stateUpdates();
+  // A daemon that knows the app answers the registration with its state before it answers a
+  // later call; one that does not sends nothing, so the call's answer settles it.
+  (void)awaitCall<std::vector<std::string>>(
+      [](auto token) { corvane::DDMDeclarationKeysRequest{}.perform(std::move(token)); }, options);
+  Options grace = options;
+  grace.deadline = std::chrono::steady_clock::now() + std::min(stateGrace, answerTime(options));
+  std::optional<corvane::AppState> state;
+  try {
+    state = awaitFirst<corvane::AppState>(states, grace, "no state");
+  } catch (const Problem& problem) {
+    if (problem.status() != ExitStatus::timedOut) throw;
+    throw notFound(
+        fmt::format("corvaned knows no app with the bundle identifier \"{}\"", bundleID));
+  }
+  if (!state) {
+    throw corvane::Error(corvane::CorvaneError::unrecoverableError,
+                         "the state stream ended before a state arrived");
+  }
+  return std::move(*state);
+}
+
 ExitStatus runCatalog(const Options& options, Output& output) {
   if (!options.watch) {
     output.catalog(currentCatalog(options));
@@ -91,28 +116,7 @@ ExitStatus runProgress(const Options& options, Output& output) {
 ExitStatus runState(const Options& options, Output& output) {
   const auto app = appWithBundleID(options.bundleID);
   if (!options.watch) {
-    checkDaemon(options);
-    auto states = app.stateUpdates();
-    // A daemon that knows the app answers the registration with its state before it answers a
-    // later call; one that does not sends nothing, so the call's answer settles it.
-    (void)awaitCall<std::vector<std::string>>(
-        [](auto token) { corvane::DDMDeclarationKeysRequest{}.perform(std::move(token)); },
-        options);
-    Options grace = options;
-    grace.deadline = std::chrono::steady_clock::now() + std::min(stateGrace, answerTime(options));
-    std::optional<corvane::AppState> state;
-    try {
-      state = awaitFirst<corvane::AppState>(states, grace, "no state");
-    } catch (const Problem& problem) {
-      if (problem.status() != ExitStatus::timedOut) throw;
-      throw notFound(
-          fmt::format("corvaned knows no app with the bundle identifier \"{}\"", options.bundleID));
-    }
-    if (!state) {
-      throw corvane::Error(corvane::CorvaneError::unrecoverableError,
-                           "the state stream ended before a state arrived");
-    }
-    output.state(options.bundleID, *state, false);
+    output.state(options.bundleID, currentState(options.bundleID, options), false);
     return ExitStatus::success;
   }
   EventLoop loop(true);
