@@ -76,6 +76,12 @@ ExitStatus status(const Options& options, Output& output) {
 
 ExitStatus add(const Options& options, Output& output) {
   const auto declaration = readDeclaration(options.file);
+  // The daemon would refuse them too, but only after a round trip and without naming the file.
+  const auto origin = options.file == "-" ? std::string("standard input") : options.file;
+  if (declaration.declarationIdentifier.empty())
+    throw UsageError(fmt::format("{}: declarationIdentifier must not be empty", origin));
+  if (declaration.declarationKey.empty())
+    throw UsageError(fmt::format("{}: declarationKey must not be empty", origin));
   const corvane::DDMAppOrUpdateManagedAppRequest request(declaration);
   const auto summary = fmt::format("Declared {} (key {}).", declaration.declarationIdentifier,
                                    declaration.declarationKey);

@@ -197,6 +197,39 @@ TEST_F(CvnctlTest, ASignalEndsAWaitWithItsStatusAndLeavesTheInstallGoing) {
   }
 }
 
+TEST_F(CvnctlTest, ASignalEndsAPendingAnswerWithItsStatus) {
+  // Answers that take far longer than the test: cvnctl is still waiting when the signal comes.
+  startDaemon({"--delay-ms", "60000", "--verbose"});
+  const std::vector<std::vector<std::string>> commands = {
+      {"keys"}, {"--sync", "keys"}, {"--json", "remove", "D1"}};
+  std::size_t clients = 0;
+  for (const auto& arguments : commands) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+      SCOPED_TRACE(fmt::format("{} / signal {}", fmt::join(arguments, " "), signal));
+      auto waiting = start(arguments);
+      // Connected: its call is on its way or there.
+      ++clients;
+      ASSERT_TRUE(daemon().process().waitFor([&](const std::string&, const std::string& err) {
+        std::size_t n = 0;
+        for (auto at = err.find(" connected (pid"); at != std::string::npos;
+             at = err.find(" connected (pid", at + 1))
+          ++n;
+        return n >= clients;
+      })) << daemon().process().err();
+      const auto sent = Clock::now();
+      waiting->signal(signal);
+      const auto status = waiting->wait(bound);
+      EXPECT_EQ(status, signal == SIGINT ? 130 : 143) << waiting->err();
+      EXPECT_LT(Clock::now() - sent, std::chrono::seconds(3));
+      if (arguments[0] == "--json") {
+        expectOneJsonError({status.value_or(-1), waiting->out(), waiting->err()}, "interrupted");
+      } else {
+        EXPECT_TRUE(waiting->err().contains("interrupted by SIG")) << waiting->err();
+      }
+    }
+  }
+}
+
 TEST_F(CvnctlTest, AnotherClientEndsAWaitItCannotWinWithStatusSix) {
   struct Row {
     std::vector<std::string> other;  // what another client runs during the wait

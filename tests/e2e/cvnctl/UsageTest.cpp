@@ -13,6 +13,10 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
       "bad-timing.json", declarationJson("D1", 1, "immediately")
                              .replace(declarationJson("D1", 1).find("immediately"), 11, "later"));
   const auto missingKey = writeFile("missing-key.json", R"({"declarationIdentifier": "D1"})");
+  const auto unnamed = writeFile("unnamed.json", declarationJson("", notesItem));
+  std::string keyless = declarationJson("D-keyless", notesItem);
+  keyless.replace(keyless.find("key-D-keyless"), std::string_view("key-D-keyless").size(), "");
+  const auto keylessFile = writeFile("keyless.json", keyless);
   // Spaces are valid JSON, so only the size can refuse it.
   const auto tooLarge = writeFile("large.json", std::string(1024 * 1024 + 1, ' '));
   struct Row {
@@ -42,6 +46,8 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
       {{"status", ""}, "DECLARATION_KEY must not be empty"},
       {{"add", "/dev/zero"}, "cannot read /dev/zero: it is not a regular file"},
       {{"add", tooLarge}, "is larger than 1024 KiB"},
+      {{"add", unnamed}, "unnamed.json: declarationIdentifier must not be empty"},
+      {{"add", keylessFile}, "keyless.json: declarationKey must not be empty"},
       {{"add", "/nonexistent/declaration.json"}, "cannot read /nonexistent/declaration.json"},
       {{"add", "/"}, "cannot read /: it is a directory"},
       {{"add", notJson}, "is not a JSON document"},
