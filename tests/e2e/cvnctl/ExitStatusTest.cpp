@@ -148,12 +148,11 @@ TEST_F(CvnctlTest, ASignalEndsAWaitWithItsStatusAndLeavesTheInstallGoing) {
     int signal;
     int status;
     bool terminal;  // drawn on a pseudo-terminal, else written to pipes
+    bool json = false;
   };
   const std::vector<Row> rows = {
-      {SIGINT, 130, true},
-      {SIGTERM, 143, true},
-      {SIGINT, 130, false},
-      {SIGTERM, 143, false},
+      {SIGINT, 130, true},   {SIGTERM, 143, true},       {SIGINT, 130, false},
+      {SIGTERM, 143, false}, {SIGINT, 130, false, true},
   };
   // Slow steps: the install is still under way when the signal comes.
   startDaemon({"--tick-ms", "400"});
@@ -162,7 +161,8 @@ TEST_F(CvnctlTest, ASignalEndsAWaitWithItsStatusAndLeavesTheInstallGoing) {
     SCOPED_TRACE(fmt::format("signal {} on a {}", row.signal, row.terminal ? "terminal" : "pipe"));
     const auto identifier = fmt::format("D-{}", n++);
     declare(identifier, notesItem, "onDemand");
-    const std::vector<std::string> arguments{"install", identifier, "--wait"};
+    std::vector<std::string> arguments{"install", identifier, "--wait"};
+    if (row.json) arguments.insert(arguments.begin(), "--json");
     std::optional<int> status;
     std::string err;
     if (row.terminal) {
@@ -175,10 +175,14 @@ TEST_F(CvnctlTest, ASignalEndsAWaitWithItsStatusAndLeavesTheInstallGoing) {
       err = waiting.screen();
     } else {
       auto waiting = start(arguments);
-      ASSERT_TRUE(waiting->waitForOutput("Waiting")) << waiting->out() << waiting->err();
+      ASSERT_TRUE(waiting->waitForOutput(row.json ? "waiting" : "Waiting"))
+          << waiting->out() << waiting->err();
       waiting->signal(row.signal);
       status = waiting->wait(bound);
       err = waiting->err();
+      if (row.json) {
+        expectOneJsonError({status.value_or(-1), waiting->out(), err}, "interrupted");
+      }
     }
     EXPECT_EQ(status, row.status) << err;
     EXPECT_TRUE(err.contains("corvaned goes on with the install")) << err;

@@ -66,6 +66,12 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
   }
 }
 
+TEST_F(CvnctlTest, StandardInputIsReadOnlyUpToTheLimit) {
+  const auto result = run({"add", "-"}, std::string(1024 * 1024 + 1, ' '));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_TRUE(result.err.contains("standard input is larger than 1024 KiB")) << result.err;
+}
+
 TEST_F(CvnctlTest, UsageErrorsInJsonNameTheCodingPath) {
   const auto badTiming = writeFile("bad.json", R"({"declarationKey": "K",
       "declarationIdentifier": "I", "managementScope": {"user": {}},
