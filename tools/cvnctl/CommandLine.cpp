@@ -101,10 +101,12 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
                      "Where the daemon's socket lives (default: $CORVANE_RUNTIME_DIR or "
                      "/run/corvane)");
   std::string timeoutText;
-  auto* timeoutOption = app.add_option(
-      "--timeout", timeoutText,
-      "Seconds the whole command may take, a --wait included (default: 15 for each answer, and "
-      "a --wait without end); for a watch, the bound on its first answer");
+  auto* timeoutOption =
+      app.add_option("--timeout", timeoutText,
+                     "Seconds the whole command may take, a --wait included (default: 15 for each "
+                     "answer, and "
+                     "a --wait without end); for a watch, the bound on its first answer")
+          ->type_name("SECONDS");
 
   auto add = [&](const char* name, Command command, const char* description) {
     auto* sub = app.add_subcommand(name, description);
@@ -144,12 +146,17 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
   std::string type;
   std::string account;
   std::string evid;
-  auto* itemOption = vpp->add_option("--item", item, "The app's store item number");
-  auto* bundleOption = vpp->add_option("--bundle", bundle, "The app's bundle identifier");
+  auto* itemOption = vpp->add_option("--item", item, "The app's store item number")->type_name("N");
+  auto* bundleOption =
+      vpp->add_option("--bundle", bundle, "The app's bundle identifier")->type_name("ID");
   itemOption->excludes(bundleOption);
-  vpp->add_option("--type", type, "1 install, 2 update, 3 uninstall")->required();
-  auto* accountOption = vpp->add_option("--account", account, "The account identifier");
-  auto* evidOption = vpp->add_option("--evid", evid, "The external version to install");
+  vpp->add_option("--type", type, "1 install, 2 update, 3 uninstall")
+      ->type_name("1|2|3")
+      ->required();
+  auto* accountOption =
+      vpp->add_option("--account", account, "The account identifier")->type_name("N");
+  auto* evidOption =
+      vpp->add_option("--evid", evid, "The external version to install")->type_name("N");
 
   add("enterprise-install", Command::enterpriseInstall,
       "Install an enterprise app from its manifest")
