@@ -1,12 +1,11 @@
 #include "Catalog.hpp"
 
 #include "DaemonCalls.hpp"
-#include "UsageError.hpp"
+#include "Problems.hpp"
 
 #include <corvane/push/ListenerStreams.hpp>
 #include <corvane/service/ManagedAppLibrary.hpp>
 
-#include <boost/asio/use_future.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -14,17 +13,10 @@
 
 namespace cvnctl {
 
-std::vector<corvane::ManagedApp> currentCatalog(std::chrono::milliseconds timeout) {
-  checkDaemon(timeout);
+std::vector<corvane::ManagedApp> currentCatalog(const Options& options) {
+  checkDaemon(options);
   auto apps = corvane::ManagedAppLibrary::shared().managedApps();
-  auto first = apps.next(boost::asio::use_future);
-  if (first.wait_for(timeout) != std::future_status::ready) {
-    apps.cancel();
-    throw corvane::Error(
-        corvane::CorvaneError::unrecoverableError,
-        fmt::format("corvaned sent no catalogue within {}", describeDuration(timeout)));
-  }
-  auto result = first.get();
+  auto result = awaitFirst<corvane::CatalogResult>(apps, options, "no catalogue");
   if (!result) {
     throw corvane::Error(corvane::CorvaneError::unrecoverableError,
                          "the catalogue stream ended before a catalogue arrived");
@@ -34,14 +26,13 @@ std::vector<corvane::ManagedApp> currentCatalog(std::chrono::milliseconds timeou
   return std::get<std::vector<corvane::ManagedApp>>(std::move(*result));
 }
 
-corvane::ManagedApp catalogApp(const std::string& declarationIdentifier,
-                               std::chrono::milliseconds timeout) {
-  auto apps = currentCatalog(timeout);
+corvane::ManagedApp catalogApp(const std::string& declarationIdentifier, const Options& options) {
+  auto apps = currentCatalog(options);
   const auto found = std::find_if(apps.begin(), apps.end(), [&](const corvane::ManagedApp& app) {
     return app.declarationIdentifier() == declarationIdentifier;
   });
   if (found == apps.end()) {
-    throw UsageError(
+    throw notFound(
         fmt::format("no catalogue app has the declaration identifier \"{}\" (see cvnctl catalog)",
                     declarationIdentifier));
   }

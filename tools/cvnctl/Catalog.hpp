@@ -1,8 +1,9 @@
 #pragma once
 
+#include "Options.hpp"
+
 #include <corvane/model/ManagedApp.hpp>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -10,12 +11,12 @@ namespace cvnctl {
 
 /// The catalogue as the daemon pushes it now: the first value of
 /// `ManagedAppLibrary::shared().managedApps()`. Throws `corvane::Error` for a catalogue the
-/// daemon could not make, or when none arrives within `timeout`.
-[[nodiscard]] std::vector<corvane::ManagedApp> currentCatalog(std::chrono::milliseconds timeout);
+/// daemon could not make, a timeout `Problem` when none arrives in time.
+[[nodiscard]] std::vector<corvane::ManagedApp> currentCatalog(const Options& options);
 
-/// The entry of the current catalogue that carries `declarationIdentifier`. Throws `UsageError`
-/// when there is none.
+/// The entry of the current catalogue that carries `declarationIdentifier`. Throws a not-found
+/// `Problem` when there is none.
 [[nodiscard]] corvane::ManagedApp catalogApp(const std::string& declarationIdentifier,
-                                             std::chrono::milliseconds timeout);
+                                             const Options& options);
 
 }  // namespace cvnctl

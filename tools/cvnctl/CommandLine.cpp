@@ -3,26 +3,66 @@
 #include "UsageError.hpp"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
+#include <charconv>
 #include <cmath>
 #include <string_view>
 
 namespace cvnctl {
 namespace {
 
-constexpr const char* exitStatusText = R"(Exit status:
-  0  success (a watch ended with Ctrl-C included)
-  1  the library or the daemon reported an error (its case name, description and cause are
-     printed on standard error), the daemon went away during a watch, or an app waited for
-     with --wait ended in the failed state
-  2  usage error: a bad command line, option value, number or declaration file
+constexpr const char* exitStatusText = R"(Exit status (the same for every command):
+  0    success; also a watch (catalog --watch, progress, state --watch) ended with Ctrl-C,
+       which is how a watch ends
+  1    corvaned reported an error (printed with its reason), or an app waited for with --wait
+       ended in the failed state
+  2    usage error: a bad command line, option value or declaration file
+  3    not found: no such declaration, declaration key or bundle identifier
+  4    corvaned is not running, cannot be reached, or went away
+  5    timed out: --timeout (or the 15 s bound on an answer) passed first
+  6    an app waited for with --wait was cancelled, removed or set back to optional by someone
+       else before it was installed
+  130  interrupted by SIGINT (Ctrl-C) while waiting for an answer or a --wait
+  143  ended by SIGTERM while waiting or watching
 
 Environment:
   CORVANE_RUNTIME_DIR  where the daemon's socket lives (default /run/corvane)
   CORVANE_LOG_LEVEL    the library's log level (cvnctl shows only faults unless --verbose)
 
 With --json, standard output carries only JSON: one document per result (one per line for
-watches), and an error is written to standard error as {"error", "description", "cause"}.)";
+watches). Every non-zero exit writes one JSON object to standard error:
+{"error": kind, "description": ..., "reason": ..., "exit": status}.)";
+
+/// A whole number given to `option`; negative ones only where `negativeAllowed`.
+std::int64_t parseWhole(const std::string& text, std::string_view option, bool negativeAllowed) {
+  std::int64_t value = 0;
+  const auto* end = text.data() + text.size();
+  const auto [at, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || at != end || text.empty() || (!negativeAllowed && value < 0)) {
+    throw UsageError(fmt::format("{} must be a {}whole number, not \"{}\"", option,
+                                 negativeAllowed ? "" : "non-negative ", text));
+  }
+  return value;
+}
+
+/// "0.5" seconds and the like, as milliseconds; refuses what is not a positive number.
+std::chrono::milliseconds parseTimeout(const std::string& text) {
+  constexpr auto wrong = "--timeout must be a positive number of seconds (such as 30 or 0.5), not";
+  double seconds = 0;
+  std::size_t used = 0;
+  try {
+    seconds = std::stod(text, &used);
+  } catch (const std::exception&) {
+    throw UsageError(fmt::format("{} \"{}\"", wrong, text));
+  }
+  // A week at most: anything longer is a mistake, and it keeps the deadline representable.
+  if (used != text.size() || !std::isfinite(seconds) || seconds <= 0 || seconds > 604800)
+    throw UsageError(fmt::format("{} \"{}\"", wrong, text));
+  const auto milliseconds = std::llround(seconds * 1000.0);
+  if (milliseconds < 1) throw UsageError("--timeout must be at least 0.001 seconds");
+  return std::chrono::milliseconds(milliseconds);
+}
 
 /// A positional or option whose presence is read after parsing.
 template <class T>
@@ -60,10 +100,13 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
       app.add_option("--runtime-dir", runtimeDirectory,
                      "Where the daemon's socket lives (default: $CORVANE_RUNTIME_DIR or "
                      "/run/corvane)");
-  double timeoutSeconds = 15;
-  app.add_option("--timeout", timeoutSeconds,
-                 "Seconds to wait for an answer or for the first pushed value (default 15)")
-      ->check(CLI::PositiveNumber);
+  std::string timeoutText;
+  auto* timeoutOption =
+      app.add_option("--timeout", timeoutText,
+                     "Seconds the whole command may take, a --wait included (default: 15 for each "
+                     "answer, and "
+                     "a --wait without end); for a watch, the bound on its first answer")
+          ->type_name("SECONDS");
 
   auto add = [&](const char* name, Command command, const char* description) {
     auto* sub = app.add_subcommand(name, description);
@@ -97,19 +140,23 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
 
   auto* vpp =
       add("vpp-install", Command::vppInstall, "Send a volume-purchase request for a store app");
-  std::int64_t item = 0;
+  // Numbers are read as text and checked after parsing, so that a mistake is told in words.
+  std::string item;
   std::string bundle;
-  std::uint64_t account = 0;
-  std::int64_t evid = 0;
-  auto* itemOption = vpp->add_option("--item", item, "The app's store item number");
-  auto* bundleOption = vpp->add_option("--bundle", bundle, "The app's bundle identifier");
+  std::string type;
+  std::string account;
+  std::string evid;
+  auto* itemOption = vpp->add_option("--item", item, "The app's store item number")->type_name("N");
+  auto* bundleOption =
+      vpp->add_option("--bundle", bundle, "The app's bundle identifier")->type_name("ID");
   itemOption->excludes(bundleOption);
-  vpp->add_option("--type", options.vpp.type, "1 install, 2 update, 3 uninstall")
-      ->required()
-      ->check(CLI::Range(1, 3));
-  auto* accountOption = vpp->add_option("--account", account, "The account identifier")
-                            ->check(CLI::NonNegativeNumber);
-  auto* evidOption = vpp->add_option("--evid", evid, "The external version to install");
+  vpp->add_option("--type", type, "1 install, 2 update, 3 uninstall")
+      ->type_name("1|2|3")
+      ->required();
+  auto* accountOption =
+      vpp->add_option("--account", account, "The account identifier")->type_name("N");
+  auto* evidOption =
+      vpp->add_option("--evid", evid, "The external version to install")->type_name("N");
 
   add("enterprise-install", Command::enterpriseInstall,
       "Install an enterprise app from its manifest")
@@ -148,7 +195,11 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
     app.exit(e);
     return std::nullopt;
   } catch (const CLI::CallForVersion& e) {
-    app.exit(e);
+    if (asksForJson(argc, argv)) {
+      fmt::print("{{\"version\":\"{}\"}}\n", CVNCTL_VERSION);
+    } else {
+      app.exit(e);
+    }
     return std::nullopt;
   } catch (const CLI::ParseError& e) {
     // A misspelt command leaves CLI11 saying only that one is required.
@@ -162,9 +213,14 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
     if (runtimeDirectory.empty()) throw UsageError("--runtime-dir needs a directory");
     options.runtimeDirectory = runtimeDirectory;
   }
-  options.timeout = std::chrono::milliseconds(std::llround(timeoutSeconds * 1000.0));
-  if (options.timeout.count() < 1) throw UsageError("--timeout must be at least 0.001 seconds");
-  if (keyOption->count() > 0) options.declarationKey = declarationKey;
+  if (timeoutOption->count() > 0) {
+    options.timeout = parseTimeout(timeoutText);
+    options.deadline = std::chrono::steady_clock::now() + *options.timeout;
+  }
+  if (keyOption->count() > 0) {
+    if (declarationKey.empty()) throw UsageError("DECLARATION_KEY must not be empty");
+    options.declarationKey = declarationKey;
+  }
   if (!identifier.empty()) options.declarationIdentifier = identifier;
   if (options.command == Command::install && installIdentifier->count() > 0 && identifier.empty())
     throw UsageError("install: DECLARATION_ID must not be empty");
@@ -172,10 +228,14 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
     if (identifier.empty()) throw UsageError("DECLARATION_ID must not be empty");
   }
   if (options.command == Command::vppInstall) {
-    assignIfGiven(itemOption, item, options.vpp.itemID);
+    if (itemOption->count() > 0) options.vpp.itemID = parseWhole(item, "--item", false);
     assignIfGiven(bundleOption, bundle, options.vpp.bundleID);
-    assignIfGiven(accountOption, account, options.vpp.account);
-    assignIfGiven(evidOption, evid, options.vpp.evid);
+    options.vpp.type = parseWhole(type, "--type", false);
+    if (options.vpp.type < 1 || options.vpp.type > 3)
+      throw UsageError("--type must be 1 (install), 2 (update) or 3 (uninstall), not " + type);
+    if (accountOption->count() > 0)
+      options.vpp.account = static_cast<std::uint64_t>(parseWhole(account, "--account", false));
+    if (evidOption->count() > 0) options.vpp.evid = parseWhole(evid, "--evid", true);
     if (!options.vpp.itemID && !options.vpp.bundleID)
       throw UsageError("vpp-install needs --item N or --bundle ID");
     if (options.vpp.bundleID && options.vpp.bundleID->empty())

@@ -4,30 +4,59 @@
 #include "DaemonCalls.hpp"
 #include "DeclarationFile.hpp"
 #include "InstallWaiter.hpp"
+#include "Problems.hpp"
 #include "UsageError.hpp"
 
 #include <corvane/service/ManagedAppLibrary.hpp>
 #include <corvane/service/RequestOperations.hpp>
 
-#include <boost/asio/use_future.hpp>
 #include <boost/url/parse.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <optional>
 #include <set>
+#include <type_traits>
 
 namespace cvnctl {
 namespace {
 
-using boost::asio::use_future;
 using corvane::ManagedAppLibrary;
 
-/// A request the library offers in both forms: blocking with --sync, else asynchronous and
-/// waited for with the timeout.
+/// A request the library offers in both forms: blocking with --sync (bounded by the library),
+/// else asynchronous, cancelled when it takes too long or a signal arrives.
 template <class Request>
 auto perform(const Request& request, const Options& options) {
-  if (options.sync) return request.performSynchronously();
-  return awaitAnswer(request.perform(use_future), options.timeout);
+  using Result = decltype(request.performSynchronously());
+  if (options.sync) {
+    const auto bound = answerTime(options);
+    try {
+      return request.performSynchronously(bound);
+    } catch (const corvane::Error& error) {
+      // The library's timeout names no duration; say which one passed.
+      if (error.origin() == corvane::ipc::ConnectionError::timedOut) throw noAnswer(options);
+      throw;
+    }
+  }
+  if constexpr (std::is_void_v<Result>) {
+    awaitCall<void>([&](auto token) { request.perform(std::move(token)); }, options);
+  } else {
+    return awaitCall<Result>([&](auto token) { request.perform(std::move(token)); }, options);
+  }
+}
+
+/// A call without a synchronous form.
+template <class Start>
+void call(Start&& start, const Options& options) {
+  awaitCall<void>(std::forward<Start>(start), options);
+}
+
+/// Whether `identifier` is declared now; what `remove` checks before it sends.
+bool isDeclared(const std::string& identifier, const Options& options) {
+  const auto statuses = perform(corvane::DDMDeclarationStatusRequest{}, options);
+  return std::any_of(statuses.begin(), statuses.end(), [&](const auto& status) {
+    return status.declarationIdentifier == identifier;
+  });
 }
 
 ExitStatus keys(const Options& options, Output& output) {
@@ -36,12 +65,23 @@ ExitStatus keys(const Options& options, Output& output) {
 }
 
 ExitStatus status(const Options& options, Output& output) {
-  output.statuses(perform(corvane::DDMDeclarationStatusRequest{options.declarationKey}, options));
+  auto statuses = perform(corvane::DDMDeclarationStatusRequest{options.declarationKey}, options);
+  if (options.declarationKey && statuses.empty()) {
+    throw notFound(fmt::format("no declaration has the key \"{}\" (see cvnctl keys)",
+                               *options.declarationKey));
+  }
+  output.statuses(statuses);
   return ExitStatus::success;
 }
 
 ExitStatus add(const Options& options, Output& output) {
   const auto declaration = readDeclaration(options.file);
+  // The daemon would refuse them too, but only after a round trip and without naming the file.
+  const auto origin = options.file == "-" ? std::string("standard input") : options.file;
+  if (declaration.declarationIdentifier.empty())
+    throw UsageError(fmt::format("{}: declarationIdentifier must not be empty", origin));
+  if (declaration.declarationKey.empty())
+    throw UsageError(fmt::format("{}: declarationKey must not be empty", origin));
   const corvane::DDMAppOrUpdateManagedAppRequest request(declaration);
   const auto summary = fmt::format("Declared {} (key {}).", declaration.declarationIdentifier,
                                    declaration.declarationKey);
@@ -50,9 +90,9 @@ ExitStatus add(const Options& options, Output& output) {
     output.done(summary);
     return ExitStatus::success;
   }
-  InstallWaiter waiter(output, daemonSocketPath());
+  InstallWaiter waiter(output, options, daemonSocketPath());
   perform(request, options);
-  output.note(summary);
+  output.announce(summary);
   if (declaration.installBehavior.installTiming == corvane::InstallTimingEnum::onDemand) {
     output.note(
         fmt::format("{} installs on demand: not waiting (cvnctl install {} --wait "
@@ -61,24 +101,31 @@ ExitStatus add(const Options& options, Output& output) {
     output.settled({});
     return ExitStatus::success;
   }
-  return waiter.wait({declaration.declarationIdentifier});
+  return waiter.wait({declaration.declarationIdentifier}, "the declaration was stored");
 }
 
 ExitStatus remove(const Options& options, Output& output) {
+  if (!isDeclared(*options.declarationIdentifier, options)) {
+    throw notFound(fmt::format("no declaration has the identifier \"{}\" (see cvnctl status)",
+                               *options.declarationIdentifier));
+  }
   perform(corvane::DDMRemoveManagedAppRequest{*options.declarationIdentifier}, options);
   output.done(fmt::format("Removed declaration {}.", *options.declarationIdentifier));
   return ExitStatus::success;
 }
 
 ExitStatus resetHistory(const Options& options, Output& output) {
-  awaitAnswer(corvane::DDMResetManagedAppInstallHistoryRequest{}.perform(use_future),
-              options.timeout);
+  call(
+      [](auto token) {
+        corvane::DDMResetManagedAppInstallHistoryRequest{}.perform(std::move(token));
+      },
+      options);
   output.done("The install history was reset.");
   return ExitStatus::success;
 }
 
 ExitStatus poll(const Options& options, Output& output) {
-  awaitAnswer(corvane::DDMPollForUpdatesRequest{}.perform(use_future), options.timeout);
+  call([](auto token) { corvane::DDMPollForUpdatesRequest{}.perform(std::move(token)); }, options);
   output.done("corvaned polls the store for catalogue updates.");
   return ExitStatus::success;
 }
@@ -87,10 +134,12 @@ ExitStatus vppInstall(const Options& options, Output& output) {
   const auto& vpp = options.vpp;
   auto identifier = vpp.itemID ? corvane::StoreAppIdentifier::itemID(*vpp.itemID)
                                : corvane::StoreAppIdentifier::bundleID(*vpp.bundleID);
+  // An unknown bundle is told apart before the request, as everywhere else.
+  if (vpp.bundleID) (void)currentState(*vpp.bundleID, options);
   const auto type = corvane::VPPInstallRequest::requestTypeFromRawValue(vpp.type);
   if (!type) throw UsageError("--type must be 1 (install), 2 (update) or 3 (uninstall)");
   const corvane::VPPInstallRequest request(identifier, *type, vpp.account, vpp.evid);
-  awaitAnswer(request.perform(use_future), options.timeout);
+  call([&](auto token) { request.perform(std::move(token)); }, options);
   static constexpr std::string_view verbs[] = {"install", "update", "uninstall"};
   output.done(fmt::format("Sent the {} request for {}.", verbs[vpp.type - 1], identifier));
   return ExitStatus::success;
@@ -104,14 +153,16 @@ ExitStatus enterpriseInstall(const Options& options, Output& output) {
   }
   const corvane::InstallEnterpriseManifestRequest request{
       corvane::EnterpriseApp(boost::urls::url(*url))};
-  awaitAnswer(request.perform(use_future), options.timeout);
+  call([&](auto token) { request.perform(std::move(token)); }, options);
   output.done(
       fmt::format("Asked corvaned to install the enterprise app at {}.", options.manifestURL));
   return ExitStatus::success;
 }
 
 ExitStatus launch(const Options& options, Output& output) {
-  awaitAnswer(corvane::AppLaunchRequest{options.bundleID}.perform(use_future), options.timeout);
+  (void)currentState(options.bundleID, options);
+  call([&](auto token) { corvane::AppLaunchRequest{options.bundleID}.perform(std::move(token)); },
+       options);
   output.done(fmt::format("Asked corvaned to launch {}.", options.bundleID));
   return ExitStatus::success;
 }
@@ -131,36 +182,36 @@ ExitStatus install(const Options& options, Output& output) {
     std::optional<InstallWaiter> waiter;
     std::set<std::string> targets;
     if (options.wait) {
-      waiter.emplace(output, daemonSocketPath());
+      waiter.emplace(output, options, daemonSocketPath());
       targets = unsettledDeclarations(options);
     }
-    awaitAnswer(library.install(use_future), options.timeout);
+    call([&](auto token) { library.install(std::move(token)); }, options);
     if (!waiter) {
       output.done("Asked corvaned to install the declared apps.");
       return ExitStatus::success;
     }
-    output.note(targets.empty() ? "Every declared app has settled already."
-                                : "Asked corvaned to install the declared apps.");
+    output.announce(targets.empty() ? "Every declared app has settled already."
+                                    : "Asked corvaned to install the declared apps.");
     if (targets.empty()) output.settled({});
-    return waiter->wait(std::move(targets));
+    return waiter->wait(std::move(targets), "corvaned accepted the install request");
   }
-  const auto app = catalogApp(*options.declarationIdentifier, options.timeout);
+  const auto app = catalogApp(*options.declarationIdentifier, options);
   const auto summary =
       fmt::format("Asked corvaned to install {} ({}).", app.name(), app.bundleID());
   if (!options.wait) {
-    awaitAnswer(library.install(app, use_future), options.timeout);
+    call([&](auto token) { library.install(app, std::move(token)); }, options);
     output.done(summary);
     return ExitStatus::success;
   }
-  InstallWaiter waiter(output, daemonSocketPath());
-  awaitAnswer(library.install(app, use_future), options.timeout);
-  output.note(summary);
-  return waiter.wait({app.declarationIdentifier()});
+  InstallWaiter waiter(output, options, daemonSocketPath());
+  call([&](auto token) { library.install(app, std::move(token)); }, options);
+  output.announce(summary);
+  return waiter.wait({app.declarationIdentifier()}, "corvaned accepted the install request");
 }
 
 ExitStatus cancel(const Options& options, Output& output) {
-  const auto app = catalogApp(*options.declarationIdentifier, options.timeout);
-  awaitAnswer(ManagedAppLibrary::shared().cancel(app, use_future), options.timeout);
+  const auto app = catalogApp(*options.declarationIdentifier, options);
+  call([&](auto token) { ManagedAppLibrary::shared().cancel(app, std::move(token)); }, options);
   output.done(fmt::format("Asked corvaned to cancel the installation of {} ({}).", app.name(),
                           app.bundleID()));
   return ExitStatus::success;

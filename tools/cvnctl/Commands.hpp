@@ -4,6 +4,10 @@
 #include "Options.hpp"
 #include "Output.hpp"
 
+#include <corvane/model/AppState.hpp>
+
+#include <string>
+
 namespace cvnctl {
 
 /// Runs the subcommand of `options`, writing its results to `output`. Returns the exit status of
@@ -15,5 +19,9 @@ namespace cvnctl {
 [[nodiscard]] ExitStatus runCatalog(const Options& options, Output& output);
 [[nodiscard]] ExitStatus runProgress(const Options& options, Output& output);
 [[nodiscard]] ExitStatus runState(const Options& options, Output& output);
+
+/// The state corvaned reports for `bundleID` now. Throws a not-found `Problem` at once when the
+/// daemon knows no such app (it then sends no state at all).
+[[nodiscard]] corvane::AppState currentState(const std::string& bundleID, const Options& options);
 
 }  // namespace cvnctl

@@ -35,24 +35,46 @@ corvane::ManagedAppDeclaration decodeDeclaration(const std::string& text,
   }
 }
 
-corvane::ManagedAppDeclaration readDeclaration(const std::string& path) {
-  if (path == "-") {
-    std::ostringstream text;
-    text << std::cin.rdbuf();
-    return decodeDeclaration(text.str(), "standard input");
+namespace {
+
+/// Reads `in` up to one byte past the limit, so that a larger document is refused without
+/// reading it all (standard input may have no end).
+std::string readLimited(std::istream& in, const std::string& origin) {
+  std::string text(maxDeclarationSize + 1, '\0');
+  in.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(in.gcount()));
+  if (in.bad()) throw UsageError(fmt::format("cannot read {}", origin));
+  if (text.size() > maxDeclarationSize) {
+    throw UsageError(fmt::format("{} is larger than {} KiB, more than a declaration can be", origin,
+                                 maxDeclarationSize / 1024));
   }
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored))
+  return text;
+}
+
+}  // namespace
+
+corvane::ManagedAppDeclaration readDeclaration(const std::string& path) {
+  if (path == "-")
+    return decodeDeclaration(readLimited(std::cin, "standard input"), "standard input");
+  std::error_code error;
+  const auto status = std::filesystem::status(path, error);
+  if (status.type() == std::filesystem::file_type::not_found) {
+    throw UsageError(fmt::format("cannot read {}: {}", path,
+                                 std::error_code(ENOENT, std::system_category()).message()));
+  }
+  if (error) throw UsageError(fmt::format("cannot read {}: {}", path, error.message()));
+  if (std::filesystem::is_directory(status))
     throw UsageError(fmt::format("cannot read {}: it is a directory", path));
+  // A device or a pipe may never end: only a regular file is read.
+  if (!std::filesystem::is_regular_file(status))
+    throw UsageError(fmt::format("cannot read {}: it is not a regular file", path));
   std::ifstream file(path, std::ios::binary);
   if (!file) {
-    const int error = errno;
+    const int failure = errno;
     throw UsageError(fmt::format("cannot read {}: {}", path,
-                                 std::error_code(error, std::system_category()).message()));
+                                 std::error_code(failure, std::system_category()).message()));
   }
-  std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  if (file.bad()) throw UsageError(fmt::format("cannot read {}", path));
-  return decodeDeclaration(text, path);
+  return decodeDeclaration(readLimited(file, path), path);
 }
 
 }  // namespace cvnctl

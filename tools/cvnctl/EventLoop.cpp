@@ -4,14 +4,26 @@
 
 namespace cvnctl {
 
-EventLoop::EventLoop()
+EventLoop::EventLoop(bool ctrlCEnds)
     : work_(boost::asio::make_work_guard(context_)),
-      signals_(context_, SIGINT, SIGTERM),
-      inbox_(context_.get_executor()) {}
+      inbox_(context_.get_executor()),
+      ctrlCEnds_(ctrlCEnds),
+      diversion_([inbox = inbox_, this](int signal) {
+        inbox.post([this, signal] { onSignal(signal); });
+      }) {}
 
 EventLoop::~EventLoop() {
   inbox_.close();
   monitor_.reset();
+}
+
+void EventLoop::onSignal(int signal) {
+  if (signal == SIGINT && ctrlCEnds_) {
+    finish(ExitStatus::success);
+    return;
+  }
+  if (!status_) signal_ = signal;
+  finish(signalStatus(signal));
 }
 
 void EventLoop::onFinish(std::function<void()> cleanup) {
@@ -22,8 +34,6 @@ void EventLoop::finish(ExitStatus status) {
   if (status_) return;
   status_ = status;
   inbox_.close();
-  boost::system::error_code ignored;
-  signals_.cancel(ignored);
   // A cleanup may add another one; run them by index.
   for (std::size_t i = 0; i < cleanups_.size(); ++i) {
     auto cleanup = std::move(cleanups_[i]);
@@ -39,11 +49,6 @@ void EventLoop::watchDaemon(std::function<void()> onLost) {
 }
 
 ExitStatus EventLoop::run() {
-  if (!status_) {
-    signals_.async_wait([this](const boost::system::error_code& error, int /*signal*/) {
-      if (!error) finish(ExitStatus::success);
-    });
-  }
   context_.run();
   return status_.value_or(ExitStatus::success);
 }

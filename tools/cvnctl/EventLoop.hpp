@@ -3,10 +3,10 @@
 #include "DaemonMonitor.hpp"
 #include "ExitStatus.hpp"
 #include "Inbox.hpp"
+#include "Interrupts.hpp"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/signal_set.hpp>
 
 #include <functional>
 #include <optional>
@@ -18,11 +18,13 @@ namespace cvnctl {
 /// the calling thread, SIGINT and SIGTERM, and the daemon connection.
 ///
 /// `run` returns once `finish` has been called and everything the loop was waiting for has
-/// completed. Ctrl-C (SIGINT) or SIGTERM finishes with success. The library's threads reach the
-/// loop only through `inbox()`, which is closed when the loop finishes.
+/// completed. SIGINT or SIGTERM finishes it with 130 or 143 (and `signal()` tells which), except
+/// that SIGINT finishes a loop made with `ctrlCEnds` with success: it is how a watch ends. The
+/// library's threads reach the loop only through `inbox()`, which is closed when the loop
+/// finishes.
 class EventLoop {
  public:
-  EventLoop();
+  explicit EventLoop(bool ctrlCEnds);
   ~EventLoop();
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
@@ -36,6 +38,8 @@ class EventLoop {
   /// Ends the loop with `status`; the first call decides. Loop thread only.
   void finish(ExitStatus status);
   [[nodiscard]] bool finished() const noexcept { return status_.has_value(); }
+  /// The signal that finished the loop with 130 or 143, if one did.
+  [[nodiscard]] std::optional<int> signal() const noexcept { return signal_; }
 
   /// From now on, losing the connection to the daemon (an interruption or invalidation of the
   /// library's connection) calls `onLost` on the loop. Call it before the first request, so
@@ -46,13 +50,18 @@ class EventLoop {
   [[nodiscard]] ExitStatus run();
 
  private:
+  void onSignal(int signal);
+
   boost::asio::io_context context_;
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
-  boost::asio::signal_set signals_;
   Inbox inbox_;
+  bool ctrlCEnds_;
   std::vector<std::function<void()>> cleanups_;
   std::optional<ExitStatus> status_;
+  std::optional<int> signal_;
   std::optional<DaemonMonitor> monitor_;
+  // Last, so that it goes first: no signal reaches a loop being destroyed.
+  Interrupts::Diversion diversion_;
 };
 
 }  // namespace cvnctl

@@ -100,6 +100,10 @@ void HumanOutput::done(std::string_view summary) {
   std::fflush(out_);
 }
 
+void HumanOutput::announce(std::string_view summary) {
+  done(summary);
+}
+
 void HumanOutput::state(const std::string& bundleID, const corvane::AppState& state, bool live) {
   if (live) {
     display_.update(bundleID, state);

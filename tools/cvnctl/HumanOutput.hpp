@@ -18,6 +18,7 @@ class HumanOutput final : public Output {
   void statuses(const std::vector<corvane::ManagedAppStatus>& statuses) override;
   void catalog(const std::vector<corvane::ManagedApp>& apps) override;
   void done(std::string_view summary) override;
+  void announce(std::string_view summary) override;
   void state(const std::string& bundleID, const corvane::AppState& state, bool live) override;
   void progress(const corvane::AppProgress& progress) override;
   void settled(const std::vector<corvane::ManagedAppStatus>& statuses) override;

@@ -1,6 +1,7 @@
 #include "InstallWaiter.hpp"
 
-#include "Failure.hpp"
+#include "DaemonCalls.hpp"
+#include "Problems.hpp"
 #include "StreamFollower.hpp"
 
 #include <corvane/push/ListenerStreams.hpp>
@@ -23,39 +24,83 @@ bool isDone(const corvane::AppState& state) {
          || std::holds_alternative<corvane::AppState::Installed>(state.cases());
 }
 
+std::string joinReasons(const corvane::ManagedAppStatus& status) {
+  std::string text;
+  for (const auto reason : status.reasons) {
+    if (!text.empty()) text += ", ";
+    text += corvane::rawValue(reason);
+  }
+  return text.empty() ? "no reason given" : text;
+}
+
 }  // namespace
 
 bool InstallWaiter::isSettled(State state) noexcept {
   return state == State::managed || state == State::failed;
 }
 
-InstallWaiter::InstallWaiter(Output& output, std::filesystem::path socketPath)
+InstallWaiter::InstallWaiter(Output& output, const Options& options,
+                             std::filesystem::path socketPath)
     : output_(output),
+      options_(options),
       socketPath_(std::move(socketPath)),
+      loop_(false),
       progress_([this] {
         // Watch the connection before anything is sent, so that no interruption goes unseen.
-        loop_.watchDaemon([this] {
-          output_.failure(daemonWentAway(socketPath_));
-          loop_.finish(ExitStatus::failure);
-        });
+        loop_.watchDaemon([this] { fail(daemonWentAway(socketPath_)); });
         return corvane::ManagedAppLibrary::shared().progressUpdates();
       }()),
-      timer_(loop_.context()) {}
+      timer_(loop_.context()),
+      deadline_(loop_.context()) {}
 
-ExitStatus InstallWaiter::wait(std::set<std::string> declarationIdentifiers) {
+ExitStatus InstallWaiter::wait(std::set<std::string> declarationIdentifiers, std::string applied) {
   targets_ = std::move(declarationIdentifiers);
+  applied_ = std::move(applied);
   if (targets_.empty()) return ExitStatus::success;
   StreamFollower<corvane::AsyncStream<corvane::AppProgress>, corvane::AppProgress> follower(
       loop_, progress_, [this](corvane::AppProgress progress) { onProgress(std::move(progress)); },
-      [this] {
-        output_.failure(daemonWentAway(socketPath_));
-        loop_.finish(ExitStatus::failure);
-      });
-  loop_.onFinish([this] { timer_.cancel(); });
+      [this] { fail(daemonWentAway(socketPath_)); });
+  loop_.onFinish([this] {
+    timer_.cancel();
+    deadline_.cancel();
+  });
+  if (options_.deadline) {
+    deadline_.expires_at(*options_.deadline);
+    deadline_.async_wait([this](const boost::system::error_code& error) {
+      if (error || loop_.finished()) return;
+      failWith(std::make_exception_ptr(
+          timedOut(fmt::format("{}; the install did not finish within {}", applied_,
+                               describeDuration(timeLimit(options_))))));
+    });
+  }
   follower.start();
   refresh();
   armTimer();
-  return loop_.run();
+  const auto status = loop_.run();
+  if (const auto signal = loop_.signal()) {
+    failure_ = describeFailure(
+        std::make_exception_ptr(interrupted(
+            *signal, fmt::format("interrupted by {} while waiting; {}, and corvaned goes on with "
+                                 "the install (cvnctl status shows it)",
+                                 signalName(*signal), applied_))),
+        socketPath_);
+  }
+  if (failure_) {
+    output_.failure(*failure_);
+    return failure_->status;
+  }
+  return status;
+}
+
+void InstallWaiter::fail(Failure failure) {
+  if (loop_.finished()) return;
+  const auto status = failure.status;
+  failure_ = std::move(failure);
+  loop_.finish(status);
+}
+
+void InstallWaiter::failWith(std::exception_ptr problem) {
+  fail(describeFailure(problem, socketPath_));
 }
 
 void InstallWaiter::armTimer() {
@@ -94,9 +139,7 @@ void InstallWaiter::onStatuses(const std::exception_ptr& failure,
                                const std::vector<corvane::ManagedAppStatus>& statuses) {
   refreshing_ = false;
   if (failure) {
-    const auto described = describeFailure(failure, socketPath_);
-    output_.failure(described);
-    loop_.finish(described.status);
+    failWith(failure);
     return;
   }
   std::vector<corvane::ManagedAppStatus> concerned;
@@ -106,12 +149,23 @@ void InstallWaiter::onStatuses(const std::exception_ptr& failure,
         statuses.begin(), statuses.end(),
         [&](const corvane::ManagedAppStatus& s) { return s.declarationIdentifier == identifier; });
     if (status == statuses.end()) {
-      output_.failure(describeFailure(
-          std::make_exception_ptr(corvane::Error(
-              corvane::CorvaneError::unrecoverableError,
-              fmt::format("the declaration \"{}\" is no longer declared", identifier))),
+      fail(describeFailure(std::make_exception_ptr(Problem(
+                               ExitStatus::notInstalled, "notInstalled",
+                               fmt::format("the declaration {} was removed while cvnctl waited "
+                                           "for its install",
+                                           identifier))),
+                           socketPath_));
+      return;
+    }
+    if (status->state == State::optional) {
+      // Nothing installs it any more: someone cancelled the install, or it never started.
+      fail(describeFailure(
+          std::make_exception_ptr(
+              Problem(ExitStatus::notInstalled, "notInstalled",
+                      fmt::format("{} ({}) is optional again: its install was cancelled before it "
+                                  "finished",
+                                  status->bundleID, identifier))),
           socketPath_));
-      loop_.finish(ExitStatus::failure);
       return;
     }
     if (bundles_.insert(status->bundleID).second) {
@@ -124,15 +178,20 @@ void InstallWaiter::onStatuses(const std::exception_ptr& failure,
   }
   if (allSettled) {
     output_.settled(concerned);
-    const bool allManaged =
-        std::all_of(concerned.begin(), concerned.end(),
-                    [](const corvane::ManagedAppStatus& s) { return s.state == State::managed; });
+    std::vector<std::string> failed;
     for (const auto& status : concerned) {
       if (status.state == State::failed)
-        output_.note(
-            fmt::format("cvnctl: {} ({}) failed", status.bundleID, status.declarationIdentifier));
+        failed.push_back(fmt::format("{} ({}) failed: {}", status.bundleID,
+                                     status.declarationIdentifier, joinReasons(status)));
     }
-    loop_.finish(allManaged ? ExitStatus::success : ExitStatus::failure);
+    if (failed.empty()) {
+      loop_.finish(ExitStatus::success);
+    } else {
+      fail(describeFailure(
+          std::make_exception_ptr(Problem(ExitStatus::failure, "installFailed",
+                                          fmt::format("{}", fmt::join(failed, "; ")))),
+          socketPath_));
+    }
     return;
   }
   if (std::exchange(refreshAgain_, false)) refresh();

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "EventLoop.hpp"
+#include "Failure.hpp"
+#include "Options.hpp"
 #include "Output.hpp"
 
 #include <corvane/model/ManagedAppStatus.hpp>
@@ -13,6 +15,7 @@
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,16 +27,20 @@ namespace cvnctl {
 /// daemon pushes it; the statuses are asked for again whenever an app reports it is done and at
 /// a steady interval, since a failure arrives without progress.
 ///
+/// Every outcome ends the wait: all managed (0); one failed (1); one cancelled, removed or set
+/// back to optional by someone else (6); the daemon gone (4); --timeout passed (5); SIGINT or
+/// SIGTERM (130, 143). Every failure is reported once, through the output.
+///
 /// Use: construct (this opens the progress stream, so nothing pushed after the request is
 /// missed), send the request, then `wait`.
 class InstallWaiter {
  public:
-  InstallWaiter(Output& output, std::filesystem::path socketPath);
+  InstallWaiter(Output& output, const Options& options, std::filesystem::path socketPath);
 
-  /// Waits until every declaration in `declarationIdentifiers` has settled. Success when all
-  /// are managed; failure when one failed, disappeared, or the daemon went away. Ctrl-C ends the
-  /// wait with success. An empty set returns at once.
-  [[nodiscard]] ExitStatus wait(std::set<std::string> declarationIdentifiers);
+  /// Waits until every declaration in `declarationIdentifiers` has settled. `applied` says what
+  /// the request already did ("the declaration was stored"), for the messages of a wait cut
+  /// short. An empty set returns success at once.
+  [[nodiscard]] ExitStatus wait(std::set<std::string> declarationIdentifiers, std::string applied);
 
   /// Whether a status counts as settled.
   [[nodiscard]] static bool isSettled(corvane::ManagedAppStatus::State state) noexcept;
@@ -44,17 +51,24 @@ class InstallWaiter {
   void onStatuses(const std::exception_ptr& failure,
                   const std::vector<corvane::ManagedAppStatus>& statuses);
   void armTimer();
+  /// Ends the wait with `failure` (the first one counts).
+  void fail(Failure failure);
+  void failWith(std::exception_ptr problem);
 
   Output& output_;
+  const Options& options_;
   std::filesystem::path socketPath_;
   EventLoop loop_;
   corvane::AsyncStream<corvane::AppProgress> progress_;
   boost::asio::steady_timer timer_;
+  boost::asio::steady_timer deadline_;
   std::set<std::string> targets_;
+  std::string applied_;
   /// The bundle identifiers of the targets, as the statuses name them.
   std::set<std::string> bundles_;
   /// The last state pushed for every bundle, shown once its bundle becomes a target's.
   std::map<std::string, corvane::AppProgress> lastProgress_;
+  std::optional<Failure> failure_;
   bool refreshing_ = false;
   bool refreshAgain_ = false;
 };

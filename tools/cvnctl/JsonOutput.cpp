@@ -30,6 +30,8 @@ void JsonOutput::done(std::string_view /*summary*/) {
   write(corvane::coding::encode(corvane::None{}));
 }
 
+void JsonOutput::announce(std::string_view /*summary*/) {}
+
 void JsonOutput::state(const std::string& /*bundleID*/, const corvane::AppState& state,
                        bool /*live*/) {
   write(corvane::coding::encode(state));
@@ -49,7 +51,8 @@ void JsonOutput::failure(const Failure& failure) {
   boost::json::object object;
   object["error"] = failure.error;
   object["description"] = failure.description;
-  object["cause"] = failure.cause;
+  object["reason"] = failure.reason;
+  object["exit"] = toInt(failure.status);
   if (!failure.codingPath.empty()) object["path"] = failure.codingPath;
   const std::string line = boost::json::serialize(object) + "\n";
   std::fputs(line.c_str(), err_);

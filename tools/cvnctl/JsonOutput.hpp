@@ -10,8 +10,9 @@ namespace cvnctl {
 
 /// The library's coded form of each result, one JSON document per line on standard output
 /// (a request without a value answers `null`); a failure is one JSON object on standard error:
-/// {"error": case name, "description": localized description, "cause": what went wrong
-/// underneath} (and "path" for a declaration that does not decode). Notes are not written.
+/// {"error": kind, "description": what it is, "reason": what went wrong underneath or the
+/// daemon's reason, "exit": the exit status} (and "path" for a declaration that does not decode).
+/// Notes are not written.
 class JsonOutput final : public Output {
  public:
   JsonOutput(std::FILE* out, std::FILE* err) noexcept : out_(out), err_(err) {}
@@ -20,6 +21,7 @@ class JsonOutput final : public Output {
   void statuses(const std::vector<corvane::ManagedAppStatus>& statuses) override;
   void catalog(const std::vector<corvane::ManagedApp>& apps) override;
   void done(std::string_view summary) override;
+  void announce(std::string_view summary) override;
   void state(const std::string& bundleID, const corvane::AppState& state, bool live) override;
   void progress(const corvane::AppProgress& progress) override;
   void settled(const std::vector<corvane::ManagedAppStatus>& statuses) override;

@@ -44,8 +44,11 @@ struct Options {
   bool sync = false;
   bool verbose = false;
   std::optional<std::string> runtimeDirectory;
-  /// How long a one-shot request, or the first value of a stream, may take.
-  std::chrono::milliseconds timeout{std::chrono::seconds(15)};
+  /// --timeout: how long the whole command may take, waits included; without it each answer
+  /// may take 15 s and a --wait is unbounded.
+  std::optional<std::chrono::milliseconds> timeout;
+  /// When --timeout runs out, counted from the parse of the command line.
+  std::optional<std::chrono::steady_clock::time_point> deadline;
 
   // Subcommand arguments; each command reads the ones it declares.
   std::optional<std::string> declarationKey;         ///< status

@@ -28,6 +28,9 @@ class Output {
   virtual void catalog(const std::vector<corvane::ManagedApp>& apps) = 0;
   /// A request without a value succeeded; `summary` says what was done.
   virtual void done(std::string_view summary) = 0;
+  /// What a request followed by a --wait did, before its progress: on the stream `done` writes
+  /// to for a person; not written as JSON, where the wait's documents are the result.
+  virtual void announce(std::string_view summary) = 0;
   /// One state of `bundleID`: `live` while a watch follows it, else the answer of a one-shot.
   virtual void state(const std::string& bundleID, const corvane::AppState& state, bool live) = 0;
   /// One pushed progress value.

@@ -2,12 +2,13 @@
 #include "Commands.hpp"
 #include "DaemonCalls.hpp"
 #include "EventLoop.hpp"
+#include "Problems.hpp"
 #include "StreamFollower.hpp"
 
 #include <corvane/push/ListenerStreams.hpp>
 #include <corvane/service/ManagedAppLibrary.hpp>
+#include <corvane/service/RequestOperations.hpp>
 
-#include <boost/asio/use_future.hpp>
 #include <fmt/format.h>
 
 #include <variant>
@@ -25,36 +26,69 @@ corvane::ManagedApp appWithBundleID(const std::string& bundleID) {
                              std::nullopt, std::nullopt, false, std::nullopt, std::nullopt);
 }
 
-/// Follows `stream` on a loop until Ctrl-C (success) or until the daemon goes away (failure).
+/// How long `state` waits for a state still on its way once the daemon has answered a later
+/// call: the daemon sends the current state of an app it knows before that answer.
+constexpr std::chrono::milliseconds stateGrace{500};
+
+/// Follows `stream` on a loop until Ctrl-C (success), SIGTERM (143) or until the daemon goes
+/// away (4).
 template <class Stream, class Value>
 ExitStatus follow(EventLoop& loop, Stream& stream, Output& output,
                   std::function<void(Value)> onValue) {
   const auto socketPath = daemonSocketPath();
   StreamFollower<Stream, Value> follower(loop, stream, std::move(onValue), [&] {
     output.failure(daemonWentAway(socketPath));
-    loop.finish(ExitStatus::failure);
+    loop.finish(ExitStatus::unavailable);
   });
   follower.start();
-  return loop.run();
+  const auto status = loop.run();
+  if (const auto signal = loop.signal())
+    throw interrupted(*signal, fmt::format("the watch ended by {}", signalName(*signal)));
+  return status;
 }
 
 /// Starts a loop that reports the daemon going away, and checks that the daemon is there.
 void prepare(EventLoop& loop, const Options& options, Output& output) {
   loop.watchDaemon([&loop, &output, socketPath = daemonSocketPath()] {
     output.failure(daemonWentAway(socketPath));
-    loop.finish(ExitStatus::failure);
+    loop.finish(ExitStatus::unavailable);
   });
-  checkDaemon(options.timeout);
+  checkDaemon(options);
 }
 
 }  // namespace
 
+corvane::AppState currentState(const std::string& bundleID, const Options& options) {
+  // No stream is opened towards a daemon that is not there.
+  checkDaemon(options);
+  auto states = appWithBundleID(bundleID).stateUpdates();
+  // A daemon that knows the app answers the registration with its state before it answers a
+  // later call; one that does not sends nothing, so the call's answer settles it.
+  (void)awaitCall<std::vector<std::string>>(
+      [](auto token) { corvane::DDMDeclarationKeysRequest{}.perform(std::move(token)); }, options);
+  Options grace = options;
+  grace.deadline = std::chrono::steady_clock::now() + std::min(stateGrace, answerTime(options));
+  std::optional<corvane::AppState> state;
+  try {
+    state = awaitFirst<corvane::AppState>(states, grace, "no state");
+  } catch (const Problem& problem) {
+    if (problem.status() != ExitStatus::timedOut) throw;
+    throw notFound(
+        fmt::format("corvaned knows no app with the bundle identifier \"{}\"", bundleID));
+  }
+  if (!state) {
+    throw corvane::Error(corvane::CorvaneError::unrecoverableError,
+                         "the state stream ended before a state arrived");
+  }
+  return std::move(*state);
+}
+
 ExitStatus runCatalog(const Options& options, Output& output) {
   if (!options.watch) {
-    output.catalog(currentCatalog(options.timeout));
+    output.catalog(currentCatalog(options));
     return ExitStatus::success;
   }
-  EventLoop loop;
+  EventLoop loop(true);
   prepare(loop, options, output);
   auto apps = corvane::ManagedAppLibrary::shared().managedApps();
   return follow<corvane::ManagedAppLibrary::ManagedApps, corvane::CatalogResult>(
@@ -71,7 +105,7 @@ ExitStatus runCatalog(const Options& options, Output& output) {
 }
 
 ExitStatus runProgress(const Options& options, Output& output) {
-  EventLoop loop;
+  EventLoop loop(true);
   prepare(loop, options, output);
   auto progress = corvane::ManagedAppLibrary::shared().progressUpdates();
   return follow<corvane::AsyncStream<corvane::AppProgress>, corvane::AppProgress>(
@@ -82,24 +116,10 @@ ExitStatus runProgress(const Options& options, Output& output) {
 ExitStatus runState(const Options& options, Output& output) {
   const auto app = appWithBundleID(options.bundleID);
   if (!options.watch) {
-    checkDaemon(options.timeout);
-    auto states = app.stateUpdates();
-    auto first = states.next(boost::asio::use_future);
-    if (first.wait_for(options.timeout) != std::future_status::ready) {
-      states.cancel();
-      throw corvane::Error(corvane::CorvaneError::unrecoverableError,
-                           fmt::format("corvaned reported no state of {} within {}",
-                                       options.bundleID, describeDuration(options.timeout)));
-    }
-    const auto state = first.get();
-    if (!state) {
-      throw corvane::Error(corvane::CorvaneError::unrecoverableError,
-                           "the state stream ended before a state arrived");
-    }
-    output.state(options.bundleID, *state, false);
+    output.state(options.bundleID, currentState(options.bundleID, options), false);
     return ExitStatus::success;
   }
-  EventLoop loop;
+  EventLoop loop(true);
   prepare(loop, options, output);
   auto states = app.stateUpdates();
   return follow<corvane::AsyncStream<corvane::AppState>, corvane::AppState>(

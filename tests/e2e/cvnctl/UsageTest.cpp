@@ -13,6 +13,12 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
       "bad-timing.json", declarationJson("D1", 1, "immediately")
                              .replace(declarationJson("D1", 1).find("immediately"), 11, "later"));
   const auto missingKey = writeFile("missing-key.json", R"({"declarationIdentifier": "D1"})");
+  const auto unnamed = writeFile("unnamed.json", declarationJson("", notesItem));
+  std::string keyless = declarationJson("D-keyless", notesItem);
+  keyless.replace(keyless.find("key-D-keyless"), std::string_view("key-D-keyless").size(), "");
+  const auto keylessFile = writeFile("keyless.json", keyless);
+  // Spaces are valid JSON, so only the size can refuse it.
+  const auto tooLarge = writeFile("large.json", std::string(1024 * 1024 + 1, ' '));
   struct Row {
     std::vector<std::string> arguments;
     std::string message;  // a part of what standard error says
@@ -24,14 +30,24 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
       {{"remove"}, "DECLARATION_ID is required"},
       {{"remove", ""}, "DECLARATION_ID must not be empty"},
       {{"vpp-install", "--type", "1"}, "vpp-install needs --item N or --bundle ID"},
-      {{"vpp-install", "--item", "12x", "--type", "1"}, "12x"},
-      {{"vpp-install", "--item", "1", "--type", "4"}, "--type"},
+      {{"vpp-install", "--item", "12x", "--type", "1"},
+       "--item must be a non-negative whole number, not \"12x\""},
+      {{"vpp-install", "--item", "1", "--type", "4"},
+       "--type must be 1 (install), 2 (update) or 3 (uninstall), not 4"},
       {{"vpp-install", "--item", "1", "--bundle", "b", "--type", "1"}, "excludes"},
       {{"vpp-install", "--item", "1"}, "--type is required"},
-      {{"vpp-install", "--item", "1", "--type", "1", "--account", "-5"}, "-5"},
+      {{"vpp-install", "--item", "1", "--type", "1", "--account", "-5"},
+       "--account must be a non-negative whole number, not \"-5\""},
       {{"enterprise-install", "not a url"}, "MANIFEST_URL \"not a url\" is not an absolute URL"},
-      {{"--timeout", "0", "keys"}, "--timeout"},
-      {{"--timeout", "soon", "keys"}, "soon"},
+      {{"--timeout", "0", "keys"}, "--timeout must be a positive number of seconds"},
+      {{"--timeout", "-3", "keys"}, "--timeout must be a positive number of seconds"},
+      {{"--timeout", "1e400", "keys"}, "--timeout must be a positive number of seconds"},
+      {{"--timeout", "soon", "keys"}, "--timeout must be a positive number of seconds"},
+      {{"status", ""}, "DECLARATION_KEY must not be empty"},
+      {{"add", "/dev/zero"}, "cannot read /dev/zero: it is not a regular file"},
+      {{"add", tooLarge}, "is larger than 1024 KiB"},
+      {{"add", unnamed}, "unnamed.json: declarationIdentifier must not be empty"},
+      {{"add", keylessFile}, "keyless.json: declarationKey must not be empty"},
       {{"add", "/nonexistent/declaration.json"}, "cannot read /nonexistent/declaration.json"},
       {{"add", "/"}, "cannot read /: it is a directory"},
       {{"add", notJson}, "is not a JSON document"},
@@ -48,6 +64,12 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
     EXPECT_EQ(result.out, "");
     EXPECT_TRUE(result.err.contains(row.message)) << result.err;
   }
+}
+
+TEST_F(CvnctlTest, StandardInputIsReadOnlyUpToTheLimit) {
+  const auto result = run({"add", "-"}, std::string(1024 * 1024 + 1, ' '));
+  EXPECT_EQ(result.status, 2);
+  EXPECT_TRUE(result.err.contains("standard input is larger than 1024 KiB")) << result.err;
 }
 
 TEST_F(CvnctlTest, UsageErrorsInJsonNameTheCodingPath) {
@@ -76,9 +98,27 @@ TEST_F(CvnctlTest, UsageErrorsInJsonNameTheCodingPath) {
 TEST_F(CvnctlTest, HelpListsEveryCommandAndTheExitStatuses) {
   const auto help = run({"--help"});
   EXPECT_EQ(help.status, 0);
-  for (const auto* word : {"keys", "status", "add", "remove", "reset-history", "poll",
-                           "vpp-install", "enterprise-install", "launch", "install", "cancel",
-                           "catalog", "progress", "state", "Exit status:", "2  usage error"}) {
+  for (const auto* word : {"keys",
+                           "status",
+                           "add",
+                           "remove",
+                           "reset-history",
+                           "poll",
+                           "vpp-install",
+                           "enterprise-install",
+                           "launch",
+                           "install",
+                           "cancel",
+                           "catalog",
+                           "progress",
+                           "state",
+                           "Exit status",
+                           "2    usage error",
+                           "3    not found",
+                           "4    corvaned is not running",
+                           "5    timed out",
+                           "130  interrupted by SIGINT",
+                           "143  ended by SIGTERM"}) {
     EXPECT_TRUE(help.out.contains(word)) << word;
   }
 }

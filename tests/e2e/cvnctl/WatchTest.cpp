@@ -87,6 +87,9 @@ TEST_F(CvnctlTest, AFailedInstallEndsTheWaitWithStatusOne) {
 
     const auto json = run({"--json", "add", "--wait", "-"}, declarationJson("D2", row.item));
     EXPECT_EQ(json.status, 1);
+    const auto errors = jsonLines(json.err);
+    ASSERT_EQ(errors.size(), 1U) << json.err;
+    EXPECT_EQ(errors[0].at("error"), "installFailed");
     const auto documents = jsonLines(json.out);
     ASSERT_FALSE(documents.empty());
     EXPECT_EQ(documents.back().as_array().at(0).at("state"), "failed") << documents.back();
@@ -165,11 +168,11 @@ TEST_F(CvnctlTest, AWatchWhoseDaemonDiesSaysSoInsteadOfHanging) {
     daemon().kill();
     const auto status = watch->wait(bound);
     ASSERT_TRUE(status.has_value()) << "the watch hung after its daemon died";
-    EXPECT_EQ(*status, 1);
+    EXPECT_EQ(*status, 4);
     if (arguments[0] == "--json") {
       const auto errors = jsonLines(watch->err());
       ASSERT_EQ(errors.size(), 1U) << watch->err();
-      EXPECT_EQ(errors[0].at("error"), "unrecoverableError");
+      EXPECT_EQ(errors[0].at("error"), "daemonUnavailable");
     } else {
       EXPECT_TRUE(watch->err().contains("cvnctl: corvaned went away (the connection to "
                                         + socketPath().native() + " was lost)"))
