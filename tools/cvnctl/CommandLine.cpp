@@ -94,7 +94,9 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
                "Write results as JSON documents (one per line for watches) on standard output");
   app.add_flag("--sync", options.sync,
                "Use the blocking form of the request where the library offers one");
-  app.add_flag("-v,--verbose", options.verbose, "Show the library's log lines on standard error");
+  app.add_flag("-v,--verbose", options.verbose,
+               "Show the library's log lines on standard error: connects, calls (outcome, "
+               "duration), pushes");
   std::string runtimeDirectory;
   auto* runtimeOption =
       app.add_option("--runtime-dir", runtimeDirectory,

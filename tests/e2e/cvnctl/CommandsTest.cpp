@@ -133,6 +133,20 @@ TEST_F(CvnctlTest, AnUnknownCatalogueEntryIsAClearError) {
   }
 }
 
+TEST_F(CvnctlTest, VerboseShowsTheConnectAndEachCallWithItsOutcome) {
+  startDaemon();
+  const auto quiet = run({"keys"});
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.err, "");
+  const auto verbose = run({"-v", "keys"});
+  EXPECT_EQ(verbose.status, 0) << verbose.err;
+  EXPECT_TRUE(verbose.err.contains("[Tether] debug: Connected to ")) << verbose.err;
+  EXPECT_TRUE(
+      verbose.err.contains("[Tether] debug: currentDeclarationKeysWithReply: succeeded in "))
+      << verbose.err;
+  EXPECT_FALSE(verbose.err.contains("invalidated")) << verbose.err;
+}
+
 TEST_F(CvnctlTest, ADaemonsRefusalIsShownWithItsReason) {
   const auto state = (files_.path() / "state.db").native();
   // A tick a minute long: the queued install stays queued.
