@@ -101,7 +101,8 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
   auto* runtimeOption =
       app.add_option("--runtime-dir", runtimeDirectory,
                      "Where the daemon's socket lives (default: $CORVANE_RUNTIME_DIR or "
-                     "/run/corvane)");
+                     "/run/corvane)")
+          ->type_name("DIR");
   std::string timeoutText;
   auto* timeoutOption =
       app.add_option("--timeout", timeoutText,
@@ -187,6 +188,23 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
   auto* state = add("state", Command::state, "Print the installation state of an app");
   state->add_option("BUNDLE_ID", options.bundleID, "The app's bundle identifier")->required();
   state->add_flag("--watch", options.watch, "Keep following the state until Ctrl-C");
+
+  // For the bash completion script; not a command people type, so not in the help.
+  add("__complete", Command::complete, "")
+      ->group("")
+      ->add_option("LIST", options.completionList, "declarations, keys or bundles")
+      ->check(CLI::IsMember({"declarations", "keys", "bundles"}))
+      ->required();
+
+  // CLI11 shows a subcommand's own options only; the global ones work there too, so its help
+  // lists them as well.
+  const CLI::Formatter formatter;
+  std::string globalOptions = "Global options (before or after the command):\n";
+  for (const auto* option : app.get_options()) {
+    // Each command's own --help is already listed with its options.
+    if (option != app.get_help_ptr()) globalOptions += formatter.make_option(option, false);
+  }
+  for (auto* sub : app.get_subcommands([](CLI::App*) { return true; })) sub->footer(globalOptions);
 
   try {
     app.parse(argc, argv);

@@ -1,6 +1,7 @@
 #include "Commands.hpp"
 
 #include "Catalog.hpp"
+#include "Completion.hpp"
 #include "DaemonCalls.hpp"
 #include "DeclarationFile.hpp"
 #include "InstallWaiter.hpp"
@@ -249,6 +250,11 @@ ExitStatus runCommand(const Options& options, Output& output) {
       return runProgress(options, output);
     case Command::state:
       return runState(options, output);
+    case Command::complete:
+      printCompletions(options.completionList == "keys"      ? CompletionList::keys
+                       : options.completionList == "bundles" ? CompletionList::bundles
+                                                             : CompletionList::declarations);
+      return ExitStatus::success;
   }
   throw UsageError("unknown command");
 }

@@ -25,6 +25,8 @@ enum class Command {
   catalog,
   progress,
   state,
+  /// The hidden `__complete`: names for the shell's completion script.
+  complete,
 };
 
 /// The arguments of `vpp-install`.
@@ -58,6 +60,7 @@ struct Options {
   std::string manifestURL;                           ///< enterprise-install
   VppOptions vpp;                                    ///< vpp-install
   bool wait = false;                                 ///< add, install
+  std::string completionList;                        ///< __complete
   bool watch = false;                                ///< catalog, state
 };
 

@@ -4,6 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <utility>
+
 namespace corvane::testing {
 namespace {
 
@@ -123,6 +129,22 @@ TEST_F(CvnctlTest, HelpListsEveryCommandAndTheExitStatuses) {
   }
 }
 
+TEST_F(CvnctlTest, CommandHelpListsTheGlobalOptionsToo) {
+  for (const auto* command : {"install", "keys", "vpp-install", "state"}) {
+    SCOPED_TRACE(command);
+    const auto help = run({command, "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(help.out.contains("Global options")) << help.out;
+    for (const auto* option :
+         {"--json", "--sync", "-v,--verbose", "--runtime-dir", "--timeout", "--version"}) {
+      EXPECT_TRUE(help.out.contains(option)) << option << "\n" << help.out;
+    }
+  }
+  // The command's own options stay in its help.
+  EXPECT_TRUE(run({"install", "--help"}).out.contains("--wait"));
+  EXPECT_TRUE(run({"vpp-install", "--help"}).out.contains("--item"));
+}
+
 }  // namespace
 }  // namespace corvane::testing
 
@@ -131,7 +153,8 @@ namespace {
 
 /// The completions bash offers for `words` (the last one being completed), with the two
 /// bash-completion helpers the script uses stood in for.
-std::vector<std::string> complete(const std::vector<std::string>& words) {
+std::vector<std::string> complete(const std::vector<std::string>& words,
+                                  const std::map<std::string, std::string>& environment = {}) {
   std::vector<std::string> argv{
       "bash", "-c",
       R"(_init_completion() { cur=${COMP_WORDS[COMP_CWORD]}; prev=${COMP_WORDS[COMP_CWORD-1]};
@@ -141,7 +164,7 @@ std::vector<std::string> complete(const std::vector<std::string>& words) {
          printf '%s\n' "${COMPREPLY[@]}")",
       CVNCTL_COMPLETION_PATH};
   argv.insert(argv.end(), words.begin(), words.end());
-  Process bash(argv);
+  Process bash(argv, environment);
   bash.closeStdin();
   EXPECT_EQ(bash.wait(), 0) << bash.err();
   return linesOf(bash.out());
@@ -186,6 +209,86 @@ TEST(CvnctlCompletion, OffersEveryCommandTheToolHas) {
   std::sort(fromHelp.begin(), fromHelp.end());
   std::sort(offered.begin(), offered.end());
   EXPECT_EQ(offered, fromHelp);
+}
+
+/// The environment in which bash finds the built cvnctl by name and cvnctl finds the test's
+/// daemon.
+std::map<std::string, std::string> completionEnvironment(const std::filesystem::path& runtime) {
+  const char* path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): read before threads
+  return {{"PATH", std::filesystem::path(CVNCTL_PATH).parent_path().native() + ":"
+                       + (path != nullptr ? path : "/usr/bin:/bin")},
+          {"CORVANE_RUNTIME_DIR", runtime.native()}};
+}
+
+/// Completes `words` and says how long it took.
+std::pair<std::vector<std::string>, std::chrono::steady_clock::duration> timedCompletion(
+    const std::vector<std::string>& words, const std::map<std::string, std::string>& environment) {
+  const auto start = std::chrono::steady_clock::now();
+  auto offered = complete(words, environment);
+  return {std::move(offered), std::chrono::steady_clock::now() - start};
+}
+
+/// cvnctl gives the daemon half a second; starting bash and cvnctl adds a little to that.
+constexpr auto completionDeadline = std::chrono::seconds(3);
+
+TEST_F(CvnctlTest, CompletionOffersWhatTheDaemonHasDeclared) {
+  startDaemon();
+  declare("D-notes", notesItem);
+  declare("D-maps", mapsItem);
+  declare("Other", notesItem + 1);
+  const auto environment = completionEnvironment(directory_.path());
+  using Words = std::vector<std::string>;
+  struct Row {
+    Words words;
+    Words expected;
+  };
+  const std::string runtime = directory_.path().native();
+  const std::vector<Row> rows = {
+      {{"cvnctl", "remove", "D-"}, {"D-maps", "D-notes"}},
+      {{"cvnctl", "install", ""}, {"D-maps", "D-notes", "Other"}},
+      {{"cvnctl", "--json", "cancel", "O"}, {"Other"}},
+      {{"cvnctl", "status", "key-D"}, {"key-D-maps", "key-D-notes"}},
+      {{"cvnctl", "state", "dev.corvane.sample.m"}, {std::string(mapsBundle)}},
+      {{"cvnctl", "launch", "dev.corvane.sample.n"}, {std::string(notesBundle)}},
+      {{"cvnctl", "vpp-install", "--bundle", "dev.corvane.sample.ma"}, {std::string(mapsBundle)}},
+      // Only the one argument the command takes is completed.
+      {{"cvnctl", "remove", "D-maps", "D-"}, {}},
+      {{"cvnctl", "remove", "Z"}, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(fmt::format("{}", fmt::join(row.words, " ")));
+    const auto [offered, took] = timedCompletion(row.words, environment);
+    EXPECT_EQ(offered, row.expected);
+    EXPECT_LT(took, completionDeadline);
+  }
+
+  // --runtime-dir on the command line being completed is the one asked, not the environment's.
+  auto elsewhere = completionEnvironment("/nonexistent");
+  EXPECT_EQ(complete({"cvnctl", "--runtime-dir", runtime, "remove", "D-n"}, elsewhere),
+            std::vector<std::string>{"D-notes"});
+  EXPECT_EQ(complete({"cvnctl", "remove", "D-n"}, elsewhere), std::vector<std::string>{});
+}
+
+TEST_F(CvnctlTest, CompletionOffersNothingPromptlyWithoutAnAnsweringDaemon) {
+  // No daemon at all.
+  const auto environment = completionEnvironment(directory_.path());
+  for (const auto& words : std::vector<std::vector<std::string>>{
+           {"cvnctl", "remove", ""}, {"cvnctl", "status", ""}, {"cvnctl", "state", ""}}) {
+    SCOPED_TRACE(fmt::format("{}", fmt::join(words, " ")));
+    const auto [offered, took] = timedCompletion(words, environment);
+    EXPECT_EQ(offered, std::vector<std::string>{});
+    EXPECT_LT(took, completionDeadline);
+  }
+  const auto quiet = run({"__complete", "declarations"});
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.out, "");
+  EXPECT_EQ(quiet.err, "");
+
+  // A daemon that takes five seconds over every answer: completion gives up on it in time.
+  startDaemon({"--delay-ms", "5000"});
+  const auto [offered, took] = timedCompletion({"cvnctl", "remove", ""}, environment);
+  EXPECT_EQ(offered, std::vector<std::string>{});
+  EXPECT_LT(took, completionDeadline);
 }
 
 }  // namespace
