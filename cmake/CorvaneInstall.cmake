@@ -1,7 +1,7 @@
 # What `cmake --install` puts under the prefix: the library (with its soname links) and its
 # headers, the CMake package and the pkg-config file describing them, and the guides. The catalogues (po/), the
-# programs (daemon/, tools/), the systemd units (packaging/), the man page and the completion
-# (tools/cvnctl/) are installed by their own folders. Everything is found relative to the
+# programs and their man pages (daemon/, tools/), the systemd units (packaging/) and the
+# completion (tools/cvnctl/) are installed by their own folders. Everything is found relative to the
 # prefix, so the tree can be installed under any prefix given to `cmake --install --prefix`.
 include(CMakePackageConfigHelpers)
 

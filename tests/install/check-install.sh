@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs a built tree into a temporary prefix and checks the package as a user gets it:
 #   - the installed files (library and soname links, headers, CMake package and version file,
-#     pkg-config file, catalogues, programs, systemd units, man page, completion, guides), and
+#     pkg-config file, catalogues, programs, systemd units, man pages, completion, guides), and
 #     that none of them points back into the build or source tree;
+#   - corvaned-sim(8) describes every option the installed corvaned-sim --help lists;
 #   - the installed cvnctl runs (--help) with nothing but the prefix to find its library;
 #   - tests/install/consumer builds against the installed package with CMake
 #     (find_package(Corvane)) and with pkg-config, and both programs talk to the installed
@@ -116,6 +117,7 @@ expected=(
   "share/Corvane.framework/locale/en/LC_MESSAGES/corvane.mo"
   "share/Corvane.framework/locale/de/LC_MESSAGES/corvane.mo"
   "share/man/man1/cvnctl.1"
+  "share/man/man8/corvaned-sim.8"
   "share/bash-completion/completions/cvnctl"
   "lib/systemd/system/corvaned-sim.service"
   "lib/systemd/system/corvaned-sim.socket"
@@ -149,6 +151,14 @@ fi
 step "running the installed tools"
 run "$prefix/bin/cvnctl" --help
 grep -q "cvnctl" "$work/out" || fail "cvnctl --help printed no usage"
+# Every option the installed daemon offers is described in its installed man page.
+run "$prefix/bin/corvaned-sim" --help
+daemon_options=$(grep -oE -- '--[a-z][a-z-]*' "$work/out" | sort -u)
+[[ -n $daemon_options ]] || fail "corvaned-sim --help lists no options"
+for option in $daemon_options; do
+  sed 's/\\//g' "$prefix/share/man/man8/corvaned-sim.8" | grep -qE -- "${option}([^a-z-]|$)" \
+    || fail "corvaned-sim.8 does not describe $option"
+done
 run "$prefix/bin/corvane-codec" --list
 grep -q "ManagedAppDeclaration" "$work/out" || fail "corvane-codec --list does not list ManagedAppDeclaration"
 
