@@ -133,8 +133,8 @@ void ProgressDisplay::update(const std::string& label, const corvane::AppState& 
 }
 
 void ProgressDisplay::update(const std::string& label, std::string text,
-                             std::optional<double> fraction) {
-  set(label, std::move(text), fraction.value_or(0), Phase::failed);
+                             std::optional<double> fraction, Phase phase) {
+  set(label, std::move(text), fraction.value_or(0), phase);
 }
 
 void ProgressDisplay::set(const std::string& label, std::string text, double fraction,

@@ -31,8 +31,13 @@ class ProgressDisplay {
 
   /// Shows `state` for `label`, adding a line for a label not seen before.
   void update(const std::string& label, const corvane::AppState& state);
-  /// Shows a text without a state (a failure), with an empty bar.
-  void update(const std::string& label, std::string text, std::optional<double> fraction);
+  /// What an app is doing, for the summary line.
+  enum class Phase { installing, paused, waiting, installed, failed };
+
+  /// Shows a text without a state (how an install ended), with a bar for `fraction` (empty
+  /// without one), counted under `phase` in the summary.
+  void update(const std::string& label, std::string text, std::optional<double> fraction,
+              Phase phase);
 
   /// The fraction a state's bar shows: the progress of downloading and installing (that of the
   /// paused state for a paused one), full once installed or managed, empty otherwise.
@@ -41,9 +46,6 @@ class ProgressDisplay {
   [[nodiscard]] static std::string bar(double fraction, std::size_t width);
   /// The first `columns` characters of the UTF-8 text `text` (one column per code point).
   [[nodiscard]] static std::string clip(std::string_view text, std::size_t columns);
-
-  /// What an app is doing, for the summary line.
-  enum class Phase { installing, paused, waiting, installed, failed };
 
  private:
   struct Line {
