@@ -159,7 +159,8 @@ TEST_F(CvnctlTest, ProgressOfALongIdentifierStaysOnOneLine) {
 }
 
 TEST_F(CvnctlTest, ProgressOfMoreAppsThanRowsShowsASummary) {
-  startDaemon({"--tick-ms", "20"});
+  // Slow enough for the poll to see the apps while they install.
+  startDaemon({"--tick-ms", "40"});
   for (std::int64_t item = notesItem; item < notesItem + 8; ++item)
     declare(fmt::format("D-{}", item), item, "onDemand");
   constexpr std::size_t height = 6;
@@ -173,7 +174,10 @@ TEST_F(CvnctlTest, ProgressOfMoreAppsThanRowsShowsASummary) {
   // While the apps install: the summary and the apps that fit below it.
   ASSERT_TRUE(terminal.waitUntil(
       [&](const std::vector<std::string>& rows) {
-        return summaryRow(rows) == 1 && appRows(rows).size() == height - 2;
+        return summaryRow(rows) == 1 && appRows(rows).size() == height - 2
+               && std::any_of(rows.begin(), rows.end(), [](const std::string& row) {
+                    return std::regex_match(row, summary) && row.contains(" installing");
+                  });
       },
       bound))
       << terminal.text();
