@@ -159,6 +159,10 @@ void ProgressDisplay::set(const std::string& label, std::string text, double fra
   redraw();
 }
 
+void ProgressDisplay::resized() {
+  if (mode_ == Mode::terminal && !lines_.empty()) redraw();
+}
+
 ProgressDisplay::Size ProgressDisplay::size() const noexcept {
   winsize window{};
   if (::ioctl(::fileno(out_), TIOCGWINSZ, &window) == 0 && window.ws_col > 0 && window.ws_row > 0)

@@ -15,7 +15,7 @@ namespace cvnctl {
 /// Shows the installation state of apps, one line per app.
 ///
 /// On a terminal the lines are redrawn in place. Before each redraw the display reads the
-/// terminal's size (TIOCGWINSZ), so a resized terminal is followed from the next change on. Each
+/// terminal's size (TIOCGWINSZ); `resized` (on SIGWINCH) redraws without waiting for a change. Each
 /// line is clipped to the width so that it never wraps: the bar goes first, then the end of a long
 /// label. When the apps do not fit the height, a summary line ("3 installing, 2 waiting") comes
 /// first and the apps still in progress get the rows that remain. The frame never grows taller
@@ -31,6 +31,9 @@ class ProgressDisplay {
 
   /// Shows `state` for `label`, adding a line for a label not seen before.
   void update(const std::string& label, const corvane::AppState& state);
+  /// Draws the lines again for the terminal's new size.
+  void resized();
+
   /// What an app is doing, for the summary line.
   enum class Phase { installing, paused, waiting, installed, failed };
 

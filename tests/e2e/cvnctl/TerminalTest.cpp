@@ -224,8 +224,21 @@ TEST_F(CvnctlTest, ProgressOfSeveralAppsKeepsOneLineEach) {
              return row.contains("[########################]") && row.ends_with("Managed");
            });
   };
-  EXPECT_TRUE(terminal.waitUntil(bothManaged, bound)) << terminal.text();
+  ASSERT_TRUE(terminal.waitUntil(bothManaged, bound)) << terminal.text();
   EXPECT_EQ(appRows(terminal.screen(true)).size(), 2U) << terminal.text(true);
+  // Nothing changes any more: only SIGWINCH makes the display redraw for a narrower window.
+  terminal.resize(40, 10);
+  EXPECT_TRUE(terminal.waitUntil(
+      [](const std::vector<std::string>& rows) {
+        const auto apps = appRows(rows);
+        return apps.size() == 2
+               && std::all_of(rows.begin(), rows.end(),
+                              [](const std::string& row) { return row.size() < 40; })
+               && std::all_of(apps.begin(), apps.end(),
+                              [](const std::string& row) { return row.ends_with("Managed"); });
+      },
+      bound))
+      << terminal.text(true);
 }
 
 TEST_F(CvnctlTest, ProgressIsLineOrientedForADumbTerminal) {
