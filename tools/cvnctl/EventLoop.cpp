@@ -48,6 +48,22 @@ void EventLoop::watchDaemon(std::function<void()> onLost) {
   monitor_.emplace(inbox_, std::move(onLost));
 }
 
+void EventLoop::followTerminalSize(std::function<void()> onResize) {
+  if (resize_) return;
+  onResize_ = std::move(onResize);
+  resize_.emplace(context_, SIGWINCH);
+  onFinish([this] { resize_->cancel(); });
+  awaitResize();
+}
+
+void EventLoop::awaitResize() {
+  resize_->async_wait([this](const boost::system::error_code& error, int) {
+    if (error || finished()) return;
+    onResize_();
+    awaitResize();
+  });
+}
+
 ExitStatus EventLoop::run() {
   context_.run();
   return status_.value_or(ExitStatus::success);

@@ -7,6 +7,7 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
 
 #include <functional>
 #include <optional>
@@ -49,8 +50,13 @@ class EventLoop {
   /// Runs until finished; returns the status given to `finish`.
   [[nodiscard]] ExitStatus run();
 
+  /// Calls `onResize` on the loop whenever the terminal's size changes (SIGWINCH), until the
+  /// loop finishes.
+  void followTerminalSize(std::function<void()> onResize);
+
  private:
   void onSignal(int signal);
+  void awaitResize();
 
   boost::asio::io_context context_;
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
@@ -60,6 +66,9 @@ class EventLoop {
   std::optional<ExitStatus> status_;
   std::optional<int> signal_;
   std::optional<DaemonMonitor> monitor_;
+  // SIGWINCH is not among the blocked signals the signal thread reads: Asio catches it here.
+  std::optional<boost::asio::signal_set> resize_;
+  std::function<void()> onResize_;
   // Last, so that it goes first: no signal reaches a loop being destroyed.
   Interrupts::Diversion diversion_;
 };

@@ -117,11 +117,31 @@ void HumanOutput::progress(const corvane::AppProgress& progress) {
   display_.update(progress.bundleID, progress.state);
 }
 
+namespace {
+
+ProgressDisplay::Phase phaseOf(corvane::ManagedAppStatus::State state) noexcept {
+  using State = corvane::ManagedAppStatus::State;
+  switch (state) {
+    case State::managed:
+      return ProgressDisplay::Phase::installed;
+    case State::downloading:
+    case State::installing:
+      return ProgressDisplay::Phase::installing;
+    case State::managedButUninstalled:
+    case State::failed:
+      return ProgressDisplay::Phase::failed;
+    default:
+      return ProgressDisplay::Phase::waiting;
+  }
+}
+
+}  // namespace
+
 void HumanOutput::settled(const std::vector<corvane::ManagedAppStatus>& statuses) {
   for (const auto& status : statuses) {
     const bool managed = status.state == corvane::ManagedAppStatus::State::managed;
     display_.update(status.bundleID, statusText(status),
-                    managed ? std::optional<double>(1.0) : std::nullopt);
+                    managed ? std::optional<double>(1.0) : std::nullopt, phaseOf(status.state));
   }
 }
 

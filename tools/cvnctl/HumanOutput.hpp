@@ -21,6 +21,7 @@ class HumanOutput final : public Output {
   void announce(std::string_view summary) override;
   void state(const std::string& bundleID, const corvane::AppState& state, bool live) override;
   void progress(const corvane::AppProgress& progress) override;
+  void resized() override { display_.resized(); }
   void settled(const std::vector<corvane::ManagedAppStatus>& statuses) override;
   void note(std::string_view text) override;
   void failure(const Failure& failure) override;

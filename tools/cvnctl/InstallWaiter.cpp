@@ -60,6 +60,7 @@ ExitStatus InstallWaiter::wait(std::set<std::string> declarationIdentifiers, std
   StreamFollower<corvane::AsyncStream<corvane::AppProgress>, corvane::AppProgress> follower(
       loop_, progress_, [this](corvane::AppProgress progress) { onProgress(std::move(progress)); },
       [this] { fail(daemonWentAway(socketPath_)); });
+  loop_.followTerminalSize([this] { output_.resized(); });
   loop_.onFinish([this] {
     timer_.cancel();
     deadline_.cancel();

@@ -40,6 +40,8 @@ class Output {
   /// Something a person may want to know that is not a result (human output only, on stderr).
   virtual void note(std::string_view text) = 0;
   virtual void failure(const Failure& failure) = 0;
+  /// The terminal changed its size: a live display draws itself again.
+  virtual void resized() {}
 };
 
 /// Output for `json`, else for a person; progress is drawn live when standard output is a

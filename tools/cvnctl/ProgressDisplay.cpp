@@ -5,7 +5,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <numeric>
+#include <sys/ioctl.h>
 #include <type_traits>
 #include <variant>
 
@@ -53,23 +56,101 @@ std::string ProgressDisplay::bar(double fraction, std::size_t width) {
   return bar;
 }
 
+namespace {
+
+/// One column per UTF-8 code point: the texts are letters, digits and punctuation.
+std::size_t columnsOf(std::string_view text) noexcept {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
+  }));
+}
+
+ProgressDisplay::Phase phaseOf(const corvane::AppState& state) noexcept {
+  return std::visit(
+      [](const auto& c) {
+        using Case = std::decay_t<decltype(c)>;
+        using Phase = ProgressDisplay::Phase;
+        if constexpr (std::is_same_v<
+                          Case,
+                          corvane::AppState::
+                              Downloading> || std::is_same_v<Case, corvane::AppState::Installing>) {
+          return Phase::installing;
+        } else if constexpr (std::is_same_v<Case, corvane::AppState::Paused>) {
+          return Phase::paused;
+        } else if constexpr (
+            std::is_same_v<
+                Case,
+                corvane::AppState::Installed> || std::is_same_v<Case, corvane::AppState::Managed>) {
+          return Phase::installed;
+        } else {
+          return Phase::waiting;
+        }
+      },
+      state.cases());
+}
+
+/// Which apps get the rows when not all fit: those moving first, finished ones last.
+int priorityOf(ProgressDisplay::Phase phase) noexcept {
+  switch (phase) {
+    case ProgressDisplay::Phase::installing:
+      return 0;
+    case ProgressDisplay::Phase::paused:
+      return 1;
+    case ProgressDisplay::Phase::failed:
+      return 2;
+    case ProgressDisplay::Phase::waiting:
+      return 3;
+    case ProgressDisplay::Phase::installed:
+      return 4;
+  }
+  return 4;
+}
+
+std::string padded(std::string_view text, std::size_t columns) {
+  std::string result(text);
+  const auto used = columnsOf(text);
+  if (used < columns) result.append(columns - used, ' ');
+  return result;
+}
+
+}  // namespace
+
+std::string ProgressDisplay::clip(std::string_view text, std::size_t columns) {
+  std::size_t end = 0;
+  std::size_t used = 0;
+  while (end < text.size()) {
+    std::size_t next = end + 1;
+    while (next < text.size() && (static_cast<unsigned char>(text[next]) & 0xC0U) == 0x80U) ++next;
+    if (used == columns) break;
+    ++used;
+    end = next;
+  }
+  return std::string(text.substr(0, end));
+}
+
 void ProgressDisplay::update(const std::string& label, const corvane::AppState& state) {
-  update(label, state.description(), fractionOf(state));
+  set(label, state.description(), fractionOf(state), phaseOf(state));
 }
 
 void ProgressDisplay::update(const std::string& label, std::string text,
-                             std::optional<double> fraction) {
+                             std::optional<double> fraction, Phase phase) {
+  set(label, std::move(text), fraction.value_or(0), phase);
+}
+
+void ProgressDisplay::set(const std::string& label, std::string text, double fraction,
+                          Phase phase) {
   auto line = std::find_if(lines_.begin(), lines_.end(),
                            [&](const Line& candidate) { return candidate.label == label; });
   if (line == lines_.end()) {
-    lines_.push_back({label, {}, 0});
+    lines_.push_back({label, {}, 0, phase});
     line = std::prev(lines_.end());
-    labelWidth_ = std::max(labelWidth_, label.size());
-  } else if (line->text == text && line->fraction == fraction.value_or(0)) {
+    labelWidth_ = std::max(labelWidth_, columnsOf(label));
+  } else if (line->text == text && line->fraction == fraction && line->phase == phase) {
     return;
   }
   line->text = std::move(text);
-  line->fraction = fraction.value_or(0);
+  line->fraction = fraction;
+  line->phase = phase;
   if (mode_ == Mode::plain) {
     fmt::print(out_, "{}: {}\n", line->label, line->text);
     std::fflush(out_);
@@ -78,16 +159,90 @@ void ProgressDisplay::update(const std::string& label, std::string text,
   redraw();
 }
 
-void ProgressDisplay::redraw() {
-  std::string frame;
-  // Back to the first line drawn last time; a new line is appended below the others.
-  if (drawn_ > 0) frame += fmt::format("\x1b[{}A", drawn_);
-  for (const auto& line : lines_) {
-    frame += fmt::format("\r\x1b[2K{:<{}}  {}  {}\n", line.label, labelWidth_,
-                         bar(line.fraction, barWidth), line.text);
+void ProgressDisplay::resized() {
+  if (mode_ == Mode::terminal && !lines_.empty()) redraw();
+}
+
+ProgressDisplay::Size ProgressDisplay::size() const noexcept {
+  winsize window{};
+  if (::ioctl(::fileno(out_), TIOCGWINSZ, &window) == 0 && window.ws_col > 0 && window.ws_row > 0)
+    return {window.ws_col, window.ws_row};
+  return {80, 24};
+}
+
+std::string ProgressDisplay::render(const Line& line, std::size_t columns) const {
+  // The last column stays empty: writing into it leaves some terminals about to wrap.
+  const std::size_t limit = std::max<std::size_t>(columns, 2) - 1;
+  const auto label = padded(line.label, labelWidth_);
+  auto full = fmt::format("{}  {}  {}", label, bar(line.fraction, barWidth), line.text);
+  if (columnsOf(full) <= limit) return full;
+  auto withoutBar = fmt::format("{}  {}", label, line.text);
+  if (columnsOf(withoutBar) <= limit) return withoutBar;
+  // Too narrow for the whole label: its end makes room for the text.
+  const auto text = columnsOf(line.text);
+  if (limit > text + 2 + 8) {
+    const auto room = limit - text - 2;
+    return fmt::format("{}...  {}", clip(line.label, room - 3), line.text);
   }
-  drawn_ = lines_.size();
-  std::fputs(frame.c_str(), out_);
+  return clip(fmt::format("{}  {}", line.label, line.text), limit);
+}
+
+std::string ProgressDisplay::summary() const {
+  constexpr std::array phases{Phase::installing, Phase::paused, Phase::waiting, Phase::installed,
+                              Phase::failed};
+  constexpr std::array names{"installing", "paused", "waiting", "installed", "failed"};
+  std::string text;
+  for (std::size_t i = 0; i < phases.size(); ++i) {
+    const auto count = std::count_if(lines_.begin(), lines_.end(),
+                                     [&](const Line& line) { return line.phase == phases.at(i); });
+    if (count == 0) continue;
+    if (!text.empty()) text += ", ";
+    text += fmt::format("{} {}", count, names.at(i));
+  }
+  return text;
+}
+
+void ProgressDisplay::redraw() {
+  const auto [columns, height] = size();
+  // The row below the frame holds the cursor; a frame taller than the rest would scroll.
+  const std::size_t rows = std::max<std::size_t>(height, 2) - 1;
+
+  std::vector<std::string> frame;
+  if (lines_.size() <= rows) {
+    for (const auto& line : lines_) frame.push_back(render(line, columns));
+  } else {
+    frame.push_back(clip(summary(), std::max<std::size_t>(columns, 2) - 1));
+    std::vector<std::size_t> order(lines_.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      return priorityOf(lines_[a].phase) < priorityOf(lines_[b].phase);
+    });
+    order.resize(rows - 1);
+    std::sort(order.begin(), order.end());
+    for (const auto index : order) frame.push_back(render(lines_[index], columns));
+  }
+
+  // Back to the first row drawn last time. A terminal that got narrower has rewrapped those rows.
+  std::size_t up = 0;
+  for (const auto used : drawn_) up += std::max<std::size_t>(1, (used + columns - 1) / columns);
+  std::string out = "\r";
+  if (up > 0) out += fmt::format("\x1b[{}A", up);
+  // Each row is cleared on its own: erasing to the end of the screen from its top-left corner
+  // makes some terminals push the screen into the scrollback.
+  drawn_.clear();
+  for (const auto& row : frame) {
+    out += "\x1b[2K";
+    out += row;
+    out += '\n';
+    drawn_.push_back(columnsOf(row));
+  }
+  // Rows left over from a taller frame are blanked, and the cursor comes back below this one.
+  if (up > frame.size()) {
+    const auto left = up - frame.size();
+    for (std::size_t i = 0; i < left; ++i) out += "\x1b[2K\n";
+    out += fmt::format("\x1b[{}A", left);
+  }
+  std::fputs(out.c_str(), out_);
   std::fflush(out_);
 }
 

@@ -53,6 +53,7 @@ void prepare(EventLoop& loop, const Options& options, Output& output) {
     output.failure(daemonWentAway(socketPath));
     loop.finish(ExitStatus::unavailable);
   });
+  loop.followTerminalSize([&output] { output.resized(); });
   checkDaemon(options);
 }
 

@@ -1,103 +1,259 @@
-// The live progress display, read off a real pseudo-terminal.
+// The live progress display, read back off the screen of a real terminal (tmux).
 
 #include "e2e/cvnctl/CvnctlFixture.hpp"
-#include "e2e/cvnctl/PtyProcess.hpp"
+#include "support/Process.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
+#include <atomic>
+#include <chrono>
 #include <regex>
+#include <thread>
+#include <unistd.h>
 
 namespace corvane::testing {
 namespace {
 
-/// The text of each line the display drew last, after replaying the cursor movements it uses
-/// (CR, LF, CSI n A, CSI 2K) on a screen.
-std::vector<std::string> replay(const std::string& drawn) {
-  std::vector<std::string> rows(1);
-  std::size_t row = 0;
-  std::size_t column = 0;
-  for (std::size_t i = 0; i < drawn.size(); ++i) {
-    const char c = drawn[i];
-    if (c == '\x1b' && i + 1 < drawn.size() && drawn[i + 1] == '[') {
-      std::size_t end = i + 2;
-      while (end < drawn.size() && (std::isdigit(static_cast<unsigned char>(drawn[end])) != 0))
-        ++end;
-      const std::string number = drawn.substr(i + 2, end - i - 2);
-      const char command = end < drawn.size() ? drawn[end] : '\0';
-      if (command == 'A') {
-        row -= std::min(row, number.empty() ? 1 : std::stoul(number));
-      } else if (command == 'K') {
-        rows[row].clear();
-      }
-      i = end;
-    } else if (c == '\r') {
-      column = 0;
-    } else if (c == '\n') {
-      ++row;
-      column = 0;
-      if (rows.size() <= row) rows.resize(row + 1);
-    } else {
-      auto& text = rows[row];
-      if (text.size() <= column) text.resize(column + 1, ' ');
-      text[column++] = c;
-    }
+/// A private tmux server running one command in a window of a given size; the server is killed
+/// when this goes. The command's exit status is printed after it as "[exit N]", and the pane
+/// stays so that its screen can be read.
+class Tmux {
+ public:
+  Tmux(std::size_t columns, std::size_t rows, const std::vector<std::string>& argv,
+       const std::map<std::string, std::string>& environment)
+      : socket_(fmt::format("cvnctl-test-{}-{}", ::getpid(), counter_++)) {
+    std::string command = "env";
+    for (const auto& [key, value] : environment) command += " " + quoted(key + "=" + value);
+    for (const auto& argument : argv) command += " " + quoted(argument);
+    command += R"(; printf '[exit %d]' $?; exec cat)";
+    tmux({"new-session", "-d", "-x", std::to_string(columns), "-y", std::to_string(rows), command});
   }
-  while (!rows.empty() && rows.back().empty()) rows.pop_back();
-  return rows;
+  ~Tmux() {
+    Process kill({"tmux", "-L", socket_, "kill-server"});
+    (void)kill.wait(std::chrono::seconds(10));
+  }
+  Tmux(const Tmux&) = delete;
+  Tmux& operator=(const Tmux&) = delete;
+
+  /// The rows on the screen, or with `history` those of the scrollback too; without trailing
+  /// empty rows.
+  [[nodiscard]] std::vector<std::string> screen(bool history = false) const {
+    std::vector<std::string> arguments{"capture-pane", "-p"};
+    if (history) arguments.insert(arguments.end(), {"-S", "-"});
+    std::vector<std::string> rows;
+    const auto captured = tmux(arguments);
+    std::string_view text = captured;
+    while (!text.empty()) {
+      const auto end = text.find('\n');
+      rows.emplace_back(text.substr(0, end));
+      if (end == std::string_view::npos) break;
+      text.remove_prefix(end + 1);
+    }
+    while (!rows.empty() && rows.back().empty()) rows.pop_back();
+    return rows;
+  }
+  [[nodiscard]] std::string text(bool history = false) const {
+    return fmt::format("{}", fmt::join(screen(history), "\n"));
+  }
+
+  /// Polls the screen until `predicate` holds for it, for at most `bound`.
+  bool waitUntil(const std::function<bool(const std::vector<std::string>&)>& predicate,
+                 std::chrono::seconds bound) const {
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (predicate(screen())) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the poll's period
+    }
+    return predicate(screen());
+  }
+  /// Waits for the command's end and returns its exit status.
+  std::optional<int> exitStatus(std::chrono::seconds bound) const {
+    static const std::regex exit(R"(\[exit (\d+)\])");
+    std::optional<int> status;
+    (void)waitUntil(
+        [&](const std::vector<std::string>& rows) {
+          std::smatch match;
+          for (const auto& row : rows)
+            if (std::regex_search(row, match, exit)) status = std::stoi(match[1]);
+          return status.has_value();
+        },
+        bound);
+    return status;
+  }
+
+  void resize(std::size_t columns, std::size_t rows) const {
+    tmux({"resize-window", "-x", std::to_string(columns), "-y", std::to_string(rows)});
+  }
+
+ private:
+  static std::string quoted(std::string_view text) {
+    std::string result = "'";
+    for (const char c : text) {
+      if (c == '\'')
+        result += R"('\'')";
+      else
+        result += c;
+    }
+    return result + "'";
+  }
+
+  std::string tmux(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> argv{"tmux", "-L", socket_, "-f", "/dev/null"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    Process process(argv);
+    process.closeStdin();
+    const auto status = process.wait(std::chrono::seconds(10));
+    EXPECT_EQ(status, 0) << fmt::format("{}", fmt::join(argv, " ")) << ": " << process.err();
+    return process.out();
+  }
+
+  static inline std::atomic<int> counter_{0};
+  std::string socket_;
+};
+
+/// The rows that show an app of the sample catalogue.
+std::vector<std::string> appRows(const std::vector<std::string>& rows) {
+  std::vector<std::string> found;
+  for (const auto& row : rows)
+    if (row.starts_with("dev.corvane.sample.")) found.push_back(row);
+  return found;
 }
 
-TEST_F(CvnctlTest, ProgressIsRedrawnInPlaceOnATerminal) {
-  startDaemon({"--tick-ms", "20"});
+/// Every row fits in `columns` - 1 cells: the display never writes into the last column.
+void expectClipped(const std::vector<std::string>& rows, std::size_t columns) {
+  for (const auto& row : rows) EXPECT_LT(row.size(), columns) << row;
+}
+
+constexpr std::string_view longBundle =
+    "dev.corvane.sample.notes-with-a-rather-long-bundle-identifier";
+
+/// A catalogue of one app whose bundle identifier is longer than a narrow terminal.
+std::string longCatalog() {
+  return fmt::format(R"([
+{{"declarationIdentifier": "sample.notes", "bundleID": "{}", "itemID": 1000000001, "externalVersionID": 880000, "platform": 1, "fileSize": {{"value": 52.5, "unit": "MB"}}, "metadataLanguage": "en-GB", "name": "Notes", "subtitle": "Write things down", "seller": "Corvane Labs", "genres": ["Productivity"], "description": "Notes: write things down.", "languages": ["en-GB", "de", "fr"], "requirements": "Runs on any managed device.", "version": "4.1.2", "releaseDate": "2026-01-10T09:00:00Z", "releaseNotes": "Fixes and improvements.", "icon": {{"urlTemplate": "https://img.corvane.dev/apps/notes/icon/{{w}}x{{h}}{{c}}.{{f}}", "maxWidth": 1024, "maxHeight": 1024}}, "screenshots": [{{"urlTemplate": "https://img.corvane.dev/apps/notes/shot1/{{w}}x{{h}}{{c}}.{{f}}", "maxWidth": 2048, "maxHeight": 1536}}, {{"urlTemplate": "https://img.corvane.dev/apps/notes/shot2/{{w}}x{{h}}{{c}}.{{f}}", "maxWidth": 2048, "maxHeight": 1536}}], "contentRating": "4+", "developerWebsite": "https://corvane.dev/apps/notes", "privacyPolicy": "https://corvane.dev/privacy", "hasLicenseAgreement": true, "copyright": "(c) 2026 Corvane Labs", "buyParams": "productType=C&salableAdamId=1000000001&pricingParameters=VPP&price=0"}}
+])",
+                     longBundle);
+}
+
+TEST_F(CvnctlTest, ProgressOfALongIdentifierStaysOnOneLine) {
+  for (const std::size_t columns : {40U, 80U}) {
+    SCOPED_TRACE(fmt::format("{} columns", columns));
+    startDaemon({"--tick-ms", "20", "--catalog", writeFile("catalog.json", longCatalog())});
+    const auto declaration = writeFile("notes.json", declarationJson("D-notes", notesItem));
+    Tmux terminal(columns, 12, command({"add", "--wait", declaration}), environment());
+    ASSERT_EQ(terminal.exitStatus(bound), 0) << terminal.text();
+    const auto rows = terminal.screen(true);
+    expectClipped(rows, columns);
+    // One row for the app in the screen and scrollback together, redrawn to its end.
+    const auto apps = appRows(rows);
+    ASSERT_EQ(apps.size(), 1U) << terminal.text(true);
+    EXPECT_TRUE(apps.front().ends_with("Managed")) << apps.front();
+    // At 80 columns only the bar gives way; at 40 the end of the label does too.
+    if (columns == 80) {
+      EXPECT_TRUE(apps.front().starts_with(longBundle)) << apps.front();
+    } else {
+      EXPECT_TRUE(apps.front().contains("...")) << "the label was shortened";
+    }
+  }
+}
+
+TEST_F(CvnctlTest, ProgressOfMoreAppsThanRowsShowsASummary) {
+  // Slow enough for the poll to see the apps while they install.
+  startDaemon({"--tick-ms", "40"});
+  for (std::int64_t item = notesItem; item < notesItem + 8; ++item)
+    declare(fmt::format("D-{}", item), item, "onDemand");
+  constexpr std::size_t height = 6;
+  Tmux terminal(80, height, command({"install", "--wait"}), environment());
+  static const std::regex summary(
+      R"(^\d+ (installing|paused|waiting|installed|failed)(, \d+ \w+)*$)");
+  auto summaryRow = [](const std::vector<std::string>& rows) {
+    return std::count_if(rows.begin(), rows.end(),
+                         [](const std::string& row) { return std::regex_match(row, summary); });
+  };
+  // While the apps install: the summary and the apps that fit below it.
+  ASSERT_TRUE(terminal.waitUntil(
+      [&](const std::vector<std::string>& rows) {
+        return summaryRow(rows) == 1 && appRows(rows).size() == height - 2
+               && std::any_of(rows.begin(), rows.end(), [](const std::string& row) {
+                    return std::regex_match(row, summary) && row.contains(" installing");
+                  });
+      },
+      bound))
+      << terminal.text();
+  ASSERT_EQ(terminal.exitStatus(bound), 0) << terminal.text();
+  const auto rows = terminal.screen(true);
+  EXPECT_EQ(summaryRow(rows), 1) << terminal.text(true);
+  EXPECT_TRUE(std::find(rows.begin(), rows.end(), "8 installed") != rows.end())
+      << terminal.text(true);
+  const auto apps = appRows(rows);
+  EXPECT_EQ(apps.size(), height - 2) << "no stale rows in the scrollback: " << terminal.text(true);
+  for (const auto& row : apps) EXPECT_TRUE(row.ends_with("Managed")) << row;
+}
+
+TEST_F(CvnctlTest, ProgressFollowsAResizedTerminal) {
+  startDaemon({"--tick-ms", "40", "--catalog", writeFile("catalog.json", longCatalog())});
   const auto declaration = writeFile("notes.json", declarationJson("D-notes", notesItem));
-  PtyProcess terminal(command({"add", "--wait", declaration}), environment());
-  const auto status = terminal.wait(bound);
-  ASSERT_TRUE(status.has_value()) << terminal.screen();
-  EXPECT_EQ(*status, 0) << terminal.screen();
-  const auto& screen = terminal.screen();
-  // One line, drawn again over itself: the cursor goes up one line before each redraw.
-  EXPECT_TRUE(screen.contains("\x1b[1A")) << screen;
-  EXPECT_TRUE(screen.contains("\x1b[2K")) << screen;
-  EXPECT_TRUE(std::regex_search(screen, std::regex(R"(Downloading \(\d+\.\d\d%\))"))) << screen;
-  EXPECT_TRUE(screen.contains("[------------------------]")) << "an empty bar";
-  // What stays on the screen: the summary and one line for the app, full bar, "Managed".
-  const auto rows = replay(screen);
-  ASSERT_FALSE(rows.empty()) << screen;
-  const auto& last = rows.back();
-  EXPECT_TRUE(last.starts_with("dev.corvane.sample.notes")) << last;
-  EXPECT_TRUE(last.contains("[########################]")) << last;
-  EXPECT_TRUE(last.ends_with("Managed")) << last;
-  EXPECT_EQ(std::count_if(rows.begin(), rows.end(),
-                          [](const std::string& row) { return row.contains("sample.notes"); }),
-            1)
-      << "the app's line was repeated instead of redrawn: " << screen;
+  Tmux terminal(80, 12, command({"add", "--wait", declaration}), environment());
+  ASSERT_TRUE(terminal.waitUntil(
+      [](const std::vector<std::string>& rows) {
+        const auto apps = appRows(rows);
+        return apps.size() == 1 && apps.front().contains("%)");
+      },
+      bound))
+      << terminal.text();
+  terminal.resize(40, 12);
+  ASSERT_EQ(terminal.exitStatus(bound), 0) << terminal.text();
+  const auto rows = terminal.screen(true);
+  expectClipped(rows, 40);
+  const auto apps = appRows(rows);
+  ASSERT_EQ(apps.size(), 1U) << terminal.text(true);
+  EXPECT_TRUE(apps.front().ends_with("Managed")) << apps.front();
 }
 
 TEST_F(CvnctlTest, ProgressOfSeveralAppsKeepsOneLineEach) {
   startDaemon({"--tick-ms", "20", "--verbose"});
   declare("D-maps", mapsItem, "onDemand");
   declare("D-notes", notesItem, "onDemand");
-  PtyProcess terminal(command({"progress"}), environment());
+  Tmux terminal(100, 10, command({"progress"}), environment());
   awaitRegistration();
   ASSERT_EQ(run({"install", "--wait"}).status, 0);
-  auto bothManaged = [](const std::string& screen) {
-    const auto rows = replay(screen);
-    return std::count_if(rows.begin(), rows.end(),
-                         [](const std::string& row) {
-                           return row.contains("dev.corvane.sample.") && row.ends_with("Managed");
-                         })
-           == 2;
+  auto bothManaged = [](const std::vector<std::string>& rows) {
+    const auto apps = appRows(rows);
+    return apps.size() == 2 && std::all_of(apps.begin(), apps.end(), [](const std::string& row) {
+             return row.contains("[########################]") && row.ends_with("Managed");
+           });
   };
-  ASSERT_TRUE(terminal.waitUntil(bothManaged, bound)) << terminal.screen();
-  EXPECT_TRUE(terminal.screen().contains("\x1b[2A")) << "two lines redrawn together";
-  terminal.signal(SIGINT);
-  EXPECT_EQ(terminal.wait(bound), 0) << terminal.screen();
-  const auto rows = replay(terminal.screen());
-  std::vector<std::string> appRows;
-  for (const auto& row : rows)
-    if (row.contains("dev.corvane.sample.")) appRows.push_back(row);
-  ASSERT_EQ(appRows.size(), 2U) << terminal.screen();
-  for (const auto& row : appRows) EXPECT_TRUE(row.ends_with("Managed")) << row;
+  ASSERT_TRUE(terminal.waitUntil(bothManaged, bound)) << terminal.text();
+  EXPECT_EQ(appRows(terminal.screen(true)).size(), 2U) << terminal.text(true);
+  // Nothing changes any more: only SIGWINCH makes the display redraw for a narrower window.
+  terminal.resize(40, 10);
+  EXPECT_TRUE(terminal.waitUntil(
+      [](const std::vector<std::string>& rows) {
+        const auto apps = appRows(rows);
+        return apps.size() == 2
+               && std::all_of(rows.begin(), rows.end(),
+                              [](const std::string& row) { return row.size() < 40; })
+               && std::all_of(apps.begin(), apps.end(),
+                              [](const std::string& row) { return row.ends_with("Managed"); });
+      },
+      bound))
+      << terminal.text(true);
+}
+
+TEST_F(CvnctlTest, ProgressIsLineOrientedForADumbTerminal) {
+  startDaemon({"--tick-ms", "20"});
+  const auto declaration = writeFile("notes.json", declarationJson("D-notes", notesItem));
+  auto environment = CvnctlTest::environment();
+  environment["TERM"] = "dumb";
+  Tmux terminal(80, 40, command({"add", "--wait", declaration}), environment);
+  ASSERT_EQ(terminal.exitStatus(bound), 0) << terminal.text();
+  const auto rows = terminal.screen(true);
+  // Each change is a line of its own: nothing was drawn over.
+  const auto apps = appRows(rows);
+  ASSERT_GE(apps.size(), 2U) << terminal.text(true);
+  for (const auto& row : apps) EXPECT_TRUE(row.starts_with("dev.corvane.sample.notes: ")) << row;
+  EXPECT_EQ(apps.back(), "dev.corvane.sample.notes: Managed");
 }
 
 }  // namespace
