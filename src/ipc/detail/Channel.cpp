@@ -398,11 +398,13 @@ void Channel::deliver(std::vector<SessionEvent>& events) {
 void Channel::dispatch(Frame frame) {
   std::shared_ptr<ExportedObject> object;
   std::shared_ptr<const InterfaceDescription> interface;
+  bool closed = false;
   {
     const std::lock_guard state(mutex_);
     --deliveriesQueued_;
     object = exportedObject_;
     interface = exportedInterface_;
+    closed = tornDown_;
   }
   const bool isCall = frame.kind == FrameKind::call;
   auto refused = object ? refusal(interface.get(), frame) : "no exported object for " + frame.name;
@@ -410,7 +412,11 @@ void Channel::dispatch(Frame frame) {
     answer(frame.serial, std::nullopt, *refused);
     return;
   }
-  if (refused) {
+  if (refused && closed) {
+    // Arrived just before the connection closed (say, as the process ends): nothing is wrong.
+    LogCategory::tether().debug("Dropped message {} that arrived as the connection closed",
+                                frame.name);
+  } else if (refused) {
     LogCategory::tether().error("Dropped message {}: {}", frame.name, *refused);
   } else {
     Reply reply = isCall ? Reply(weak_from_this(), frame.serial) : Reply();
