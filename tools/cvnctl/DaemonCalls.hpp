@@ -97,14 +97,15 @@ T awaitCall(Start&& start, const Options& options) {
   std::optional<Stored> value;
   const auto run = runBounded(
       [&](auto wrap) {
-        std::forward<Start>(start)(wrap([&](std::exception_ptr error, auto&&... answer) {
-          failure = std::move(error);
-          if constexpr (std::is_void_v<T>) {
-            value.emplace(true);
-          } else {
-            value.emplace(std::forward<decltype(answer)>(answer)...);
-          }
-        }));
+        std::forward<Start>(start)(
+            wrap([&](std::exception_ptr error, [[maybe_unused]] auto&&... answer) {
+              failure = std::move(error);
+              if constexpr (std::is_void_v<T>) {
+                value.emplace(true);
+              } else {
+                value.emplace(std::forward<decltype(answer)>(answer)...);
+              }
+            }));
       },
       answerTime(options));
   if (run.signal) {

@@ -10,7 +10,7 @@ namespace cvnctl {
 
 /// The largest declaration document cvnctl reads: a declaration is a few hundred bytes, so
 /// anything near this is a mistake (a wrong file, a device).
-inline constexpr std::size_t maxDeclarationSize = 1024 * 1024;
+inline constexpr std::size_t maxDeclarationSize = std::size_t{1024} * 1024;
 
 /// Reads a `ManagedAppDeclaration` in its coded JSON form from the file `path`, or from standard
 /// input for "-". Throws `UsageError` for a file that cannot be read, is not a regular file or is

@@ -100,7 +100,7 @@ void InstallWaiter::fail(Failure failure) {
   loop_.finish(status);
 }
 
-void InstallWaiter::failWith(std::exception_ptr problem) {
+void InstallWaiter::failWith(const std::exception_ptr& problem) {
   fail(describeFailure(problem, socketPath_));
 }
 

@@ -53,7 +53,7 @@ class InstallWaiter {
   void armTimer();
   /// Ends the wait with `failure` (the first one counts).
   void fail(Failure failure);
-  void failWith(std::exception_ptr problem);
+  void failWith(const std::exception_ptr& problem);
 
   Output& output_;
   const Options& options_;
