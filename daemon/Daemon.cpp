@@ -1,5 +1,7 @@
 #include "Daemon.hpp"
 
+#include "SimulatedBackend.hpp"
+
 #include <corvane/coding/CodingError.hpp>
 #include <corvane/coding/ServiceResult.hpp>
 #include <corvane/coding/TetherDecoder.hpp>
@@ -161,7 +163,9 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
       options_(std::move(options)),
       catalog_(std::move(catalog)),
       store_(options_.stateFile),
-      engine_(EngineSettings{.failures = options_.installFailures}),
+      backend_(std::make_unique<SimulatedBackend>(
+          SimulationSettings{.failures = options_.installFailures})),
+      engine_(*backend_),
       tickTimer_(io),
       idleTimer_(io) {
   if (options_.allowGroup) {

@@ -2,6 +2,7 @@
 
 #include "Catalog.hpp"
 #include "Engine.hpp"
+#include "InstallBackend.hpp"
 #include "Options.hpp"
 #include "Store.hpp"
 
@@ -116,6 +117,7 @@ class Daemon {
   Options options_;
   Catalog catalog_;
   Store store_;
+  std::unique_ptr<InstallBackend> backend_;
   Engine engine_;
   std::map<std::string, ManagedAppDeclaration, std::less<>> declarations_;
   std::map<std::uint64_t, Client> clients_;

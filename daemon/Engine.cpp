@@ -1,7 +1,7 @@
 #include "Engine.hpp"
 
 #include <algorithm>
-#include <cmath>
+#include <iterator>
 #include <utility>
 
 namespace corvane::sim {
@@ -12,16 +12,10 @@ bool underWay(Phase phase) noexcept {
   return phase == Phase::waiting || phase == Phase::downloading || phase == Phase::installing;
 }
 
-// One step further on a scale of `steps`, computed from the step count so that repeated
-// additions never drift past 1 or stop just short of it.
-double stepped(double progress, int steps) {
-  const double total = std::max(steps, 1);
-  return std::min(1.0, (std::round(progress * total) + 1) / total);
-}
-
 }  // namespace
 
-Engine::Engine(EngineSettings settings) : settings_(std::move(settings)) {}
+Engine::Engine(InstallBackend& backend, EngineSettings settings)
+    : backend_(backend), settings_(settings) {}
 
 AppRecord* Engine::findMutable(std::string_view bundleID) {
   const auto found = apps_.find(bundleID);
@@ -41,6 +35,7 @@ const AppRecord* Engine::findDeclared(std::string_view declarationIdentifier) co
 
 void Engine::remember(std::string_view bundleID) {
   if (!queueBefore_) queueBefore_ = queue_;
+  if (!jobsBefore_) jobsBefore_ = jobs_;
   if (before_.contains(bundleID)) return;
   const AppRecord* record = find(bundleID);
   before_.emplace(std::string(bundleID), record ? std::optional(*record) : std::nullopt);
@@ -90,6 +85,7 @@ bool Engine::cancel(std::string_view bundleID) {
   if (record == nullptr || !underWay(record->phase)) return false;
   remember(bundleID);
   std::erase(queue_, bundleID);
+  stopJob(bundleID);
   record->phase = Phase::optional;
   record->progress = 0;
   changed(*record, true);
@@ -100,6 +96,7 @@ bool Engine::uninstall(std::string_view bundleID) {
   AppRecord* record = findMutable(bundleID);
   if (record == nullptr || record->phase != Phase::managed) return false;
   remember(bundleID);
+  commands_.push_back(Command{Command::Kind::uninstall, 0, *record});
   record->phase = Phase::optional;
   record->progress = 0;
   record->reasons.clear();
@@ -112,6 +109,10 @@ bool Engine::remove(std::string_view bundleID) {
   if (found == apps_.end()) return false;
   remember(bundleID);
   std::erase(queue_, bundleID);
+  stopJob(bundleID);
+  // What the daemon installed goes with the app.
+  if (found->second.phase == Phase::managed)
+    commands_.push_back(Command{Command::Kind::uninstall, 0, found->second});
   changes_.push_back(Change{std::move(found->second), true, true});
   apps_.erase(found);
   return true;
@@ -122,6 +123,7 @@ bool Engine::fail(std::string_view bundleID, ManagedAppStatus::Reason reason) {
   if (record == nullptr) return false;
   remember(bundleID);
   std::erase(queue_, bundleID);
+  stopJob(bundleID);
   record->phase = Phase::failed;
   record->progress = 0;
   record->reasons = {reason};
@@ -142,38 +144,65 @@ std::size_t Engine::clearFailures() {
   return cleared;
 }
 
-void Engine::finishStep(AppRecord& record) {
-  const auto failure = settings_.failures.find(record.bundleID);
-  const bool failsNow = failure != settings_.failures.end()
-                        && ((failure->second == ManagedAppStatus::Reason::downloadFailed)
-                            == (record.phase == Phase::downloading));
-  if (failsNow) {
-    record.phase = Phase::failed;
-    record.progress = 0;
-    record.reasons = {failure->second};
-  } else if (record.phase == Phase::downloading) {
-    record.phase = Phase::installing;
-    record.progress = 0;
-  } else {
-    record.phase = Phase::managed;
-    record.progress = 0;
-    record.reasons.clear();
+void Engine::stopJob(std::string_view bundleID) {
+  const auto job = jobs_.find(bundleID);
+  if (job == jobs_.end()) return;
+  AppRecord stopped;
+  stopped.bundleID = job->first;
+  commands_.push_back(Command{Command::Kind::cancel, job->second, std::move(stopped)});
+  jobs_.erase(job);
+}
+
+void Engine::apply(const InstallReport& report) {
+  const auto job = jobs_.find(report.bundleID);
+  // A report about a job that was cancelled or replaced since.
+  if (job == jobs_.end() || job->second != report.job) return;
+  AppRecord* record = findMutable(report.bundleID);
+  if (record == nullptr) return;
+  remember(report.bundleID);
+  using Kind = InstallReport::Kind;
+  switch (report.kind) {
+    case Kind::progressed:
+      record->progress = std::clamp(report.progress, 0.0, 1.0);
+      changed(*record, false);
+      return;
+    case Kind::downloaded:
+      record->phase = Phase::installing;
+      record->progress = 0;
+      break;
+    case Kind::installed:
+      record->phase = Phase::managed;
+      record->progress = 0;
+      record->reasons.clear();
+      if (report.version) record->version = *report.version;
+      jobs_.erase(job);
+      break;
+    case Kind::failed:
+      record->phase = Phase::failed;
+      record->progress = 0;
+      record->reasons = {report.reason};
+      jobs_.erase(job);
+      break;
   }
+  changed(*record, true);
 }
 
 void Engine::tick() {
-  std::size_t active = 0;
-  for (auto& [bundleID, record] : apps_) {
-    if (record.phase != Phase::downloading && record.phase != Phase::installing) continue;
-    remember(bundleID);
-    const int steps =
-        record.phase == Phase::downloading ? settings_.downloadSteps : settings_.installSteps;
-    record.progress = stepped(record.progress, steps);
-    const bool done = record.progress >= 1.0;
-    if (done) finishStep(record);
-    changed(record, done);
-    if (record.phase == Phase::downloading || record.phase == Phase::installing) ++active;
+  backend_.tick();
+  update();
+}
+
+void Engine::update() {
+  auto reports = backend_.takeReports();
+  unapplied_.insert(unapplied_.end(), std::make_move_iterator(reports.begin()),
+                    std::make_move_iterator(reports.end()));
+  for (auto& report : std::exchange(unapplied_, {})) {
+    apply(report);
+    applied_.push_back(std::move(report));
   }
+  std::size_t active = 0;
+  for (const auto& [bundleID, record] : apps_)
+    if (record.phase == Phase::downloading || record.phase == Phase::installing) ++active;
   // Waiting installs start once a place is free, oldest first.
   while (active < settings_.parallelInstalls && !queue_.empty()) {
     const std::string next = queue_.front();
@@ -183,6 +212,9 @@ void Engine::tick() {
     if (record == nullptr || record->phase != Phase::waiting) continue;
     record->phase = Phase::downloading;
     record->progress = 0;
+    const std::uint64_t job = nextJob_++;
+    jobs_.insert_or_assign(next, job);
+    commands_.push_back(Command{Command::Kind::start, job, *record});
     changed(*record, true);
     ++active;
   }
@@ -202,6 +234,21 @@ std::vector<AppRecord> Engine::records() const {
 std::vector<Engine::Change> Engine::takeChanges() {
   before_.clear();
   queueBefore_.reset();
+  jobsBefore_.reset();
+  applied_.clear();
+  for (auto& command : std::exchange(commands_, {})) {
+    switch (command.kind) {
+      case Command::Kind::start:
+        backend_.start(command.job, command.record);
+        break;
+      case Command::Kind::cancel:
+        backend_.cancel(command.job, command.record.bundleID);
+        break;
+      case Command::Kind::uninstall:
+        backend_.uninstall(command.record);
+        break;
+    }
+  }
   return std::exchange(changes_, {});
 }
 
@@ -213,9 +260,16 @@ void Engine::rollback() {
       apps_.erase(bundleID);
   }
   if (queueBefore_) queue_ = std::move(*queueBefore_);
+  if (jobsBefore_) jobs_ = std::move(*jobsBefore_);
   before_.clear();
   queueBefore_.reset();
+  jobsBefore_.reset();
   changes_.clear();
+  commands_.clear();
+  // What the backend reported still happened: it is applied again, before anything newer.
+  applied_.insert(applied_.end(), std::make_move_iterator(unapplied_.begin()),
+                  std::make_move_iterator(unapplied_.end()));
+  unapplied_ = std::exchange(applied_, {});
 }
 
 }  // namespace corvane::sim

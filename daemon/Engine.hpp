@@ -1,10 +1,12 @@
 #pragma once
 
 #include "AppRecord.hpp"
+#include "InstallBackend.hpp"
 
 #include <corvane/model/ManagedAppStatus.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -14,27 +16,22 @@
 
 namespace corvane::sim {
 
-/// How the simulated installs go.
+/// How the engine schedules installs.
 struct EngineSettings {
-  /// Ticks a download takes (its progress moves by 1/downloadSteps a tick).
-  int downloadSteps = 5;
-  /// Ticks an installation takes once downloaded.
-  int installSteps = 2;
   /// Installs that download or install at the same time; the rest wait.
   std::size_t parallelInstalls = 2;
-  /// Apps whose install fails on purpose, with the reason reported. downloadFailed fails at the
-  /// end of the download, every other reason at the end of the installation.
-  std::map<std::string, ManagedAppStatus::Reason, std::less<>> failures;
 };
 
-/// The simulated install engine: a state machine over the apps the daemon looks after, stepped
-/// by `tick()` and by the daemon's requests. It knows no clock, socket or database: the daemon
-/// ticks it on a timer (tests tick it by hand) and takes the changes to store and publish. The
-/// changes since they were last taken can be undone, so that the engine never holds a change the
-/// store refused.
+/// The install engine: a state machine over the apps the daemon looks after. It decides what is
+/// installed and when (the queue, how many at once, cancel, the phases an app passes through);
+/// its backend does the work of each install and reports on it. The engine knows no clock,
+/// socket or database: the daemon steps it when the backend has something to say (tests step it
+/// by hand) and takes the changes to store and publish. The changes since they were last taken
+/// can be undone, so that the engine never holds a change the store refused; the backend is told
+/// what to do only when the changes are taken, so it never acts on a refused change either.
 ///
-///   optional --install--> waiting --tick--> downloading(0 .. 1) --> installing(0 .. 1) --> managed
-///   failed <-- (a failure on purpose, or an app the catalogue does not know)
+///   optional --install--> waiting --start--> downloading(0 .. 1) --> installing(0 .. 1) -->
+///   managed failed <-- (the backend failed, or an app nobody can verify)
 ///   waiting/downloading/installing --cancel--> optional
 ///
 /// Not thread-safe: one owner drives it.
@@ -48,7 +45,10 @@ class Engine {
     bool phaseChanged = false;
   };
 
-  explicit Engine(EngineSettings settings = {});
+  /// `backend` must outlive the engine.
+  explicit Engine(InstallBackend& backend, EngineSettings settings = {});
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
 
   /// Starts looking after `record`, or replaces the identity (declaration, name, version) of the
   /// app with its bundle identifier while keeping where its install stands.
@@ -70,8 +70,10 @@ class Engine {
   /// many there were.
   std::size_t clearFailures();
 
-  /// One step of the clock.
+  /// One step of the daemon's clock: the backend's tick, then `update()`.
   void tick();
+  /// Applies what the backend reported, then starts waiting installs while there is room.
+  void update();
   /// Whether any install waits, downloads or installs (the clock has something to do).
   [[nodiscard]] bool busy() const noexcept;
 
@@ -85,10 +87,12 @@ class Engine {
   /// The changes since the last `takeChanges()` or `rollback()`, oldest first.
   [[nodiscard]] const std::vector<Change>& changes() const noexcept { return changes_; }
   /// The changes since the last call, oldest first. Taken changes are kept: `rollback()` no
-  /// longer undoes them.
+  /// longer undoes them, and the backend is told now to start, cancel or uninstall what they
+  /// asked for.
   [[nodiscard]] std::vector<Change> takeChanges();
   /// Undoes every change since the last `takeChanges()`: the apps and the queue are as they were
-  /// then, and no change is pending.
+  /// then, and no change is pending. The backend's reports applied since then are applied again
+  /// by the next `update()`.
   void rollback();
 
  private:
@@ -97,9 +101,26 @@ class Engine {
   /// last taken, for `rollback()`. Called before anything about the app changes.
   void remember(std::string_view bundleID);
   void changed(const AppRecord& record, bool phaseChanged);
-  void finishStep(AppRecord& record);
+  /// What the backend is told once the changes are taken.
+  struct Command {
+    enum class Kind { start, cancel, uninstall } kind;
+    std::uint64_t job = 0;
+    AppRecord record;
+  };
+  void apply(const InstallReport& report);
+  /// Stops the backend's job for `bundleID`, if one runs.
+  void stopJob(std::string_view bundleID);
 
+  InstallBackend& backend_;
   EngineSettings settings_;
+  // The backend's job for each app it works on, and the next job's number.
+  std::map<std::string, std::uint64_t, std::less<>> jobs_;
+  std::uint64_t nextJob_ = 1;
+  std::vector<Command> commands_;
+  // Reports applied since the changes were last taken (applied again after a rollback), and
+  // reports taken from the backend but not yet applied.
+  std::vector<InstallReport> applied_;
+  std::vector<InstallReport> unapplied_;
   std::map<std::string, AppRecord, std::less<>> apps_;
   std::vector<std::string> queue_;  // waiting apps, oldest first
   std::vector<Change> changes_;
@@ -107,6 +128,7 @@ class Engine {
   // before (empty: it was not there), and the queue.
   std::map<std::string, std::optional<AppRecord>, std::less<>> before_;
   std::optional<std::vector<std::string>> queueBefore_;
+  std::optional<std::map<std::string, std::uint64_t, std::less<>>> jobsBefore_;
 };
 
 }  // namespace corvane::sim

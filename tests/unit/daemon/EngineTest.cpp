@@ -1,13 +1,18 @@
-// The install engine stepped by hand: every state an app passes through, in order.
+// The install engine over the simulated backend, stepped by hand: every state an app passes
+// through, in order.
 
 #include "Engine.hpp"
+#include "SimulatedBackend.hpp"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace corvane::sim {
@@ -15,13 +20,15 @@ namespace {
 
 using Reason = ManagedAppStatus::Reason;
 
-EngineSettings settings(int downloadSteps, int installSteps, std::size_t parallel = 2) {
-  EngineSettings result;
-  result.downloadSteps = downloadSteps;
-  result.installSteps = installSteps;
-  result.parallelInstalls = parallel;
-  return result;
-}
+// An engine and the backend it drives.
+struct Rig {
+  explicit Rig(int downloadSteps = 5, int installSteps = 2, std::size_t parallel = 2,
+               std::map<std::string, Reason, std::less<>> failures = {})
+      : backend(SimulationSettings{downloadSteps, installSteps, std::move(failures)}),
+        engine(backend, EngineSettings{parallel}) {}
+  SimulatedBackend backend;
+  Engine engine;
+};
 
 AppRecord app(std::string bundleID) {
   AppRecord record;
@@ -45,6 +52,7 @@ std::vector<std::string> statesOf(const std::vector<Engine::Change>& changes,
 // Every app's states as the changes went through them, in order.
 std::vector<std::string> statesOfAll(const std::vector<Engine::Change>& changes) {
   std::vector<std::string> states;
+  states.reserve(changes.size());
   for (const auto& change : changes)
     states.push_back(
         fmt::format("{}: {}", change.record.bundleID,
@@ -64,7 +72,8 @@ std::vector<Engine::Change> runToRest(Engine& engine, int limit = 100) {
 }
 
 TEST(Engine, AnInstallPassesThroughEveryStateInOrder) {
-  Engine engine(settings(4, 2));
+  Rig rig(4, 2);
+  Engine& engine = rig.engine;
   engine.put(app("a"));
   ASSERT_TRUE(engine.install("a"));
   const auto changes = runToRest(engine);
@@ -84,7 +93,8 @@ TEST(Engine, AnInstallPassesThroughEveryStateInOrder) {
 }
 
 TEST(Engine, AtMostTheParallelLimitRunsAndTheRestWaitInOrder) {
-  Engine engine(settings(2, 1, 2));
+  Rig rig(2, 1, 2);
+  Engine& engine = rig.engine;
   for (const char* name : {"a", "b", "c"}) {
     engine.put(app(name));
     engine.install(name);
@@ -119,11 +129,17 @@ TEST(Engine, CancelRemoveAndUninstallInEachPhase) {
       {"uninstall managed", 20, &Engine::uninstall, true, Phase::optional},
   };
   for (const auto& row : table) {
-    Engine engine(settings(2, 2));
+    Rig rig(2, 2);
+    Engine& engine = rig.engine;
     engine.put(app("a"));
     engine.install("a");
-    for (int i = 0; i < row.ticks; ++i) engine.tick();
+    // Each tick's changes are taken, as the daemon commits them: only then does the backend
+    // hear of them.
     (void)engine.takeChanges();
+    for (int i = 0; i < row.ticks; ++i) {
+      engine.tick();
+      (void)engine.takeChanges();
+    }
     EXPECT_EQ((engine.*row.action)("a"), row.expected) << row.what;
     const AppRecord* record = engine.find("a");
     EXPECT_EQ(record ? std::optional(record->phase) : std::nullopt, row.after) << row.what;
@@ -146,9 +162,8 @@ TEST(Engine, FailuresOnPurposeHappenWhereTheirReasonSays) {
   };
   for (const auto& row : {Row{Reason::downloadFailed, false}, Row{Reason::installFailed, true},
                           Row{Reason::licenseNotFound, true}}) {
-    EngineSettings failing = settings(2, 2);
-    failing.failures = {{"a", row.reason}};
-    Engine engine(failing);
+    Rig rig(2, 2, 2, {{"a", row.reason}});
+    Engine& engine = rig.engine;
     engine.put(app("a"));
     engine.put(app("b"));
     engine.install("a");
@@ -167,7 +182,8 @@ TEST(Engine, FailuresOnPurposeHappenWhereTheirReasonSays) {
 }
 
 TEST(Engine, InstallIsRefusedWhereItMakesNoSense) {
-  Engine engine;
+  Rig rig;
+  Engine& engine = rig.engine;
   EXPECT_FALSE(engine.install("unknown"));
   engine.put(app("a"));
   EXPECT_TRUE(engine.install("a"));
@@ -180,7 +196,8 @@ TEST(Engine, InstallIsRefusedWhereItMakesNoSense) {
 }
 
 TEST(Engine, PutKeepsWhereAnInstallStandsAndRestartsOneTakenFromStorage) {
-  Engine engine(settings(4, 1));
+  Rig rig(4, 1);
+  Engine& engine = rig.engine;
   engine.put(app("a"));
   engine.install("a");
   engine.tick();
@@ -192,7 +209,8 @@ TEST(Engine, PutKeepsWhereAnInstallStandsAndRestartsOneTakenFromStorage) {
   EXPECT_EQ(engine.find("a")->name, "Renamed");
 
   // A record stored while downloading (the daemon stopped) starts again from the queue.
-  Engine restarted;
+  Rig restartedRig;
+  Engine& restarted = restartedRig.engine;
   AppRecord stored = app("b");
   stored.phase = Phase::downloading;
   stored.progress = 0.5;
@@ -214,8 +232,7 @@ std::vector<std::string> describe(const Engine& engine) {
 
 TEST(Engine, RollbackUndoesEveryKindOfChangeSinceTheChangesWereTaken) {
   // One app in each phase: a managed, b downloading, c and d waiting (two at a time), e failed.
-  const auto prepared = [] {
-    Engine engine(settings(3, 2));
+  const auto prepare = [](Engine& engine) {
     for (const char* name : {"a", "b", "c", "d", "e"}) engine.put(app(name));
     engine.install("a");
     runToRest(engine);
@@ -223,7 +240,6 @@ TEST(Engine, RollbackUndoesEveryKindOfChangeSinceTheChangesWereTaken) {
     engine.tick();
     engine.fail("e", Reason::installFailed);
     (void)engine.takeChanges();
-    return engine;
   };
   struct Row {
     const char* what;
@@ -251,22 +267,27 @@ TEST(Engine, RollbackUndoesEveryKindOfChangeSinceTheChangesWereTaken) {
        }},
   };
   for (const auto& row : table) {
-    Engine engine = prepared();
-    const Engine untouched = engine;
+    Rig rig(3, 2);
+    Engine& engine = rig.engine;
+    prepare(engine);
+    Rig untouched(3, 2);
+    Engine& expected = untouched.engine;
+    prepare(expected);
     row.change(engine);
     EXPECT_FALSE(engine.changes().empty()) << row.what;
     engine.rollback();
     EXPECT_TRUE(engine.changes().empty()) << row.what;
-    EXPECT_EQ(engine.records(), untouched.records()) << row.what;
-    // The queue is back too: from here both go through the same states in the same order.
-    Engine expected = untouched;
+    EXPECT_EQ(engine.records(), expected.records()) << row.what;
+    // The queue and the backend's jobs are back too, and what the backend reported is applied
+    // again: from here both go through the same states in the same order.
     EXPECT_EQ(statesOfAll(runToRest(engine)), statesOfAll(runToRest(expected))) << row.what;
     EXPECT_EQ(describe(engine), describe(expected)) << row.what;
   }
 }
 
 TEST(Engine, RollbackKeepsWhatWasTaken) {
-  Engine engine(settings(2, 1));
+  Rig rig(2, 1);
+  Engine& engine = rig.engine;
   engine.put(app("a"));
   engine.install("a");
   (void)engine.takeChanges();
@@ -278,6 +299,85 @@ TEST(Engine, RollbackKeepsWhatWasTaken) {
   EXPECT_EQ(engine.find("a")->phase, Phase::waiting);
   runToRest(engine);
   EXPECT_EQ(engine.find("a")->phase, Phase::managed);
+}
+
+// A backend that does what the test says: it logs what it is told and reports what it is given.
+class ScriptedBackend final : public InstallBackend {
+ public:
+  void start(std::uint64_t job, const AppRecord& app) override {
+    log.push_back(fmt::format("start {}#{}", app.bundleID, job));
+  }
+  void cancel(std::uint64_t job, const std::string& bundleID) override {
+    log.push_back(fmt::format("cancel {}#{}", bundleID, job));
+  }
+  void uninstall(const AppRecord& app) override { log.push_back("uninstall " + app.bundleID); }
+  std::vector<InstallReport> takeReports() override { return std::exchange(reports, {}); }
+
+  void report(std::uint64_t job, InstallReport::Kind kind,
+              std::optional<std::string> version = {}) {
+    InstallReport report;
+    report.job = job;
+    report.bundleID = "a";
+    report.kind = kind;
+    report.version = std::move(version);
+    reports.push_back(std::move(report));
+  }
+  std::vector<std::string> takeLog() { return std::exchange(log, {}); }
+
+  std::vector<std::string> log;
+  std::vector<InstallReport> reports;
+};
+
+TEST(Engine, TheBackendHearsOnlyOfTakenChangesAndLateReportsAreIgnored) {
+  using Log = std::vector<std::string>;
+  using Kind = InstallReport::Kind;
+  ScriptedBackend backend;
+  Engine engine(backend);
+  engine.put(app("a"));
+  engine.install("a");
+  engine.update();
+  EXPECT_EQ(backend.takeLog(), Log{});  // nothing committed yet
+  (void)engine.takeChanges();
+  EXPECT_EQ(backend.takeLog(), Log{"start a#1"});
+
+  // A cancel that is rolled back reaches no backend.
+  engine.cancel("a");
+  engine.rollback();
+  (void)engine.takeChanges();
+  EXPECT_EQ(backend.takeLog(), Log{});
+  EXPECT_EQ(engine.find("a")->phase, Phase::downloading);
+  engine.cancel("a");
+  (void)engine.takeChanges();
+  EXPECT_EQ(backend.takeLog(), Log{"cancel a#1"});
+
+  // The cancelled job finished anyway: its report no longer counts.
+  backend.report(1, Kind::installed);
+  engine.update();
+  EXPECT_EQ(engine.find("a")->phase, Phase::optional);
+
+  engine.install("a");
+  engine.update();
+  (void)engine.takeChanges();
+  EXPECT_EQ(backend.takeLog(), Log{"start a#2"});
+  backend.report(2, Kind::progressed);
+  backend.reports.back().progress = 0.5;
+  backend.report(2, Kind::downloaded);
+  backend.report(2, Kind::installed, "2.0");
+  engine.update();
+  EXPECT_EQ(engine.find("a")->phase, Phase::managed);
+  // A store that refuses the change does not lose what the backend said: it is applied again.
+  engine.rollback();
+  EXPECT_EQ(engine.find("a")->phase, Phase::downloading);
+  engine.update();
+  EXPECT_EQ(engine.find("a")->phase, Phase::managed);
+  EXPECT_EQ(engine.find("a")->version, "2.0");
+  EXPECT_EQ(statesOf(engine.takeChanges(), "a"),
+            (Log{"Downloading (50.00%)", "Installing (0.00%)", "Managed"}));
+
+  // What the daemon installed goes when the app is no longer looked after.
+  engine.remove("a");
+  (void)engine.takeChanges();
+  EXPECT_EQ(backend.takeLog(), Log{"uninstall a"});
 }
 
 }  // namespace

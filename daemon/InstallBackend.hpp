@@ -1,0 +1,64 @@
+#pragma once
+
+#include "AppRecord.hpp"
+
+#include <corvane/model/ManagedAppStatus.hpp>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvane::sim {
+
+/// What a backend says about one install it runs. The engine applies reports in order; a report
+/// about a job the engine no longer runs (cancelled, restarted) is ignored.
+struct InstallReport {
+  enum class Kind {
+    /// Progress within the current phase moved (`progress`, 0 to 1).
+    progressed,
+    /// The download is complete: the install proper begins.
+    downloaded,
+    /// The app is installed; `version` is what is on the device now, when the backend knows it.
+    installed,
+    /// The install stopped; `reason` says which step failed.
+    failed,
+  };
+  std::uint64_t job = 0;
+  std::string bundleID;
+  Kind kind = Kind::progressed;
+  double progress = 0;
+  ManagedAppStatus::Reason reason = ManagedAppStatus::Reason::installFailed;
+  /// What the backend knows about why it failed, for the log.
+  std::string detail;
+  std::optional<std::string> version;
+};
+
+/// What installs an app on the device. The engine decides what to install and when (the queue,
+/// how many at once, cancel, the phases an app passes through); a backend does the work of one
+/// install and reports on it. The engine calls a backend only once its own changes are committed,
+/// so a backend never acts on a change the store refused.
+///
+/// Threads: every call comes from the engine's owner (the daemon's thread). A backend that works
+/// on other threads hands its reports over through `takeReports()`.
+class InstallBackend {
+ public:
+  virtual ~InstallBackend() = default;
+  InstallBackend() = default;
+  InstallBackend(const InstallBackend&) = delete;
+  InstallBackend& operator=(const InstallBackend&) = delete;
+
+  /// Begins downloading and installing `app`; `job` numbers this attempt in the reports.
+  virtual void start(std::uint64_t job, const AppRecord& app) = 0;
+  /// Stops the install `job` of `bundleID` if it still runs; nothing is reported for it after.
+  virtual void cancel(std::uint64_t job, const std::string& bundleID) = 0;
+  /// Takes `app` off the device (it was installed by the daemon).
+  virtual void uninstall(const AppRecord& app) = 0;
+  /// The reports since the last call, oldest first.
+  [[nodiscard]] virtual std::vector<InstallReport> takeReports() = 0;
+  /// One step of the daemon's clock while installs are under way: a backend that reports on its
+  /// own has nothing to do here.
+  virtual void tick() {}
+};
+
+}  // namespace corvane::sim
