@@ -18,6 +18,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -69,48 +70,69 @@ class Daemon {
     ipc::RemoteProxy proxy;
     std::unordered_set<MessageRegistration> registrations;
   };
-  class Calls;
 
-  // Arrivals, departures and calls, on the io_context.
+  /// What an operation may do: only callers allowed to change state reach those that change it.
+  enum class Effect { readsState, changesState, concernsCaller };
+  /// Performs an operation for `caller`; returns the encoded reply, or throws Refusal,
+  /// CodingError (a malformed argument) or StoreError.
+  using Handler = Bytes (Daemon::*)(Client& caller, const std::optional<Bytes>& argument);
+  /// One operation of the service, described once: its name, what it may do, what performs it.
+  struct Operation {
+    std::string_view name;
+    Effect effect;
+    Handler handler;
+  };
+  /// Every operation the daemon serves; each client's calls reach them through an
+  /// ipc::OperationTable made from this list.
+  static const std::array<Operation, 13> operations;
+
+  // Clients and access (DaemonClients.cpp).
+  void accept(ipc::Peer& peer);
+  [[nodiscard]] bool mayChangeState(const ipc::PeerCredentials& credentials) const;
   void clientArrived(std::uint64_t id, const ipc::Peer& peer, bool mayChangeState);
   void clientGone(std::uint64_t id);
-  void dispatch(std::uint64_t clientID, const std::string& operation, std::optional<Bytes> argument,
+
+  // Calls, on the io_context (Daemon.cpp).
+  void dispatch(std::uint64_t clientID, const Operation& operation, std::optional<Bytes> argument,
                 ipc::Reply reply);
   void answer(ipc::Reply reply, Bytes result);
-  [[nodiscard]] Bytes perform(Client* client, std::string_view operation,
-                              const std::optional<Bytes>& argument);
 
-  // The operations; each returns the encoded reply.
-  Bytes addOrUpdate(const Bytes& argument);
-  Bytes removeDeclaration(const Bytes& argument);
-  Bytes declarationStatus(const Bytes& argument) const;
-  Bytes declarationKeys() const;
-  Bytes resetHistory();
-  Bytes poll();
-  Bytes vppInstall(const Bytes& argument);
-  Bytes enterpriseInstall(const Bytes& argument);
-  Bytes install(const Bytes& argument);
-  Bytes cancel(const Bytes& argument);
-  Bytes launch(const Bytes& argument);
-  Bytes changeRegistrations(Client* client, const Bytes& argument, bool add);
-
-  /// Stores the engine's changes (and `extra` store work) in one transaction, then pushes them.
-  /// Every state-changing operation changes the engine first and then commits; when the store
-  /// refuses, the engine's changes are undone and the StoreError goes on, so memory never holds
-  /// what the disk does not. Declarations (`declarations_`) change only after the commit.
-  template <class Extra>
-  void commit(Extra&& extra);
-  void commit();
-  void publishCatalog();
-  void sendCurrentState(Client& client, const MessageRegistration& registration);
-  void send(Client& client, const std::vector<TetherClientMessage>& messages);
-  void scheduleTick();
-  void scheduleIdleCheck();
-  [[nodiscard]] std::vector<ManagedApp> catalogEntries() const;
+  // The operations (DaemonOperations.cpp).
+  Bytes addOrUpdate(Client& caller, const std::optional<Bytes>& argument);
+  Bytes removeDeclaration(Client& caller, const std::optional<Bytes>& argument);
+  Bytes declarationStatus(Client& caller, const std::optional<Bytes>& argument);
+  Bytes declarationKeys(Client& caller, const std::optional<Bytes>& argument);
+  Bytes resetHistory(Client& caller, const std::optional<Bytes>& argument);
+  Bytes poll(Client& caller, const std::optional<Bytes>& argument);
+  Bytes vppInstall(Client& caller, const std::optional<Bytes>& argument);
+  Bytes enterpriseInstall(Client& caller, const std::optional<Bytes>& argument);
+  Bytes install(Client& caller, const std::optional<Bytes>& argument);
+  Bytes cancel(Client& caller, const std::optional<Bytes>& argument);
+  Bytes launch(Client& caller, const std::optional<Bytes>& argument);
+  Bytes addRegistrations(Client& caller, const std::optional<Bytes>& argument);
+  Bytes removeRegistrations(Client& caller, const std::optional<Bytes>& argument);
   [[nodiscard]] std::optional<std::string> bundleOfDeclaration(std::string_view identifier) const;
   /// The app the declaration (or request) `identifier` brought; throws a Refusal saying why
   /// there is none.
   [[nodiscard]] std::string appOfDeclaration(std::string_view identifier) const;
+
+  // Pushes (DaemonPushes.cpp).
+  void changeRegistrations(Client& client, const Bytes& argument, bool add);
+  void sendCurrentState(Client& client, const MessageRegistration& registration);
+  void send(Client& client, const std::vector<TetherClientMessage>& messages);
+  /// Sends each client one batch: the changes of the apps it follows, in order.
+  void push(const std::vector<Engine::Change>& changes);
+  void publishCatalog();
+  [[nodiscard]] std::vector<ManagedApp> catalogEntries() const;
+
+  // State and time (Daemon.cpp).
+  /// Stores the engine's changes (and `extra` store work) in one transaction, then pushes them.
+  /// Every state-changing operation changes the engine first and then commits; when the store
+  /// refuses, the engine's changes are undone and the StoreError goes on, so memory never holds
+  /// what the disk does not. Declarations (`declarations_`) change only after the commit.
+  void commit(const std::function<void()>& extra = {});
+  void scheduleTick();
+  void scheduleIdleCheck();
   void log(platform::LogLevel level, const std::string& line);
 
   boost::asio::io_context& io_;

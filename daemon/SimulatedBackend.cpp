@@ -56,9 +56,9 @@ void SimulatedBackend::tick() {
       continue;
     }
     const auto failure = settings_.failures.find(bundleID);
-    const bool failsNow = failure != settings_.failures.end()
-                          && ((failure->second == ManagedAppStatus::Reason::downloadFailed)
-                              == job.downloading);
+    const bool failsNow =
+        failure != settings_.failures.end()
+        && ((failure->second == ManagedAppStatus::Reason::downloadFailed) == job.downloading);
     if (failsNow) {
       report.kind = Kind::failed;
       report.reason = failure->second;
