@@ -1,6 +1,7 @@
 #include "Daemon.hpp"
 
 #include "Replies.hpp"
+#include "FlatpakBackend.hpp"
 #include "SimulatedBackend.hpp"
 
 #include <corvane/coding/CodingError.hpp>
@@ -39,9 +40,8 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
       options_(std::move(options)),
       catalog_(std::move(catalog)),
       store_(options_.stateFile),
-      backend_(std::make_unique<SimulatedBackend>(
-          SimulationSettings{.failures = options_.installFailures})),
-      engine_(*backend_),
+      backend_(makeBackend()),
+      engine_(*backend_, EngineSettings{options_.parallelInstalls}),
       tickTimer_(io),
       idleTimer_(io) {
   if (options_.allowGroup) {
@@ -66,6 +66,8 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
                                        stored.identifier, error.what()));
     }
   }
+  // A backend with a catalogue of its own (the remotes' apps) replaces the configured one.
+  if (auto own = backend_->catalog()) catalog_ = std::move(*own);
   for (auto& record : store_.apps()) engine_.put(std::move(record));
   (void)engine_.takeChanges();
 }
@@ -225,16 +227,43 @@ void Daemon::scheduleTick() {
   tickTimer_.async_wait([this](const boost::system::error_code& error) {
     ticking_ = false;
     if (error || stopped_) return;
+    advance(true);
+  });
+}
+
+void Daemon::advance(bool tick) {
+  if (tick)
     engine_.tick();
-    try {
-      commit();
-    } catch (const StoreError& failure) {
-      log(LogLevel::fault,
-          fmt::format("the install state could not be stored: {}", failure.what()));
-      // The step was undone with the failed commit; it is tried again on the next tick.
-      if (engine_.busy()) scheduleTick();
-    }
-    if (!engine_.busy()) idleSince_ = std::chrono::steady_clock::now();
+  else
+    engine_.update();
+  try {
+    commit();
+  } catch (const StoreError& failure) {
+    log(LogLevel::fault, fmt::format("the install state could not be stored: {}", failure.what()));
+    // The step was undone with the failed commit; it is tried again on the next tick.
+    if (engine_.busy()) scheduleTick();
+  }
+  if (!engine_.busy()) idleSince_ = std::chrono::steady_clock::now();
+}
+
+std::unique_ptr<InstallBackend> Daemon::makeBackend() {
+  if (options_.engine == EngineKind::flatpak) {
+    FlatpakSettings settings;
+    settings.installation = options_.installation;
+    settings.remotes = options_.remotes;
+    settings.workers = options_.parallelInstalls;
+    return std::make_unique<FlatpakBackend>(std::move(settings), [this] { backendReported(); });
+  }
+  return std::make_unique<SimulatedBackend>(
+      SimulationSettings{.failures = options_.installFailures});
+}
+
+void Daemon::backendReported() {
+  // Any thread. One update waits on the io_context at a time; it takes every report there is.
+  if (updatePosted_.exchange(true)) return;
+  asio::post(io_, [this] {
+    updatePosted_ = false;
+    if (!stopped_) advance(false);
   });
 }
 

@@ -132,6 +132,11 @@ class Daemon {
   /// what the disk does not. Declarations (`declarations_`) change only after the commit.
   void commit(const std::function<void()>& extra = {});
   void scheduleTick();
+  /// Moves the engine on (a tick of the clock, or what the backend reported) and commits.
+  void advance(bool tick);
+  [[nodiscard]] std::unique_ptr<InstallBackend> makeBackend();
+  /// The backend has reports: an update is posted to the io_context. Any thread.
+  void backendReported();
   void scheduleIdleCheck();
   void log(platform::LogLevel level, const std::string& line);
 
@@ -139,6 +144,9 @@ class Daemon {
   Options options_;
   Catalog catalog_;
   Store store_;
+  // Set while an update for the backend's reports waits on the io_context; outlives the backend,
+  // whose workers set it.
+  std::atomic<bool> updatePosted_{false};
   std::unique_ptr<InstallBackend> backend_;
   Engine engine_;
   std::map<std::string, ManagedAppDeclaration, std::less<>> declarations_;

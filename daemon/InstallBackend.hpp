@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AppRecord.hpp"
+#include "Catalog.hpp"
 
 #include <corvane/model/ManagedAppStatus.hpp>
 
@@ -59,6 +60,9 @@ class InstallBackend {
   /// One step of the daemon's clock while installs are under way: a backend that reports on its
   /// own has nothing to do here.
   virtual void tick() {}
+  /// The catalogue of what this backend can install, for a backend that has one of its own
+  /// (empty: the daemon's configured catalogue). Blocking: it may fetch from the network.
+  [[nodiscard]] virtual std::optional<Catalog> catalog() { return std::nullopt; }
 };
 
 }  // namespace corvane::sim

@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <filesystem>
+#include <map>
 #include <vector>
 
 namespace corvane::sim {
@@ -38,9 +40,26 @@ std::pair<std::string, std::string> splitAssignment(const std::string& text,
 
 std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
   Options options;
-  CLI::App app(
-      "corvaned-sim: the reference daemon, with a simulated install engine.\n"
-      "Serves the agent's service protocol on <runtime dir>/dev.corvane.corvaneagent.");
+  const std::string name =
+      argc > 0 ? std::filesystem::path(argv[0]).filename().string() : "corvaned";
+  CLI::App app(name
+               + ": the Corvane daemon. Serves the agent's service protocol on "
+                 "<runtime dir>/dev.corvane.corvaneagent and installs apps with the simulated "
+                 "engine (the default) or the Flatpak engine.",
+               name);
+  app.add_option("--engine", options.engine, "What installs the apps: simulated or flatpak")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, EngineKind>{{"simulated", EngineKind::simulated},
+                                            {"flatpak", EngineKind::flatpak}}));
+  app.add_option("--installation", options.installation,
+                 "Flatpak engine: a private installation directory (default: the system "
+                 "installation)");
+  std::vector<std::string> remotes;
+  app.add_option("--remote", remotes,
+                 "Flatpak engine: NAME=URL, a remote (without GPG verification) added to the "
+                 "installation when it has none of that name");
+  app.add_option("--parallel", options.parallelInstalls, "Installs that run at once")
+      ->check(CLI::Range(1, 16));
   app.add_option("--runtime-dir", options.runtimeDirectory,
                  "Directory of the socket (default: $CORVANE_RUNTIME_DIR, else /run/corvane)");
   app.add_option("--state", options.stateFile,
@@ -84,6 +103,10 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
       const auto error = coding::fromCaseName<CorvaneError>(value);
       if (!error) throw CLI::ValidationError("--fail", "unknown error '" + value + "'");
       options.failures[*selector] = *error;
+    }
+    for (const auto& text : remotes) {
+      const auto [remote, url] = splitAssignment(text, "--remote");
+      options.remotes[remote] = url;
     }
     for (const auto& text : installFails) {
       const auto [bundleID, value] = splitAssignment(text, "--fail-install");

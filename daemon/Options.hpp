@@ -4,6 +4,7 @@
 #include <corvane/model/ManagedAppStatus.hpp>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -13,8 +14,23 @@
 
 namespace corvane::sim {
 
-/// What corvaned-sim was started with.
+/// What installs the apps.
+enum class EngineKind {
+  /// Nothing is installed: each install moves a step per tick (the default, for demos and tests).
+  simulated,
+  /// Flatpak apps from the installation's remotes, through libflatpak.
+  flatpak,
+};
+
+/// What the daemon was started with.
 struct Options {
+  EngineKind engine = EngineKind::simulated;
+  /// The Flatpak installation: empty = the system installation.
+  std::filesystem::path installation;
+  /// Remotes the Flatpak installation is given when it lacks them: name to URL.
+  std::map<std::string, std::string, std::less<>> remotes;
+  /// Installs that run at once.
+  std::size_t parallelInstalls = 2;
   /// Where the socket goes; empty = $CORVANE_RUNTIME_DIR, else the system directory.
   std::filesystem::path runtimeDirectory;
   /// The SQLite database; empty = state kept in memory.

@@ -1,0 +1,307 @@
+#include "FlatpakBackend.hpp"
+
+#include "flatpak/AppStream.hpp"
+#include "flatpak/FlatpakError.hpp"
+#include "flatpak/Installation.hpp"
+#include "flatpak/Transaction.hpp"
+
+#include <corvane/platform/LogCategory.hpp>
+
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/serialize.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+#include <flatpak.h>
+#include <utility>
+
+namespace corvane::sim {
+
+namespace {
+
+using Reason = ManagedAppStatus::Reason;
+
+/// A language code the catalogue can carry ("de", "pt-BR"); AppStream writes "pt_BR" and
+/// sometimes names that are no language at all.
+std::optional<std::string> languageTag(std::string code) {
+  std::ranges::replace(code, '_', '-');
+  const auto primary = code.substr(0, code.find('-'));
+  if (primary.size() < 2 || primary.size() > 3
+      || !std::ranges::all_of(primary, [](unsigned char c) { return std::isalpha(c) != 0; }))
+    return std::nullopt;
+  if (!std::ranges::all_of(code, [](unsigned char c) { return std::isalnum(c) != 0 || c == '-'; }))
+    return std::nullopt;
+  return code;
+}
+
+/// The catalogue record of one app, in its wire form.
+boost::json::object describe(const flatpak::AppStreamComponent& component,
+                             const flatpak::RemoteRef* build) {
+  boost::json::object entry;
+  // A placeholder: each published entry carries the identifier of the declaration it is for.
+  entry["declarationIdentifier"] = component.id;
+  entry["bundleID"] = component.id;
+  entry["itemID"] = FlatpakBackend::itemIdentifier(component.id);
+  entry["platform"] = 0;  // desktop
+  entry["name"] = component.name.empty() ? component.id : component.name;
+  if (!component.summary.empty()) {
+    entry["subtitle"] = component.summary;
+    entry["description"] = component.summary;
+  }
+  if (!component.developerName.empty()) entry["seller"] = component.developerName;
+  boost::json::array genres;
+  for (const auto& category : component.categories) genres.emplace_back(category);
+  entry["genres"] = std::move(genres);
+  boost::json::array languages;
+  for (const auto& language : component.languages)
+    if (auto tag = languageTag(language)) languages.emplace_back(*tag);
+  entry["languages"] = std::move(languages);
+  if (!component.version.empty()) entry["version"] = component.version;
+  if (!component.iconPath.empty())
+    entry["iconURL"] = "file://" + component.iconPath.native();
+  else if (!component.iconUrl.empty())
+    entry["iconURL"] = component.iconUrl;
+  boost::json::array screenshots;
+  for (const auto& url : component.screenshots)
+    screenshots.emplace_back(boost::json::object{{"urlTemplate", url}, {"maxWidth", 0}, {"maxHeight", 0}});
+  entry["screenshots"] = std::move(screenshots);
+  if (build != nullptr && build->downloadSize > 0)
+    entry["fileSize"] = boost::json::object{
+        {"value", static_cast<double>(build->downloadSize) / 1e6}, {"unit", "MB"}};
+  entry["hasLicenseAgreement"] = false;
+  if (!component.projectLicence.empty()) entry["copyright"] = component.projectLicence;
+  return entry;
+}
+
+}  // namespace
+
+FlatpakBackend::FlatpakBackend(FlatpakSettings settings, std::function<void()> wake)
+    : settings_(std::move(settings)), wake_(std::move(wake)) {
+  auto installation = open();
+  const auto present = installation.remotes();
+  for (const auto& [name, url] : settings_.remotes) {
+    if (std::ranges::any_of(present, [&](const auto& remote) { return remote.name == name; }))
+      continue;
+    installation.addRemote(name, url);
+  }
+  const std::size_t count = std::max<std::size_t>(settings_.workers, 1);
+  workers_.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) workers_.emplace_back([this] { work(); });
+}
+
+FlatpakBackend::~FlatpakBackend() {
+  {
+    const std::scoped_lock stopping(mutex_);
+    stopping_ = true;
+    tasks_.clear();
+    for (auto& [job, transaction] : running_) transaction->cancel();
+  }
+  tasksWaiting_.notify_all();
+  for (auto& worker : workers_) worker.join();
+}
+
+flatpak::Installation FlatpakBackend::open() const {
+  return settings_.installation.empty() ? flatpak::Installation::system()
+                                        : flatpak::Installation::openAt(settings_.installation);
+}
+
+std::int64_t FlatpakBackend::itemIdentifier(std::string_view appID) noexcept {
+  std::uint64_t hash = 14695981039346656037ULL;
+  for (const char c : appID) {
+    hash ^= static_cast<unsigned char>(c);
+    hash *= 1099511628211ULL;
+  }
+  return static_cast<std::int64_t>(hash & ((std::uint64_t{1} << 52) - 1));
+}
+
+std::optional<Catalog> FlatpakBackend::catalog() {
+  auto installation = open();
+  const std::string arch = flatpak_get_default_arch();
+  boost::json::array entries;
+  std::map<std::string, std::optional<Source>, std::less<>> sources;
+  for (const auto& remote : installation.remotes()) {
+    const auto refs = installation.remoteRefs(remote.name);
+    const auto components = flatpak::readAppStream(installation.updateAppStream(remote.name));
+    for (const auto& component : components) {
+      if (sources.contains(component.id)) continue;  // the first remote that offers it
+      const flatpak::RemoteRef* build = nullptr;
+      for (const auto& ref : refs)
+        if (ref.kind == flatpak::RefKind::app && ref.id == component.id && ref.arch == arch)
+          build = &ref;
+      sources.emplace(component.id,
+                      build ? std::optional(Source{remote.name, build->ref}) : std::nullopt);
+      entries.emplace_back(describe(component, build));
+    }
+  }
+  {
+    const std::scoped_lock replacing(mutex_);
+    sources_ = std::move(sources);
+  }
+  return Catalog::parse(boost::json::serialize(entries), "the remotes' AppStream data");
+}
+
+void FlatpakBackend::start(std::uint64_t job, const AppRecord& app) {
+  {
+    const std::scoped_lock queueing(mutex_);
+    tasks_.push_back(Task{Task::Kind::install, job, app.bundleID});
+  }
+  tasksWaiting_.notify_one();
+}
+
+void FlatpakBackend::cancel(std::uint64_t job, const std::string& /*bundleID*/) {
+  const std::scoped_lock cancelling(mutex_);
+  if (std::erase_if(tasks_, [job](const Task& task) { return task.job == job; }) > 0) return;
+  cancelled_.insert(job);
+  if (const auto running = running_.find(job); running != running_.end())
+    running->second->cancel();
+}
+
+void FlatpakBackend::uninstall(const AppRecord& app) {
+  {
+    const std::scoped_lock queueing(mutex_);
+    tasks_.push_back(Task{Task::Kind::uninstall, 0, app.bundleID});
+  }
+  tasksWaiting_.notify_one();
+}
+
+std::vector<InstallReport> FlatpakBackend::takeReports() {
+  const std::scoped_lock taking(mutex_);
+  return std::exchange(reports_, {});
+}
+
+void FlatpakBackend::report(InstallReport report) {
+  {
+    const std::scoped_lock reporting(mutex_);
+    reports_.push_back(std::move(report));
+  }
+  if (wake_) wake_();
+}
+
+void FlatpakBackend::work() {
+  for (;;) {
+    Task task;
+    {
+      std::unique_lock waiting(mutex_);
+      tasksWaiting_.wait(waiting, [this] { return stopping_ || !tasks_.empty(); });
+      if (stopping_) return;
+      task = std::move(tasks_.front());
+      tasks_.pop_front();
+    }
+    if (task.kind == Task::Kind::install)
+      install(task);
+    else
+      remove(task);
+  }
+}
+
+void FlatpakBackend::install(const Task& task) {
+  using Kind = InstallReport::Kind;
+  InstallReport outcome;
+  outcome.job = task.job;
+  outcome.bundleID = task.appID;
+  std::optional<Source> source;
+  bool known = false;
+  {
+    const std::scoped_lock looking(mutex_);
+    if (const auto found = sources_.find(task.appID); found != sources_.end()) {
+      known = true;
+      source = found->second;
+    }
+  }
+  if (!source) {
+    outcome.kind = Kind::failed;
+    outcome.reason = known ? Reason::notSupported : Reason::couldNotVerifyAppID;
+    outcome.detail = known ? fmt::format("{} has no build for {}", task.appID,
+                                         flatpak_get_default_arch())
+                           : fmt::format("no remote offers {}", task.appID);
+    LogCategory::install().error("{}: {}", task.appID, outcome.detail);
+    report(std::move(outcome));
+    return;
+  }
+
+  bool downloaded = false;
+  try {
+    auto installation = open();
+    flatpak::Transaction transaction(installation);
+    {
+      const std::scoped_lock registering(mutex_);
+      if (stopping_ || cancelled_.erase(task.job) > 0) return;
+      running_.emplace(task.job, &transaction);
+    }
+    // Unregistered on every way out, before the transaction goes.
+    struct Running {
+      FlatpakBackend& backend;
+      std::uint64_t job;
+      ~Running() {
+        const std::scoped_lock unregistering(backend.mutex_);
+        backend.running_.erase(job);
+      }
+    } running{*this, task.job};
+
+    transaction.addInstall(source->remote, source->ref);
+    int lastPercent = -1;
+    transaction.run([&](const flatpak::TransactionProgress& progress) {
+      if (progress.ref == source->ref && progress.phase != flatpak::OperationPhase::downloading) {
+        if (!downloaded) {
+          downloaded = true;
+          InstallReport moved{.job = task.job, .bundleID = task.appID, .kind = Kind::downloaded};
+          report(std::move(moved));
+        }
+        return;
+      }
+      if (downloaded || progress.transactionPercent == lastPercent) return;
+      lastPercent = progress.transactionPercent;
+      InstallReport step{.job = task.job, .bundleID = task.appID, .kind = Kind::progressed};
+      step.progress = progress.transactionPercent / 100.0;
+      report(std::move(step));
+    });
+    const auto installed = installation.findInstalled(source->ref);
+    outcome.kind = Kind::installed;
+    if (installed)
+      outcome.version = installed->appdataVersion.empty() ? installed->commit.substr(0, 12)
+                                                          : installed->appdataVersion;
+  } catch (const flatpak::FlatpakError& error) {
+    if (error.cancelled()) {
+      LogCategory::install().info("{}: install cancelled", task.appID);
+      return;
+    }
+    if (error.matches(FLATPAK_ERROR, FLATPAK_ERROR_ALREADY_INSTALLED)) {
+      // Installed by someone else since it was declared: it is there, but not the daemon's.
+      outcome.kind = Kind::failed;
+      outcome.reason = Reason::unmanagedAppAlreadyInstalled;
+    } else {
+      outcome.kind = Kind::failed;
+      outcome.reason = downloaded ? Reason::installFailed : Reason::downloadFailed;
+    }
+    outcome.detail = error.what();
+    LogCategory::install().error("{}: {}", task.appID, outcome.detail);
+  }
+  bool cancelledMeanwhile = false;
+  {
+    const std::scoped_lock finishing(mutex_);
+    cancelledMeanwhile = cancelled_.erase(task.job) > 0;
+  }
+  if (cancelledMeanwhile) {
+    // The cancel came as the transaction finished: what it installed goes again.
+    if (outcome.kind == Kind::installed) remove(Task{Task::Kind::uninstall, 0, task.appID});
+    return;
+  }
+  report(std::move(outcome));
+}
+
+void FlatpakBackend::remove(const Task& task) {
+  try {
+    auto installation = open();
+    for (const auto& installed : installation.installedRefs()) {
+      if (installed.kind != flatpak::RefKind::app || installed.id != task.appID) continue;
+      installation.uninstall(installed.ref);
+      LogCategory::install().info("{}: uninstalled {}", task.appID, installed.ref);
+    }
+  } catch (const flatpak::FlatpakError& error) {
+    LogCategory::install().error("{}: could not be uninstalled: {}", task.appID, error.what());
+  }
+}
+
+}  // namespace corvane::sim
