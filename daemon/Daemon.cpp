@@ -1,7 +1,7 @@
 #include "Daemon.hpp"
 
-#include "Replies.hpp"
 #include "FlatpakBackend.hpp"
+#include "Replies.hpp"
 #include "SimulatedBackend.hpp"
 
 #include <corvane/coding/CodingError.hpp>

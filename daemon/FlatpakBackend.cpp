@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <exception>
 #include <flatpak.h>
 #include <utility>
 
@@ -65,7 +66,8 @@ boost::json::object describe(const flatpak::AppStreamComponent& component,
     entry["iconURL"] = component.iconUrl;
   boost::json::array screenshots;
   for (const auto& url : component.screenshots)
-    screenshots.emplace_back(boost::json::object{{"urlTemplate", url}, {"maxWidth", 0}, {"maxHeight", 0}});
+    screenshots.emplace_back(
+        boost::json::object{{"urlTemplate", url}, {"maxWidth", 0}, {"maxHeight", 0}});
   entry["screenshots"] = std::move(screenshots);
   if (build != nullptr && build->downloadSize > 0)
     entry["fileSize"] = boost::json::object{
@@ -81,10 +83,10 @@ FlatpakBackend::FlatpakBackend(FlatpakSettings settings, std::function<void()> w
     : settings_(std::move(settings)), wake_(std::move(wake)) {
   auto installation = open();
   const auto present = installation.remotes();
-  for (const auto& [name, url] : settings_.remotes) {
-    if (std::ranges::any_of(present, [&](const auto& remote) { return remote.name == name; }))
+  for (const auto& remote : settings_.remotes) {
+    if (std::ranges::any_of(present, [&](const auto& has) { return has.name == remote.first; }))
       continue;
-    installation.addRemote(name, url);
+    installation.addRemote(remote.first, remote.second);
   }
   const std::size_t count = std::max<std::size_t>(settings_.workers, 1);
   workers_.reserve(count);
@@ -154,8 +156,7 @@ void FlatpakBackend::cancel(std::uint64_t job, const std::string& /*bundleID*/) 
   const std::scoped_lock cancelling(mutex_);
   if (std::erase_if(tasks_, [job](const Task& task) { return task.job == job; }) > 0) return;
   cancelled_.insert(job);
-  if (const auto running = running_.find(job); running != running_.end())
-    running->second->cancel();
+  if (const auto running = running_.find(job); running != running_.end()) running->second->cancel();
 }
 
 void FlatpakBackend::uninstall(const AppRecord& app) {
@@ -189,18 +190,43 @@ void FlatpakBackend::work() {
       task = std::move(tasks_.front());
       tasks_.pop_front();
     }
-    if (task.kind == Task::Kind::install)
-      install(task);
-    else
-      remove(task);
+    try {
+      if (task.kind == Task::Kind::install)
+        install(task);
+      else
+        remove(task);
+    } catch (const std::exception& error) {
+      // Nothing may end a worker: the task is lost, the log says so.
+      LogCategory::install().fault("{}: {}", task.appID, error.what());
+    }
+  }
+}
+
+InstallReport FlatpakBackend::reportOf(const Task& task, InstallReport::Kind kind) {
+  InstallReport report;
+  report.job = task.job;
+  report.bundleID = task.appID;
+  report.kind = kind;
+  return report;
+}
+
+void FlatpakBackend::finishInstalled(InstallReport& outcome, const Source& source) const noexcept {
+  outcome.kind = InstallReport::Kind::installed;
+  try {
+    const auto installed = open().findInstalled(source.ref);
+    if (installed)
+      outcome.version = installed->appdataVersion.empty() ? installed->commit.substr(0, 12)
+                                                          : installed->appdataVersion;
+  } catch (const flatpak::FlatpakError& error) {
+    // Installed all the same; only its version is unknown.
+    LogCategory::install().error("{}: the installed version cannot be read: {}", outcome.bundleID,
+                                 error.what());
   }
 }
 
 void FlatpakBackend::install(const Task& task) {
   using Kind = InstallReport::Kind;
-  InstallReport outcome;
-  outcome.job = task.job;
-  outcome.bundleID = task.appID;
+  InstallReport outcome = reportOf(task, Kind::failed);
   std::optional<Source> source;
   bool known = false;
   {
@@ -213,9 +239,9 @@ void FlatpakBackend::install(const Task& task) {
   if (!source) {
     outcome.kind = Kind::failed;
     outcome.reason = known ? Reason::notSupported : Reason::couldNotVerifyAppID;
-    outcome.detail = known ? fmt::format("{} has no build for {}", task.appID,
-                                         flatpak_get_default_arch())
-                           : fmt::format("no remote offers {}", task.appID);
+    outcome.detail =
+        known ? fmt::format("{} has no build for {}", task.appID, flatpak_get_default_arch())
+              : fmt::format("no remote offers {}", task.appID);
     LogCategory::install().error("{}: {}", task.appID, outcome.detail);
     report(std::move(outcome));
     return;
@@ -246,31 +272,27 @@ void FlatpakBackend::install(const Task& task) {
       if (progress.ref == source->ref && progress.phase != flatpak::OperationPhase::downloading) {
         if (!downloaded) {
           downloaded = true;
-          InstallReport moved{.job = task.job, .bundleID = task.appID, .kind = Kind::downloaded};
-          report(std::move(moved));
+          report(reportOf(task, Kind::downloaded));
         }
         return;
       }
       if (downloaded || progress.transactionPercent == lastPercent) return;
       lastPercent = progress.transactionPercent;
-      InstallReport step{.job = task.job, .bundleID = task.appID, .kind = Kind::progressed};
+      InstallReport step = reportOf(task, Kind::progressed);
       step.progress = progress.transactionPercent / 100.0;
       report(std::move(step));
     });
-    const auto installed = installation.findInstalled(source->ref);
-    outcome.kind = Kind::installed;
-    if (installed)
-      outcome.version = installed->appdataVersion.empty() ? installed->commit.substr(0, 12)
-                                                          : installed->appdataVersion;
+    finishInstalled(outcome, *source);
   } catch (const flatpak::FlatpakError& error) {
     if (error.cancelled()) {
       LogCategory::install().info("{}: install cancelled", task.appID);
       return;
     }
     if (error.matches(FLATPAK_ERROR, FLATPAK_ERROR_ALREADY_INSTALLED)) {
-      // Installed by someone else since it was declared: it is there, but not the daemon's.
-      outcome.kind = Kind::failed;
-      outcome.reason = Reason::unmanagedAppAlreadyInstalled;
+      // The daemon's own install, finished before it could record that (it was stopped): the
+      // installation is the truth, and nothing is installed twice.
+      finishInstalled(outcome, *source);
+      LogCategory::install().info("{}: already installed; taken as installed", task.appID);
     } else {
       outcome.kind = Kind::failed;
       outcome.reason = downloaded ? Reason::installFailed : Reason::downloadFailed;

@@ -84,7 +84,10 @@ class FlatpakBackend final : public InstallBackend {
   void work();
   void install(const Task& task);
   void remove(const Task& task);
+  /// Makes `outcome` say the app is installed, with the version the installation holds.
+  void finishInstalled(InstallReport& outcome, const Source& source) const noexcept;
   void report(InstallReport report);
+  [[nodiscard]] static InstallReport reportOf(const Task& task, InstallReport::Kind kind);
 
   FlatpakSettings settings_;
   std::function<void()> wake_;

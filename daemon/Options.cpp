@@ -40,17 +40,16 @@ std::pair<std::string, std::string> splitAssignment(const std::string& text,
 
 std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
   Options options;
-  const std::string name =
+  const std::string program =
       argc > 0 ? std::filesystem::path(argv[0]).filename().string() : "corvaned";
-  CLI::App app(name
+  CLI::App app(program
                + ": the Corvane daemon. Serves the agent's service protocol on "
                  "<runtime dir>/dev.corvane.corvaneagent and installs apps with the simulated "
                  "engine (the default) or the Flatpak engine.",
-               name);
+               program);
   app.add_option("--engine", options.engine, "What installs the apps: simulated or flatpak")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, EngineKind>{{"simulated", EngineKind::simulated},
-                                            {"flatpak", EngineKind::flatpak}}));
+      ->transform(CLI::CheckedTransformer(std::map<std::string, EngineKind>{
+          {"simulated", EngineKind::simulated}, {"flatpak", EngineKind::flatpak}}));
   app.add_option("--installation", options.installation,
                  "Flatpak engine: a private installation directory (default: the system "
                  "installation)");

@@ -1,5 +1,6 @@
-// corvaned-sim: the reference daemon. Parses its options, loads the catalogue, opens its state,
-// serves until SIGTERM (or, under socket activation, until it has been idle long enough).
+// corvaned (and corvaned-sim, the same program): parses its options, loads the catalogue, opens
+// its state and its install engine, serves until SIGTERM (or, under socket activation, until it
+// has been idle long enough).
 
 #include "Catalog.hpp"
 #include "Daemon.hpp"
@@ -15,6 +16,8 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <string>
 #include <system_error>
 #include <variant>
 
@@ -23,13 +26,14 @@ int main(int argc, char** argv) {
   const auto parsed = parseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) return *status;
   const Options& options = std::get<Options>(parsed);
+  const std::string program = std::filesystem::path(argv[0]).filename().string();
   if (options.verbose) corvane::platform::Log::setThreshold(corvane::platform::LogLevel::info);
 
   std::optional<Catalog> catalog;
   try {
     catalog = options.catalogFile.empty() ? Catalog::sample() : Catalog::load(options.catalogFile);
   } catch (const CatalogError& error) {
-    fmt::print(stderr, "corvaned-sim: {}\n", error.what());
+    fmt::print(stderr, "{}: {}\n", program, error.what());
     return 2;
   }
 
@@ -44,17 +48,17 @@ int main(int argc, char** argv) {
     });
     daemon.whenStopped([&] { signals.cancel(); });
     daemon.start();
-    fmt::print("corvaned-sim: listening on {}\n", daemon.socketPath().native());
+    fmt::print("{}: listening on {}\n", program, daemon.socketPath().native());
     std::fflush(stdout);
     sd_notify(0, "READY=1");
     io.run();
     return 0;
   } catch (const StoreError& error) {
-    fmt::print(stderr, "corvaned-sim: the state cannot be used: {}\n", error.what());
+    fmt::print(stderr, "{}: the state cannot be used: {}\n", program, error.what());
   } catch (const std::system_error& error) {
-    fmt::print(stderr, "corvaned-sim: cannot serve: {}\n", error.what());
+    fmt::print(stderr, "{}: cannot serve: {}\n", program, error.what());
   } catch (const std::exception& error) {
-    fmt::print(stderr, "corvaned-sim: {}\n", error.what());
+    fmt::print(stderr, "{}: {}\n", program, error.what());
   }
   return 1;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// A real corvaned-sim for end-to-end tests, in a private runtime directory that is removed with
-// it. Tests that use it get the binary's path as CORVANE_DAEMON_PATH.
+// A real daemon (corvaned-sim, or corvaned) for end-to-end tests, in a private runtime directory
+// that is removed with it. Tests that use it get the binary's path as CORVANE_DAEMON_PATH.
 
 #include "support/Process.hpp"
 #include "support/TemporaryDirectory.hpp"
@@ -17,8 +17,8 @@ namespace corvane::testing {
 
 class DaemonProcess {
  public:
-  /// The line the daemon prints once it accepts connections.
-  static constexpr std::string_view readyLine = "corvaned-sim: listening on ";
+  /// What the daemon prints (after its name) once it accepts connections.
+  static constexpr std::string_view readyLine = ": listening on ";
 
   /// Starts corvaned-sim with `--runtime-dir` set to `runtimeDirectory` and `arguments` after it,
   /// and waits until it listens. Throws std::runtime_error (with its output) if it does not.
@@ -59,7 +59,7 @@ class DaemonProcess {
     argv.insert(argv.end(), extra.begin(), extra.end());
     process_ = std::make_unique<Process>(argv);
     if (!process_->waitForOutput(readyLine)) {
-      throw std::runtime_error("corvaned-sim did not start; stdout: " + process_->out()
+      throw std::runtime_error(binary() + " did not start; stdout: " + process_->out()
                                + " stderr: " + process_->err());
     }
   }

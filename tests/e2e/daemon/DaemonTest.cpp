@@ -7,6 +7,7 @@
 
 #include "support/DaemonProcess.hpp"
 #include "support/RefusingStore.hpp"
+#include "support/ServiceClient.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>
@@ -39,7 +40,6 @@ using namespace std::chrono_literals;
 using State = ManagedAppStatus::State;
 using Reason = ManagedAppStatus::Reason;
 
-constexpr auto bound = 30s;
 constexpr std::int64_t notesItem = 1000000001;
 constexpr std::int64_t weatherItem = 1000000002;
 constexpr std::string_view notesBundle = "dev.corvane.sample.notes";
@@ -48,49 +48,6 @@ constexpr std::int64_t mapsItem = 1000000003;
 constexpr std::string_view mapsBundle = "dev.corvane.sample.maps";
 constexpr std::string_view chatBundle = "dev.corvane.sample.chat";
 constexpr std::string_view vaultBundle = "dev.corvane.sample.vault";
-
-ManagedAppDeclaration declaration(const std::string& identifier, StoreAppIdentifier app,
-                                  InstallTimingEnum timing = InstallTimingEnum::immediately) {
-  return ManagedAppDeclaration(
-      "key-" + identifier, identifier, std::nullopt,
-      InstallBehavior{timing, false, PurchaseMethodEnum::volumePurchaseProgram(std::move(app))},
-      BackupBehavior{}, UpdateBehaviorEnum::automaticallyUpdate(), Platform::phone);
-}
-
-void declare(const std::string& identifier, StoreAppIdentifier app,
-             InstallTimingEnum timing = InstallTimingEnum::immediately) {
-  DDMAppOrUpdateManagedAppRequest(declaration(identifier, std::move(app), timing))
-      .performSynchronously();
-}
-
-std::optional<ManagedAppStatus> statusOf(std::string_view declarationIdentifier) {
-  for (auto& status : DDMDeclarationStatusRequest{}.performSynchronously())
-    if (status.declarationIdentifier == declarationIdentifier) return status;
-  return std::nullopt;
-}
-
-/// Sends "installManagedApp:reply:" naming a declaration (none: every optional app), as
-/// ManagedAppLibrary does for a catalogue entry.
-void installDeclared(const std::optional<std::string>& identifier) {
-  ServiceConnection::withAsyncService<None>(
-      std::tuple(ManagedAppInstallRequest(identifier, std::nullopt)),
-      [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
-        proxy.installManagedApp(std::move(argument), std::move(reply));
-      },
-      asio::use_future)
-      .get();
-}
-
-/// Sends "cancelManagedApp:reply:" naming a declaration (none: every install under way).
-void cancelDeclared(const std::optional<std::string>& identifier) {
-  ServiceConnection::withAsyncService<None>(
-      std::tuple(ManagedAppCancelRequest{identifier}),
-      [](const ServiceProtocol& proxy, Bytes argument, ipc::Completion reply) {
-        proxy.cancelManagedApp(std::move(argument), std::move(reply));
-      },
-      asio::use_future)
-      .get();
-}
 
 void purchase(StoreAppIdentifier app, VPPInstallRequest::RequestType type) {
   VPPInstallRequest(std::move(app), type).perform(asio::use_future).get();
@@ -111,40 +68,11 @@ std::string reported() {
              coding::encode(DDMDeclarationKeysRequest{}.performSynchronously()));
 }
 
-/// The error `call` failed with; empty when it succeeded.
-std::optional<Error> failureOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error;
-  }
-  return std::nullopt;
-}
-
 std::size_t occurrences(std::string_view text, std::string_view part) {
   std::size_t count = 0;
   for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
     ++count;
   return count;
-}
-
-/// The next value of a stream, or nothing when none came within the bound.
-template <class Stream>
-auto nextWithin(Stream& stream, std::chrono::seconds within = bound) {
-  auto future = stream.next(asio::use_future);
-  using Result = decltype(future.get());
-  if (future.wait_for(within) != std::future_status::ready) return Result();
-  return future.get();
-}
-
-/// Reads `stream` until `done(value)` holds; false when the stream ended or went quiet.
-template <class Stream, class Done>
-bool readUntil(Stream& stream, Done&& done) {
-  while (true) {
-    auto value = nextWithin(stream);
-    if (!value) return false;
-    if (done(*value)) return true;
-  }
 }
 
 class Daemon : public ::testing::Test {
