@@ -64,6 +64,8 @@ struct Transaction::RunState {
   std::vector<std::uint64_t> sizes;
   std::uint64_t totalSize = 0;
   std::size_t current = 0;  // 1-based; 0 before the first operation
+  /// The highest percentage reported for the current operation.
+  int highest = 0;
   /// The progress objects whose `changed` points here.
   std::vector<GObjectPtr<FlatpakTransactionProgress>> progresses;
   std::optional<FlatpakError> operationError;
@@ -132,6 +134,7 @@ struct Transaction::RunState {
                              FlatpakTransactionProgress* progress, gpointer data) {
     auto& state = *static_cast<RunState*>(data);
     const auto found = std::find(state.operations.begin(), state.operations.end(), operation);
+    state.highest = 0;
     state.current = found == state.operations.end()
                         ? state.current + 1
                         : static_cast<std::size_t>(found - state.operations.begin()) + 1;
@@ -147,7 +150,10 @@ struct Transaction::RunState {
   static void onProgressChanged(FlatpakTransactionProgress* progress, gpointer data) {
     auto& state = *static_cast<RunState*>(data);
     if (state.current == 0 || state.current > state.operations.size()) return;
-    const int percent = flatpak_transaction_progress_get_progress(progress);
+    // libflatpak's estimate can dip as the pull finds more objects; reports never go back.
+    const int percent =
+        std::max(state.highest, flatpak_transaction_progress_get_progress(progress));
+    state.highest = percent;
     state.deliver(
         state.report(state.operations[state.current - 1],
                      percent >= 100 ? OperationPhase::installing : OperationPhase::downloading,

@@ -110,8 +110,10 @@ TEST_F(InstallationTest, InstallsAnAppWithItsRuntimeAndReportsProgressToTheEnd) 
            && r.transactionPercent < 100;
   })) << "no report while the runtime downloads";
 
-  // A private installation keeps everything in its directory.
-  EXPECT_FALSE(std::filesystem::exists(repository.home() / ".local/share/flatpak"));
+  // A private installation keeps everything in its directory: nothing in HOME, nothing in the
+  // user or system installation.
+  EXPECT_TRUE(std::filesystem::is_empty(repository.home()));
+  EXPECT_FALSE(std::filesystem::exists(repository.userDir()));
   EXPECT_FALSE(std::filesystem::exists(repository.systemDir()));
 }
 
