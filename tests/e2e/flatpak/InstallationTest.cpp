@@ -117,7 +117,7 @@ TEST_F(InstallationTest, InstallsAnAppWithItsRuntimeAndReportsProgressToTheEnd) 
   EXPECT_FALSE(std::filesystem::exists(repository.systemDir()));
 }
 
-TEST_F(InstallationTest, ListsItsRemotesAndWhatTheyOffer) {
+TEST_F(InstallationTest, ListsItsRemotesAndWhatTheyOfferAndFindsTheSystemInstallation) {
   installation.addRemote(remote, repository.url());
   const auto remotes = installation.remotes();
   ASSERT_EQ(remotes.size(), 1U);
@@ -138,6 +138,10 @@ TEST_F(InstallationTest, ListsItsRemotesAndWhatTheyOffer) {
                 appRef(big, branch), appRef("org.corvane.Test.Broken", branch),
                 appRef(hello, branch), appRef("org.corvane.Test.Quiet", branch), runtimeRef()}));
   EXPECT_THROW((void)installation.remoteRefs("nowhere"), FlatpakError);
+
+  // The system installation is where $FLATPAK_SYSTEM_DIR says: what keeps the tests away from
+  // the machine's own.
+  EXPECT_EQ(Installation::system().path(), repository.systemDir());
 }
 
 TEST_F(InstallationTest, UpdatesToTheNewCommitOfItsRemote) {
@@ -170,6 +174,13 @@ TEST_F(InstallationTest, UninstallRemovesTheAppAndKeepsTheRuntime) {
   install(appRef(hello, branch));
   const auto installed = installation.findInstalled(appRef(hello, branch));
   ASSERT_TRUE(installed);
+
+  try {
+    install(appRef(hello, branch));
+    ADD_FAILURE() << "installed twice";
+  } catch (const FlatpakError& error) {
+    EXPECT_TRUE(error.matches(FLATPAK_ERROR, FLATPAK_ERROR_ALREADY_INSTALLED)) << error.what();
+  }
 
   installation.uninstall(appRef(hello, branch));
   EXPECT_FALSE(installation.findInstalled(appRef(hello, branch)));
@@ -238,6 +249,20 @@ TEST_F(InstallationTest, InstallsFromAFlatpakrefWithTheRemoteItNames) {
   const auto remotes = installation.remotes();
   EXPECT_TRUE(std::any_of(remotes.begin(), remotes.end(),
                           [&](const RemoteInfo& info) { return info.url == repository.url(); }));
+}
+
+TEST_F(InstallationTest, ACallbackThatThrowsStopsTheTransactionWithItsException) {
+  installation.addRemote(remote, repository.url());
+  Transaction transaction(installation);
+  transaction.addInstall(remote, appRef(hello, branch));
+  int calls = 0;
+  EXPECT_THROW(transaction.run([&](const TransactionProgress&) {
+    ++calls;
+    throw std::logic_error("the caller gave up");
+  }),
+               std::logic_error);
+  EXPECT_EQ(calls, 1);
+  EXPECT_FALSE(installation.findInstalled(appRef(hello, branch)));
 }
 
 /// One way an install goes wrong, and what the error must say.
