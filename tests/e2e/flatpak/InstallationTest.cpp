@@ -57,9 +57,9 @@ class InstallationTest : public ::testing::Test {
 };
 
 TEST_F(InstallationTest, InstallsAnAppWithItsRuntimeAndReportsProgressToTheEnd) {
-  // Over HTTP at 4 MiB/s, so that the runtime's megabyte arrives in steps that get reported (a
-  // file:// remote reports no bytes until the end).
-  const RepositoryServer server(repository.repo(), 4 << 20);
+  // Over HTTP at 2 MiB/s, so that the runtime's megabyte takes half a second and arrives in
+  // steps that get reported (a file:// remote reports no bytes until the end).
+  const RepositoryServer server(repository.repo(), 2 << 20);
   installation.addRemote(remote, server.url());
   const auto start = std::chrono::steady_clock::now();
   const auto reports = install(appRef(hello, branch));
