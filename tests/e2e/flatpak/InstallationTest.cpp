@@ -332,8 +332,19 @@ TEST_F(InstallationTest, FailuresSayWhy) {
 }
 
 TEST_F(InstallationTest, LaunchedAppRunsInItsSandbox) {
-  // libflatpak finds the app's runtime only in the user and system installations, so this one is
-  // the user installation ($FLATPAK_USER_DIR, a temporary directory).
+  // libflatpak looks for the app's runtime only in the user and system installations: from a
+  // private installation elsewhere the launch fails, naming the runtime.
+  installation.addRemote(remote, repository.url());
+  install(appRef(hello, branch));
+  try {
+    (void)installation.launch(hello, branch);
+    ADD_FAILURE() << "launched from a private installation";
+  } catch (const FlatpakError& error) {
+    EXPECT_TRUE(error.matches(FLATPAK_ERROR, FLATPAK_ERROR_NOT_INSTALLED)) << error.what();
+    EXPECT_NE(error.message().find(runtimeRef()), std::string::npos) << error.what();
+  }
+
+  // So this one is the user installation ($FLATPAK_USER_DIR, a temporary directory).
   auto user = Installation::openAt(repository.userDir());
   user.addRemote(remote, repository.url());
   {
