@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <exception>
 #include <gio/gio.h>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -38,6 +39,10 @@ gulong connect(gpointer instance, const char* signal, Function* handler, gpointe
                                nullptr, GConnectFlags{});
 }
 
+struct OperationListFree {
+  void operator()(GList* list) const noexcept { g_list_free_full(list, g_object_unref); }
+};
+
 OperationKind kindOf(FlatpakTransactionOperationType type) {
   switch (type) {
     case FLATPAK_TRANSACTION_OPERATION_INSTALL:
@@ -64,10 +69,15 @@ struct Transaction::RunState {
   std::vector<std::uint64_t> sizes;
   std::uint64_t totalSize = 0;
   std::size_t current = 0;  // 1-based; 0 before the first operation
+  /// The highest percentage reported for the current operation.
+  int highest = 0;
   /// The progress objects whose `changed` points here.
   std::vector<GObjectPtr<FlatpakTransactionProgress>> progresses;
   std::optional<FlatpakError> operationError;
-  std::exception_ptr callbackError;
+  /// The current operation's progress object (null for an uninstall).
+  FlatpakTransactionProgress* currentProgress = nullptr;
+  /// What a handler or the user's callback threw.
+  std::exception_ptr failure;
 
   [[nodiscard]] TransactionProgress report(FlatpakTransactionOperation* operation,
                                            OperationPhase phase, int percent,
@@ -101,68 +111,89 @@ struct Transaction::RunState {
     return progress;
   }
 
-  /// Calls the user's callback; what it throws stops the transaction and comes out of run().
-  void deliver(const TransactionProgress& progress) noexcept {
-    if (callback == nullptr || !*callback || callbackError) return;
+  /// Runs `body` for a handler: nothing may be thrown through libflatpak's C frames, so what
+  /// the body (the user's callback included) throws is kept, the transaction is cancelled and
+  /// run() throws it. After a failure the handlers do nothing more.
+  template <class Body>
+  void guarded(Body body) noexcept {
+    if (failure) return;
     try {
-      (*callback)(progress);
+      body();
     } catch (...) {
-      callbackError = std::current_exception();
+      failure = std::current_exception();
       owner->cancel();
     }
   }
 
+  void deliver(const TransactionProgress& progress) const {
+    if (callback != nullptr && *callback) (*callback)(progress);
+  }
+
   static gboolean onReady(FlatpakTransaction* transaction, gpointer data) {
     auto& state = *static_cast<RunState*>(data);
-    GList* list = flatpak_transaction_get_operations(transaction);
-    for (GList* item = list; item != nullptr; item = item->next) {
-      auto* operation = static_cast<FlatpakTransactionOperation*>(item->data);
-      state.operations.push_back(operation);
-      const auto size = flatpak_transaction_operation_get_download_size(operation);
-      state.sizes.push_back(size);
-      state.totalSize += size;
-    }
-    // The list and its references are ours; the transaction keeps its own.
-    g_list_free_full(list, g_object_unref);
-    return TRUE;
+    // The list and its references are ours; the transaction keeps its own for the run.
+    const std::unique_ptr<GList, OperationListFree> list(
+        flatpak_transaction_get_operations(transaction));
+    state.guarded([&] {
+      for (GList* item = list.get(); item != nullptr; item = item->next) {
+        auto* operation = static_cast<FlatpakTransactionOperation*>(item->data);
+        state.operations.push_back(operation);
+        const auto size = flatpak_transaction_operation_get_download_size(operation);
+        state.sizes.push_back(size);
+        state.totalSize += size;
+      }
+    });
+    return state.failure ? FALSE : TRUE;
   }
 
   static void onNewOperation(FlatpakTransaction* /*transaction*/,
                              FlatpakTransactionOperation* operation,
                              FlatpakTransactionProgress* progress, gpointer data) {
     auto& state = *static_cast<RunState*>(data);
-    const auto found = std::find(state.operations.begin(), state.operations.end(), operation);
-    state.current = found == state.operations.end()
-                        ? state.current + 1
-                        : static_cast<std::size_t>(found - state.operations.begin()) + 1;
-    if (flatpak_transaction_operation_get_operation_type(operation)
-        == FLATPAK_TRANSACTION_OPERATION_UNINSTALL)
-      return;
-    flatpak_transaction_progress_set_update_frequency(progress, 100);
-    state.progresses.push_back(share(progress));
-    connect(progress, "changed", &RunState::onProgressChanged, data);
-    state.deliver(state.report(operation, OperationPhase::downloading, 0, 0));
+    state.guarded([&] {
+      const auto found = std::find(state.operations.begin(), state.operations.end(), operation);
+      state.highest = 0;
+      state.currentProgress = nullptr;
+      state.current = found == state.operations.end()
+                          ? state.current + 1
+                          : static_cast<std::size_t>(found - state.operations.begin()) + 1;
+      if (flatpak_transaction_operation_get_operation_type(operation)
+          == FLATPAK_TRANSACTION_OPERATION_UNINSTALL)
+        return;
+      flatpak_transaction_progress_set_update_frequency(progress, 100);
+      state.progresses.push_back(share(progress));
+      state.currentProgress = progress;
+      connect(progress, "changed", &RunState::onProgressChanged, data);
+      state.deliver(state.report(operation, OperationPhase::downloading, 0, 0));
+    });
   }
 
   static void onProgressChanged(FlatpakTransactionProgress* progress, gpointer data) {
     auto& state = *static_cast<RunState*>(data);
-    if (state.current == 0 || state.current > state.operations.size()) return;
-    const int percent = flatpak_transaction_progress_get_progress(progress);
-    state.deliver(
-        state.report(state.operations[state.current - 1],
-                     percent >= 100 ? OperationPhase::installing : OperationPhase::downloading,
-                     percent, flatpak_transaction_progress_get_bytes_transferred(progress)));
+    state.guarded([&] {
+      if (state.current == 0 || state.current > state.operations.size()) return;
+      // libflatpak's estimate can dip as the pull finds more objects; reports never go back.
+      const int percent =
+          std::max(state.highest, flatpak_transaction_progress_get_progress(progress));
+      state.highest = percent;
+      state.deliver(
+          state.report(state.operations[state.current - 1],
+                       percent >= 100 ? OperationPhase::installing : OperationPhase::downloading,
+                       percent, flatpak_transaction_progress_get_bytes_transferred(progress)));
+    });
   }
 
   static void onOperationDone(FlatpakTransaction* /*transaction*/,
                               FlatpakTransactionOperation* operation, const char* /*commit*/,
                               FlatpakTransactionResult /*result*/, gpointer data) {
     auto& state = *static_cast<RunState*>(data);
-    const auto bytes =
-        state.progresses.empty()
-            ? 0
-            : flatpak_transaction_progress_get_bytes_transferred(state.progresses.back().get());
-    state.deliver(state.report(operation, OperationPhase::done, 100, bytes));
+    state.guarded([&] {
+      const auto bytes =
+          state.currentProgress == nullptr
+              ? 0
+              : flatpak_transaction_progress_get_bytes_transferred(state.currentProgress);
+      state.deliver(state.report(operation, OperationPhase::done, 100, bytes));
+    });
   }
 
   static gboolean onOperationError(FlatpakTransaction* /*transaction*/,
@@ -171,11 +202,13 @@ struct Transaction::RunState {
     // A non-fatal error (a related ref such as a locale extension) does not stop the rest.
     if ((details & FLATPAK_TRANSACTION_ERROR_DETAILS_NON_FATAL) != 0) return TRUE;
     auto& state = *static_cast<RunState*>(data);
-    if (!state.operationError && error != nullptr)
-      state.operationError.emplace(
-          fmt::format("{} {}", kindName(operation),
-                      toString(flatpak_transaction_operation_get_ref(operation))),
-          *error);
+    state.guarded([&] {
+      if (!state.operationError && error != nullptr)
+        state.operationError.emplace(
+            fmt::format("{} {}", kindName(operation),
+                        toString(flatpak_transaction_operation_get_ref(operation))),
+            *error);
+    });
     return FALSE;
   }
 
@@ -263,7 +296,7 @@ void Transaction::run(const ProgressCallback& progress) {
   for (const auto& item : state.progresses)
     g_signal_handlers_disconnect_by_data(item.get(), &state);
 
-  if (state.callbackError) std::rethrow_exception(state.callbackError);
+  if (state.failure) std::rethrow_exception(state.failure);
   if (ok) return;
   if (g_cancellable_is_cancelled(cancellable_.get()) != FALSE)
     throw FlatpakError("run the transaction", G_IO_ERROR, G_IO_ERROR_CANCELLED,

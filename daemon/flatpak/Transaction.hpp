@@ -32,7 +32,8 @@ struct TransactionProgress {
   std::string ref;
   OperationKind kind = OperationKind::other;
   OperationPhase phase = OperationPhase::downloading;
-  /// The operation's progress, 0 to 100, as libflatpak reports it.
+  /// The operation's progress, 0 to 100, as libflatpak estimates it, but never lower than in
+  /// an earlier report of the operation (libflatpak's own estimate can dip).
   int percent = 0;
   /// Bytes fetched so far for this operation.
   std::uint64_t bytesTransferred = 0;

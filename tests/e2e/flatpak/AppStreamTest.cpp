@@ -108,6 +108,13 @@ TEST(AppStreamTest, NewestReleaseTranslationsAndRemoteIcons) {
   EXPECT_TRUE(components[0].iconPath.empty());
   EXPECT_EQ(components[0].screenshots, (std::vector<std::string>{"https://s/1", "https://s/2"}));
   EXPECT_EQ(components[0].version, "1.2");
+
+  // The same compressed, as repositories without the uncompressed branch publish it.
+  testing::runScript({"gzip", "-k", xml.native()});
+  const auto compressed = readAppStream(xml.native() + ".gz");
+  ASSERT_EQ(compressed.size(), 1U);
+  EXPECT_EQ(compressed[0].version, "1.2");
+  EXPECT_EQ(compressed[0].screenshots, components[0].screenshots);
 }
 
 TEST(AppStreamTest, WhatIsNotACatalogueFailsWithItsReason) {

@@ -57,9 +57,9 @@ class InstallationTest : public ::testing::Test {
 };
 
 TEST_F(InstallationTest, InstallsAnAppWithItsRuntimeAndReportsProgressToTheEnd) {
-  // Over HTTP at 4 MiB/s, so that the runtime's megabyte arrives in steps that get reported (a
-  // file:// remote reports no bytes until the end).
-  const RepositoryServer server(repository.repo(), 4 << 20);
+  // Over HTTP at 2 MiB/s, so that the runtime's megabyte takes half a second and arrives in
+  // steps that get reported (a file:// remote reports no bytes until the end).
+  const RepositoryServer server(repository.repo(), 2 << 20);
   installation.addRemote(remote, server.url());
   const auto start = std::chrono::steady_clock::now();
   const auto reports = install(appRef(hello, branch));
@@ -110,12 +110,14 @@ TEST_F(InstallationTest, InstallsAnAppWithItsRuntimeAndReportsProgressToTheEnd) 
            && r.transactionPercent < 100;
   })) << "no report while the runtime downloads";
 
-  // A private installation keeps everything in its directory.
-  EXPECT_FALSE(std::filesystem::exists(repository.home() / ".local/share/flatpak"));
+  // A private installation keeps everything in its directory: nothing in HOME, nothing in the
+  // user or system installation.
+  EXPECT_TRUE(std::filesystem::is_empty(repository.home()));
+  EXPECT_FALSE(std::filesystem::exists(repository.userDir()));
   EXPECT_FALSE(std::filesystem::exists(repository.systemDir()));
 }
 
-TEST_F(InstallationTest, ListsItsRemotesAndWhatTheyOffer) {
+TEST_F(InstallationTest, ListsItsRemotesAndWhatTheyOfferAndFindsTheSystemInstallation) {
   installation.addRemote(remote, repository.url());
   const auto remotes = installation.remotes();
   ASSERT_EQ(remotes.size(), 1U);
@@ -136,6 +138,10 @@ TEST_F(InstallationTest, ListsItsRemotesAndWhatTheyOffer) {
                 appRef(big, branch), appRef("org.corvane.Test.Broken", branch),
                 appRef(hello, branch), appRef("org.corvane.Test.Quiet", branch), runtimeRef()}));
   EXPECT_THROW((void)installation.remoteRefs("nowhere"), FlatpakError);
+
+  // The system installation is where $FLATPAK_SYSTEM_DIR says: what keeps the tests away from
+  // the machine's own.
+  EXPECT_EQ(Installation::system().path(), repository.systemDir());
 }
 
 TEST_F(InstallationTest, UpdatesToTheNewCommitOfItsRemote) {
@@ -168,6 +174,13 @@ TEST_F(InstallationTest, UninstallRemovesTheAppAndKeepsTheRuntime) {
   install(appRef(hello, branch));
   const auto installed = installation.findInstalled(appRef(hello, branch));
   ASSERT_TRUE(installed);
+
+  try {
+    install(appRef(hello, branch));
+    ADD_FAILURE() << "installed twice";
+  } catch (const FlatpakError& error) {
+    EXPECT_TRUE(error.matches(FLATPAK_ERROR, FLATPAK_ERROR_ALREADY_INSTALLED)) << error.what();
+  }
 
   installation.uninstall(appRef(hello, branch));
   EXPECT_FALSE(installation.findInstalled(appRef(hello, branch)));
@@ -238,6 +251,20 @@ TEST_F(InstallationTest, InstallsFromAFlatpakrefWithTheRemoteItNames) {
                           [&](const RemoteInfo& info) { return info.url == repository.url(); }));
 }
 
+TEST_F(InstallationTest, ACallbackThatThrowsStopsTheTransactionWithItsException) {
+  installation.addRemote(remote, repository.url());
+  Transaction transaction(installation);
+  transaction.addInstall(remote, appRef(hello, branch));
+  int calls = 0;
+  EXPECT_THROW(transaction.run([&](const TransactionProgress&) {
+    ++calls;
+    throw std::logic_error("the caller gave up");
+  }),
+               std::logic_error);
+  EXPECT_EQ(calls, 1);
+  EXPECT_FALSE(installation.findInstalled(appRef(hello, branch)));
+}
+
 /// One way an install goes wrong, and what the error must say.
 struct Failure {
   std::string name;
@@ -305,8 +332,19 @@ TEST_F(InstallationTest, FailuresSayWhy) {
 }
 
 TEST_F(InstallationTest, LaunchedAppRunsInItsSandbox) {
-  // libflatpak finds the app's runtime only in the user and system installations, so this one is
-  // the user installation ($FLATPAK_USER_DIR, a temporary directory).
+  // libflatpak looks for the app's runtime only in the user and system installations: from a
+  // private installation elsewhere the launch fails, naming the runtime.
+  installation.addRemote(remote, repository.url());
+  install(appRef(hello, branch));
+  try {
+    (void)installation.launch(hello, branch);
+    ADD_FAILURE() << "launched from a private installation";
+  } catch (const FlatpakError& error) {
+    EXPECT_TRUE(error.matches(FLATPAK_ERROR, FLATPAK_ERROR_NOT_INSTALLED)) << error.what();
+    EXPECT_NE(error.message().find(runtimeRef()), std::string::npos) << error.what();
+  }
+
+  // So this one is the user installation ($FLATPAK_USER_DIR, a temporary directory).
   auto user = Installation::openAt(repository.userDir());
   user.addRemote(remote, repository.url());
   {
