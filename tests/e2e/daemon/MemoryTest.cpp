@@ -118,7 +118,8 @@ bool eventually(Condition done) {
 // the freed memory goes back to the system once the clients are gone.
 TEST(DaemonMemory, ConnectionBurstsAreRefusedPastTheLimitsAndLeaveNothingBehind) {
   if (!enoughDescriptors()) GTEST_SKIP() << "the hard descriptor limit is below " << round + 256;
-  ::setenv("CORVANE_LOG_BACKEND", "stderr", 1);
+  // The refusals are read from its standard error, whatever log the machine has.
+  ::setenv("CORVANE_LOG_BACKEND", "stderr", 1);  // NOLINT(concurrency-mt-unsafe): no threads yet
   TemporaryDirectory directory;
   DaemonProcess daemon(directory.path());
   const pid_t pid = daemon.process().pid();
