@@ -6,16 +6,22 @@
 
 #include <corvane/ipc/Connection.hpp>
 #include <corvane/ipc/ExportedObject.hpp>
+#include <corvane/ipc/Frame.hpp>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <future>
 #include <poll.h>
+#include <span>
+#include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -111,6 +117,28 @@ bool eventually(Condition done) {
   return true;
 }
 
+/// `burst` connections that send nothing, `round` at a time: each round is held open until the
+/// daemon has refused all but what one user may have, then `measure` runs, `client` must be
+/// served, and the round is closed.
+template <class Measure>
+void flood(const std::filesystem::path& socket, std::size_t burst, WellBehavedClient& client,
+           Measure measure) {
+  for (std::size_t made = 0; made < burst; made += round) {
+    std::vector<int> fds;
+    for (std::size_t i = 0; i < std::min(round, burst - made); ++i) {
+      const int fd = connectQuietly(socket);
+      if (fd >= 0) fds.push_back(fd);
+    }
+    // The well-behaved client holds one of its user's connections.
+    const std::size_t open = waitUntilRefused(fds, perUserLimit - 1);
+    EXPECT_LE(open, perUserLimit - 1) << "of " << fds.size();
+    EXPECT_GT(open, 0U) << "the daemon refused connections within its limits";
+    measure();
+    EXPECT_TRUE(client.served()) << "while the flood is past the limits";
+    for (const int fd : fds) ::close(fd);
+  }
+}
+
 // Every connection made the daemon zero a 64 KiB receive buffer on its first read, even one that
 // only found the end of the stream, and nothing limited how many a user could open: 5,000 clients
 // that connected and closed took it from 8 MB to 340 MB, and it stayed there. Past its limits
@@ -132,20 +160,7 @@ TEST(DaemonMemory, ConnectionBurstsAreRefusedPastTheLimitsAndLeaveNothingBehind)
   for (const std::size_t burst : {std::size_t{5000}, std::size_t{20000}}) {
     SCOPED_TRACE(::testing::Message() << burst << " connections");
     std::size_t peak = 0;
-    for (std::size_t made = 0; made < burst; made += round) {
-      std::vector<int> flood;
-      for (std::size_t i = 0; i < std::min(round, burst - made); ++i) {
-        const int fd = connectQuietly(daemon.socketPath());
-        if (fd >= 0) flood.push_back(fd);
-      }
-      // The well-behaved client holds one of its user's connections.
-      const std::size_t open = waitUntilRefused(flood, perUserLimit - 1);
-      EXPECT_LE(open, perUserLimit - 1) << "of " << flood.size();
-      EXPECT_GT(open, 0U) << "the daemon refused connections within its limits";
-      peak = std::max(peak, residentBytes(pid));
-      EXPECT_TRUE(client.served()) << "while the flood is past the limits";
-      for (const int fd : flood) ::close(fd);
-    }
+    flood(daemon.socketPath(), burst, client, [&] { peak = std::max(peak, residentBytes(pid)); });
     EXPECT_TRUE(eventually([&] { return openDescriptors(pid) <= idleDescriptors; }))
         << openDescriptors(pid) << " descriptors open, " << idleDescriptors << " when idle";
     if (residentSizeIsMeaningful) {
@@ -162,6 +177,77 @@ TEST(DaemonMemory, ConnectionBurstsAreRefusedPastTheLimitsAndLeaveNothingBehind)
   EXPECT_TRUE(daemon.process().waitForError("Refused a connection"));
   EXPECT_TRUE(client.served());
   EXPECT_EQ(daemon.stop(), 0);
+}
+
+/// VmSize of `pid` in bytes (0 if it cannot be read).
+std::size_t addressSpaceBytes(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmSize:")) return std::stoull(line.substr(7)) * 1024;
+  }
+  return 0;
+}
+
+/// A client that sends its HELLO and `sent` bytes of a CALL announced at `declared` bytes; the
+/// socket, or -1 if it could not connect. The daemon may cut it off on the way.
+int sendPartOfAFrame(const std::filesystem::path& socket, std::size_t declared, std::size_t sent) {
+  const int fd = connectQuietly(socket);
+  if (fd < 0) return -1;
+  // A daemon that stopped reading without closing fails the test rather than hanging it.
+  const timeval bounded{std::chrono::duration_cast<std::chrono::seconds>(bound).count(), 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &bounded, sizeof bounded);
+  std::vector<std::byte> bytes =
+      ipc::encodeFrame(ipc::Frame{ipc::FrameKind::hello, 0, "", Bytes(ipc::helloPayload)});
+  std::vector<std::byte> header;
+  ipc::encodeFrameHeader(header, ipc::FrameKind::call, 1, "currentDeclarationKeysWithReply:", true,
+                         declared);
+  bytes.insert(bytes.end(), header.begin(), header.end());
+  bytes.resize(bytes.size() + sent, std::byte{'x'});
+  std::span<const std::byte> left(bytes);
+  while (!left.empty()) {
+    const ssize_t n = ::send(fd, left.data(), left.size(), MSG_NOSIGNAL);
+    if (n <= 0) break;  // cut off past the receive budget (or timed out: see the call below)
+    left = left.subspan(static_cast<std::size_t>(n));
+  }
+  return fd;
+}
+
+// Under an address-space limit of its idle size + 128 MiB (ulimit -v), the daemon died of
+// std::bad_alloc in a burst of connections. It now lives through the bursts and three partly
+// sent 60 MiB frames, and serves a well-behaved client afterwards.
+TEST(DaemonMemory, SurvivesBurstsAndLargeFramesWithinItsIdleAddressSpacePlus128MiB) {
+  if (!residentSizeIsMeaningful) {
+    GTEST_SKIP() << "the sanitizers reserve address space by the terabyte in this build";
+  }
+  if (!enoughDescriptors()) GTEST_SKIP() << "the hard descriptor limit is below " << round + 256;
+  TemporaryDirectory directory;
+  std::size_t idle = 0;
+  {
+    DaemonProcess plain(directory.path());
+    idle = addressSpaceBytes(plain.process().pid());
+    ASSERT_EQ(plain.stop(), 0);
+  }
+  ASSERT_GT(idle, 0U);
+  const std::size_t limitKiB = (idle + 128 * mebibyte) / 1024;
+  Process daemon({"sh", "-c", "ulimit -v " + std::to_string(limitKiB) + " && exec \"$0\" \"$@\"",
+                  DaemonProcess::binary(), "--runtime-dir", directory.path().native()});
+  ASSERT_TRUE(daemon.waitForOutput(DaemonProcess::readyLine)) << daemon.err();
+  const auto socket = directory.path() / "dev.corvane.corvaneagent";
+  WellBehavedClient client(directory.path());
+  ASSERT_TRUE(client.served());
+
+  flood(socket, 20000, client, [] {});
+  constexpr std::size_t declared = std::size_t{60} * 1024 * 1024;
+  const std::array partial{sendPartOfAFrame(socket, declared, declared / 10 * 9),
+                           sendPartOfAFrame(socket, declared, declared / 10 * 9),
+                           sendPartOfAFrame(socket, declared, declared / 10 * 9)};
+  EXPECT_TRUE(client.served()) << daemon.err();
+  for (const int fd : partial) {
+    if (fd >= 0) ::close(fd);
+  }
+  EXPECT_TRUE(client.served()) << daemon.err();
+  EXPECT_EQ(daemon.terminate(), 0) << daemon.err();
 }
 
 }  // namespace
