@@ -246,6 +246,11 @@ std::span<std::byte> Session::frameRoom(std::size_t least) {
 }
 
 void Session::received(std::size_t bytes) {
+  if (!wantsInput()) {
+    // Read after the close (a synchronous caller's last recv): nobody takes these bytes.
+    decoder_.release();
+    return;
+  }
   decoder_.commit(bytes);
   Frame frame;
   while (!closed_ && !inputEnded_) {
