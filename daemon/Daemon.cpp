@@ -83,6 +83,9 @@ void Daemon::start() {
   listenerOptions.workerThreads = 2;
   // A client that does not read its pushes is cut off once this much waits for it.
   listenerOptions.maxQueuedOutgoingBytes = std::size_t{4} * 1024 * 1024;
+  listenerOptions.maxConnections = options_.maxConnections;
+  listenerOptions.maxConnectionsPerUser = options_.maxConnectionsPerUser;
+  listenerOptions.receiveBudgetBytes = options_.receiveBudgetBytes;
   listener_ = std::make_unique<ipc::Listener>(std::string(agentServiceName), listenerOptions);
   listener_->setConnectionHandler([this](ipc::Peer& peer) {
     accept(peer);

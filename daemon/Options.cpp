@@ -92,6 +92,19 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
   auto* idle = app.add_option("--idle-exit", idleSeconds,
                               "Under socket activation, exit after SECONDS with nothing to do")
                    ->check(CLI::Range(1, 86'400));
+  app.add_option("--max-connections", options.maxConnections,
+                 "Client connections open at once; more are refused")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1'000'000));
+  app.add_option("--max-connections-per-user", options.maxConnectionsPerUser,
+                 "Client connections open at once from one user (uid); more are refused")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1'000'000));
+  std::size_t budgetMiB = options.receiveBudgetBytes / (std::size_t{1024} * 1024);
+  app.add_option("--receive-budget-mib", budgetMiB,
+                 "MiB of partly received frames all clients may have together")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 4096));
 
   try {
     app.parse(argc, argv);
@@ -122,6 +135,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
   if (crash->count() > 0) options.crashAfter = crashAfter;
   if (allow->count() > 0) options.allowGroup = group;
   if (idle->count() > 0) options.idleExit = std::chrono::seconds(idleSeconds);
+  options.receiveBudgetBytes = budgetMiB * 1024 * 1024;
   return options;
 }
 

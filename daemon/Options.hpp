@@ -53,6 +53,11 @@ struct Options {
   bool verbose = false;
   /// Under socket activation: exit after this long with no client and no install.
   std::optional<std::chrono::seconds> idleExit;
+  /// Client connections open at once, in all and from one user (uid).
+  std::size_t maxConnections = 1024;
+  std::size_t maxConnectionsPerUser = 256;
+  /// Bytes of partly received frames all clients may have together.
+  std::size_t receiveBudgetBytes = std::size_t{64} * 1024 * 1024;
 };
 
 /// Parses the command line. Returns the options, or the exit status when the process should stop

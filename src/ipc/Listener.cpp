@@ -7,20 +7,25 @@
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
+#include <fmt/format.h>
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <malloc.h>
+#include <optional>
 #include <set>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace corvane::ipc {
 
@@ -109,6 +114,42 @@ bool outOfResources(int error) noexcept {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+/// At most one line a second about refused connections.
+constexpr std::chrono::seconds refusalLogInterval{1};
+/// Descriptors kept free for everything else the process opens.
+constexpr std::size_t sparedDescriptors = 64;
+/// After this many connections have ended (or the last one has), the freed heap goes back to the
+/// system, this long later, so that one trim covers a whole burst.
+constexpr std::size_t trimAfterClosed = 256;
+constexpr std::chrono::milliseconds trimDelay{200};
+/// A second trim follows the first after this long, for what the service frees on its own
+/// threads once it hears a connection has gone.
+constexpr std::chrono::milliseconds followUpTrimDelay{1000};
+
+/// `wanted`, or fewer if the process may not open two descriptors for each of them.
+std::size_t connectionsThatFit(std::size_t wanted) noexcept {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return wanted;
+  const auto descriptors = static_cast<std::size_t>(limit.rlim_cur);
+  const std::size_t fit =
+      descriptors > sparedDescriptors ? (descriptors - sparedDescriptors) / 2 : 1;
+  return std::min(wanted, std::max<std::size_t>(fit, 1));
+}
+
+PeerCredentials credentialsOf(int fd) noexcept {
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return {};
+  return {cred.pid, cred.uid, cred.gid};
+}
+
+void armOnce(int timerFd, std::chrono::milliseconds after) noexcept {
+  itimerspec when{};
+  when.it_value.tv_sec = static_cast<time_t>(after.count() / 1000);
+  when.it_value.tv_nsec = static_cast<long>((after.count() % 1000) * 1000000);
+  ::timerfd_settime(timerFd, 0, &when, nullptr);
+}
+
 /// The state behind a Listener: the listening socket and the accepted channels.
 class ListenerCore final : public ChannelOwner,
                            public Watcher,
@@ -118,22 +159,32 @@ class ListenerCore final : public ChannelOwner,
       : path_(std::move(path)),
         options_(std::move(options)),
         runtime_(std::make_shared<Runtime>(std::max<std::size_t>(options_.workerThreads, 1))),
-        budget_(std::make_shared<ReceiveBudget>(options_.receiveBudgetBytes)) {
+        budget_(std::make_shared<ReceiveBudget>(options_.receiveBudgetBytes)),
+        maxConnections_(connectionsThatFit(options_.maxConnections)) {
+    if (maxConnections_ < options_.maxConnections) {
+      LogCategory::tether().notice(
+          "{} takes at most {} connections: the process may not open descriptors for {}",
+          path_.native(), maxConnections_, options_.maxConnections);
+    }
     int fd = options_.adoptActivatedSocket ? adoptActivatedSocket(path_) : -1;
     activated_ = fd >= 0;
     if (!activated_) fd = bindSocket(path_);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
     listenFd_ = fd;
     timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    if (timerFd_ < 0) {
+    trimFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (timerFd_ < 0 || trimFd_ < 0) {
       const int failure = errno;
       ::close(listenFd_);
+      if (timerFd_ >= 0) ::close(timerFd_);
+      if (trimFd_ >= 0) ::close(trimFd_);
       throwSystem(failure, "timerfd_create");
     }
   }
   ~ListenerCore() override {
     if (listenFd_ >= 0) ::close(listenFd_);
     ::close(timerFd_);
+    ::close(trimFd_);
   }
   ListenerCore(const ListenerCore&) = delete;
   ListenerCore& operator=(const ListenerCore&) = delete;
@@ -152,6 +203,7 @@ class ListenerCore final : public ChannelOwner,
     resumed_ = true;
     listenKey_ = runtime_->watch(listenFd_, shared_from_this());
     timerKey_ = runtime_->watch(timerFd_, shared_from_this());
+    trimKey_ = runtime_->watch(trimFd_, shared_from_this());
     runtime_->arm(listenFd_, listenKey_, EPOLLIN);
   }
 
@@ -162,6 +214,7 @@ class ListenerCore final : public ChannelOwner,
         if (resumed_) {
           runtime_->unwatch(listenFd_, listenKey_);
           runtime_->unwatch(timerFd_, timerKey_);
+          runtime_->unwatch(trimFd_, trimKey_);
         }
         ::close(listenFd_);
         listenFd_ = -1;
@@ -175,6 +228,7 @@ class ListenerCore final : public ChannelOwner,
     {
       const std::lock_guard state(mutex_);
       open.swap(channels_);
+      perUser_.clear();
     }
     for (const auto& channel : open)
       channel->close(CloseReason::invalidated, "the service stopped");
@@ -186,6 +240,10 @@ class ListenerCore final : public ChannelOwner,
   }
 
   void ready(std::uint64_t key, std::uint32_t /*events*/) override {
+    if (key == trimKey_) {
+      trim();
+      return;
+    }
     const std::lock_guard accepting(acceptMutex_);
     if (listenFd_ < 0) return;
     if (key == timerKey_) {
@@ -200,9 +258,22 @@ class ListenerCore final : public ChannelOwner,
   // Runs on the closed channel's delivery executor.
   void channelClosed(const std::shared_ptr<Channel>& channel, CloseReason reason,
                      const std::string& detail) override {
+    bool trimSoon = false;
     {
       const std::lock_guard state(mutex_);
-      channels_.erase(channel);
+      if (channels_.erase(channel) > 0) {
+        const auto user = perUser_.find(channel->credentials().uid);
+        if (user != perUser_.end() && --user->second == 0) perUser_.erase(user);
+        ++closedSinceTrim_;
+      }
+      if (!trimArmed_ && closedSinceTrim_ > 0
+          && (channels_.empty() || closedSinceTrim_ >= trimAfterClosed)) {
+        trimArmed_ = trimSoon = true;
+      }
+    }
+    if (trimSoon) {
+      armOnce(trimFd_, trimDelay);
+      runtime_->arm(trimFd_, trimKey_, EPOLLIN);
     }
     if (reason == CloseReason::protocolViolation || reason == CloseReason::helloMismatch
         || reason == CloseReason::limitExceeded) {
@@ -219,8 +290,22 @@ class ListenerCore final : public ChannelOwner,
       const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (fd >= 0) {
         pause_ = firstAcceptPause;
+        const auto credentials = credentialsOf(fd);
+        if (!admits(credentials)) {
+          ::close(fd);
+          continue;
+        }
         try {
           adopt(fd);
+        } catch (const std::system_error& e) {
+          // adopt has closed the descriptor. Out of descriptors (its duplicate could not be
+          // made): the next accept would only fail the same way, so pause as accept4 would.
+          if (outOfResources(e.code().value()) && e.code().category() == std::system_category()) {
+            pauseAccepting(e.code().value());
+            return Accepting::paused;
+          }
+          LogCategory::tether().error("Could not take a connection on {}: {}", path_.native(),
+                                      e.what());
         } catch (const std::exception& e) {
           LogCategory::tether().error("Could not take a connection on {}: {}", path_.native(),
                                       e.what());
@@ -240,15 +325,60 @@ class ListenerCore final : public ChannelOwner,
     }
   }
 
+  /// Whether a client with `credentials` may have one more connection; logs a refusal, at most
+  /// once per interval (the line counts the refusals it stands for). Under acceptMutex_.
+  bool admits(const PeerCredentials& credentials) {
+    std::size_t open = 0;
+    std::size_t ofUser = 0;
+    {
+      const std::lock_guard state(mutex_);
+      open = channels_.size();
+      if (const auto user = perUser_.find(credentials.uid); user != perUser_.end())
+        ofUser = user->second;
+    }
+    if (open < maxConnections_ && ofUser < options_.maxConnectionsPerUser) return true;
+    ++refusedUnlogged_;
+    const auto now = std::chrono::steady_clock::now();
+    if (lastRefusalLog_ && now - *lastRefusalLog_ < refusalLogInterval) return false;
+    lastRefusalLog_ = now;
+    const std::string why = open >= maxConnections_
+                                ? fmt::format("{} connections are open, the most allowed", open)
+                                : fmt::format("uid {} has {} connections open, the most allowed",
+                                              credentials.uid, ofUser);
+    LogCategory::tether().error(
+        "Refused a connection on {} from pid {} uid {}: {} ({} refused "
+        "since the last such line)",
+        path_.native(), credentials.pid, credentials.uid, why, std::exchange(refusedUnlogged_, 0));
+    return false;
+  }
+
+  /// Gives the heap that ended connections freed back to the system, and arms a second trim
+  /// after the first of a burst.
+  void trim() {
+    std::uint64_t expirations = 0;
+    [[maybe_unused]] const auto got = ::read(trimFd_, &expirations, sizeof expirations);
+    bool followUp = false;
+    {
+      const std::lock_guard state(mutex_);
+      followUp = closedSinceTrim_ > 0;
+      closedSinceTrim_ = 0;
+      trimArmed_ = followUp;
+    }
+#if defined(__GLIBC__)
+    ::malloc_trim(0);
+#endif
+    if (followUp) {
+      armOnce(trimFd_, followUpTrimDelay);
+      runtime_->arm(trimFd_, trimKey_, EPOLLIN);
+    }
+  }
+
   /// Out of descriptors (or memory): retrying at once would only spin, so wait a little longer
   /// each time, and say so once per pause.
   void pauseAccepting(int failure) {
     LogCategory::tether().error("accept on {} failed: {}; accepting again in {} ms", path_.native(),
                                 systemMessage(failure), pause_.count());
-    itimerspec when{};
-    when.it_value.tv_sec = static_cast<time_t>(pause_.count() / 1000);
-    when.it_value.tv_nsec = static_cast<long>((pause_.count() % 1000) * 1000000);
-    ::timerfd_settime(timerFd_, 0, &when, nullptr);
+    armOnce(timerFd_, pause_);
     runtime_->arm(timerFd_, timerKey_, EPOLLIN);
     pause_ = std::min(pause_ * 2, longestAcceptPause);
   }
@@ -262,6 +392,7 @@ class ListenerCore final : public ChannelOwner,
     {
       const std::lock_guard state(mutex_);
       channels_.insert(channel);
+      ++perUser_[channel->credentials().uid];
     }
     // The handler runs on the peer's delivery executor ahead of any call from this client, so
     // what it sets is in place when the first call is dispatched.
@@ -280,7 +411,13 @@ class ListenerCore final : public ChannelOwner,
         channel->close(CloseReason::invalidated, "rejected");
       }
     });
-    channel->start();
+    try {
+      channel->start();
+    } catch (...) {
+      // Closing it takes it out of the open connections again.
+      channel->close(CloseReason::invalidated, "could not be watched");
+      throw;
+    }
   }
 
   const std::filesystem::path path_;
@@ -290,14 +427,22 @@ class ListenerCore final : public ChannelOwner,
   std::mutex acceptMutex_;  // the listening socket and the pause
   int listenFd_ = -1;
   int timerFd_ = -1;
+  int trimFd_ = -1;
   std::uint64_t listenKey_ = 0;
   std::uint64_t timerKey_ = 0;
+  std::uint64_t trimKey_ = 0;
+  const std::size_t maxConnections_;
+  std::size_t refusedUnlogged_ = 0;  // under acceptMutex_, as is the time below
+  std::optional<std::chrono::steady_clock::time_point> lastRefusalLog_;
   bool resumed_ = false;
   bool activated_ = false;
   std::chrono::milliseconds pause_ = firstAcceptPause;
   std::mutex mutex_;  // the handler and the channels
   Listener::ConnectionHandler handler_;
   std::set<std::shared_ptr<Channel>> channels_;
+  std::unordered_map<std::uint32_t, std::size_t> perUser_;  // open connections by uid
+  std::size_t closedSinceTrim_ = 0;
+  bool trimArmed_ = false;
 };
 
 /// Proxies of a peer hold its channel weakly: a proxy kept by the exported object must not keep

@@ -63,7 +63,9 @@ class Peer {
 /// Options of a listener. The limits bound what one client can make the service hold: about
 /// `maxCallsInFlight` frames being handled, `maxQueuedIncomingBytes` waiting behind them,
 /// `maxQueuedOutgoingBytes` of answers it does not read, and its share of `receiveBudgetBytes`.
-/// A client that goes past a limit is disconnected (and the error logged), nothing else.
+/// A client that goes past a limit is disconnected (and the error logged), nothing else. The
+/// connection limits bound how many clients there are: a connection past them is closed as soon
+/// as it is accepted.
 struct ListenerOptions {
   /// Where the socket is bound; empty = `defaultRuntimeDirectory()`.
   std::filesystem::path runtimeDirectory;
@@ -79,6 +81,11 @@ struct ListenerOptions {
   std::size_t maxQueuedOutgoingBytes = std::size_t{16} * 1024 * 1024;
   /// Bytes of partly received frames all clients may have together.
   std::size_t receiveBudgetBytes = std::size_t{256} * 1024 * 1024;
+  /// Connections open at once, over all clients. Each takes two descriptors, so the listener
+  /// takes fewer when the process may not open that many (RLIMIT_NOFILE, with some to spare).
+  std::size_t maxConnections = 1024;
+  /// Connections open at once from one user (the peer's uid).
+  std::size_t maxConnectionsPerUser = 256;
   /// Worker threads doing the I/O of every client and running the handlers; a handler that
   /// blocks holds one of them.
   std::size_t workerThreads = 4;
@@ -88,9 +95,15 @@ struct ListenerOptions {
 /// directory, replacing a stale socket) or adopts a systemd-activated socket, and accepts
 /// connections. Each accepted connection is handed to the connection handler, which inspects the
 /// peer's credentials, sets its exported object and returns true to accept or false to reject.
-/// Malformed input from a client closes only that client's connection. When the process runs out
-/// of descriptors, accepting pauses for a short, growing while, and the failure is logged once per
-/// pause rather than once per attempt.
+/// Malformed input from a client closes only that client's connection. A connection past
+/// `maxConnections` or `maxConnectionsPerUser` is closed at once, and logged (at most one line a
+/// second, counting the ones it leaves out). When the process runs out of descriptors, accepting
+/// pauses for a short, growing while, and the failure is logged once per pause rather than once
+/// per attempt.
+///
+/// Memory: a client holds no receive buffer until it sends, and what it held goes back when its
+/// connection ends. Once many connections have ended (or the last one has), the listener gives
+/// the freed heap back to the system (malloc_trim), at most a few times a second.
 ///
 /// Threads: `workerThreads` workers do the accepting and the I/O of all sockets and run the
 /// handlers. Each client has its own delivery executor (`Peer::executor`): the connection handler,

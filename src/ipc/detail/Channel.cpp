@@ -35,6 +35,13 @@ std::string systemMessage(int error) {
   return std::error_code(error, std::system_category()).message();
 }
 
+/// This thread's buffer to read into before the bytes go to a session (one per thread, made on
+/// its first read).
+std::span<std::byte> scratch() {
+  thread_local std::vector<std::byte> buffer(readChunk);
+  return buffer;
+}
+
 PeerCredentials peerCredentials(int fd) {
   ucred cred{};
   socklen_t size = sizeof cred;
@@ -333,13 +340,20 @@ bool Channel::readLocked(bool toTheEnd) {
   std::size_t taken = 0;
   while (session_.wantsInput()) {
     if (taken >= readPerTurn) return true;
-    auto room = session_.receiveBuffer(readChunk);
+    // The rest of a large frame goes straight into its buffer; anything else lands in this
+    // worker's scratch buffer first, and the session keeps only what is left of a frame: a
+    // client costs no receive memory before it sends, nor after its frames are taken.
+    auto room = session_.frameRoom(readChunk);
+    const bool inPlace = !room.empty();
+    if (!inPlace) room = scratch();
     const ssize_t got = ::recv(fd_, room.data(), room.size(), MSG_DONTWAIT);
     if (got > 0) {
-      session_.received(static_cast<std::size_t>(got));
-      taken += static_cast<std::size_t>(got);
+      const auto size = static_cast<std::size_t>(got);
+      if (!inPlace) std::copy_n(room.begin(), size, session_.receiveBuffer(size).begin());
+      session_.received(size);
+      taken += size;
       // A short read took all that had arrived; what comes later is a new edge.
-      if (!toTheEnd && static_cast<std::size_t>(got) < room.size()) return false;
+      if (!toTheEnd && size < room.size()) return false;
     } else if (got == 0) {
       session_.receivedEnd();
     } else if (errno != EINTR) {
@@ -351,7 +365,7 @@ bool Channel::readLocked(bool toTheEnd) {
 }
 
 void Channel::readFor(SyncSlot& slot, std::optional<SyncSlot::Clock::time_point> deadline) {
-  thread_local std::vector<std::byte> buffer(readChunk);
+  const auto buffer = scratch();
   while (!slot.done()) {
     if (deadline && !readableBefore(*deadline)) break;  // the caller gives up; a worker reads on
     const ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), 0);

@@ -11,10 +11,12 @@ namespace corvane::ipc::detail {
 namespace {
 
 /// What a connection may buffer of a partly received frame without drawing on the shared budget:
-/// one read's worth, so that ordinary traffic never touches it.
-constexpr std::size_t freeReceiveAllowance = std::size_t{64} * 1024;
+/// ordinary calls fit in it, and a thousand idle clients holding it are still little.
+constexpr std::size_t freeReceiveAllowance = std::size_t{16} * 1024;
 /// Payloads up to this size are copied behind the frames before them (see queueFrame).
 constexpr std::size_t coalescedPayloadLimit = std::size_t{16} * 1024;
+/// A written buffer at most this large is kept for the next frames.
+constexpr std::size_t keptOutputBuffer = std::size_t{16} * 1024;
 /// A buffer of copied frames takes no more once it holds this much.
 constexpr std::size_t coalescedChunkLimit = std::size_t{256} * 1024;
 
@@ -135,6 +137,9 @@ void Session::close(CloseReason reason, std::string detail) {
   outputBytes_ = 0;
   queued_.clear();
   queuedBytes_ = 0;
+  // Nothing more is read or written: the buffers go back now, not when the owner lets go.
+  decoder_.release();
+  spare_ = {};
   releaseBudget();
   failPending(closeError(reason, closeDetail_));
 }
@@ -219,8 +224,9 @@ void Session::wrote(std::size_t bytes) {
       break;
     }
     bytes -= left;
-    // A written buffer of small frames is kept for the next ones.
-    if (output_.front().capacity() <= coalescedChunkLimit * 2) spare_ = std::move(output_.front());
+    // A small written buffer is kept for the next frames; a larger one goes back, so that an
+    // idle client holds little.
+    if (output_.front().capacity() <= keptOutputBuffer) spare_ = std::move(output_.front());
     output_.pop_front();
     outputOffset_ = 0;
   }
@@ -233,7 +239,18 @@ std::span<std::byte> Session::receiveBuffer(std::size_t size) {
   return decoder_.prepare(size);
 }
 
+std::span<std::byte> Session::frameRoom(std::size_t least) {
+  const std::size_t missing = decoder_.missingBytes();
+  if (missing < least || !wantsInput()) return {};
+  return decoder_.prepare(std::min(missing, std::max(least, decoder_.bufferedBytes() / 4)));
+}
+
 void Session::received(std::size_t bytes) {
+  if (!wantsInput()) {
+    // Read after the close (a synchronous caller's last recv): nobody takes these bytes.
+    decoder_.release();
+    return;
+  }
   decoder_.commit(bytes);
   Frame frame;
   while (!closed_ && !inputEnded_) {
@@ -258,7 +275,8 @@ void Session::receivedEnd() {
   // A client that shut down its writing still gets the answers to the calls it sent; the calls
   // we made to it can no longer be answered.
   inputEnded_ = true;
-  releaseBudget();  // a frame cut short by the end will never complete
+  decoder_.release();  // a frame cut short by the end will never complete
+  releaseBudget();
   failPending(CallError(ConnectionError::interrupted, "the peer hung up"));
   closeIfDrained();
 }

@@ -116,8 +116,12 @@ class Session {
 
   // ---- bytes read ----------------------------------------------------------------------------
 
-  /// Room for at least `size` bytes to receive into; follow with `received`.
+  /// Room for exactly `size` bytes to receive into; follow with `received`.
   [[nodiscard]] std::span<std::byte> receiveBuffer(std::size_t size);
+  /// Room to receive the rest of a large frame straight into, so it is not copied: empty unless a
+  /// frame with at least `least` bytes still missing is begun. It asks for no more than a quarter
+  /// of what is buffered (at least `least`), so what the frame holds grows with what arrives.
+  [[nodiscard]] std::span<std::byte> frameRoom(std::size_t least);
   /// `bytes` arrived in the last `receiveBuffer`: frames are taken, checked and turned into
   /// events; a violation closes the session.
   void received(std::size_t bytes);

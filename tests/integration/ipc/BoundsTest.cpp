@@ -237,6 +237,50 @@ TEST_F(Bounds, PartlyReceivedLargeFramesShareOneBudget) {
   EXPECT_EQ(echoFromNewClient(R"(["served"])"), R"(["served"])");
 }
 
+// Nothing bounded how many connections clients could open: every one was served, until the
+// process ran out of descriptors or memory. Past the total or the per-user limit a connection is
+// now closed at once, before any HELLO, and the refusal logged; a place that comes free is taken.
+TEST_F(Bounds, ConnectionsPastTheLimitsAreRefusedAtOnce) {
+  struct Case {
+    const char* what;
+    std::size_t total;
+    std::size_t perUser;
+    const char* logged;
+  };
+  for (const auto& limits : {Case{"in all", 3, 100, "3 connections are open"},
+                             Case{"per user", 100, 3, "has 3 connections open"}}) {
+    SCOPED_TRACE(limits.what);
+    auto options = listenerOptions();
+    options.maxConnections = limits.total;
+    options.maxConnectionsPerUser = limits.perUser;
+    Listener listener(serviceName, options);
+    serveEcho(listener);
+
+    std::vector<RawSocket> held;
+    Frame answer;
+    for (int i = 0; i < 3; ++i) {
+      held.push_back(RawSocket::connectTo(listener.path()));
+      held.back().write(hello);
+      const auto outcome = held.back().readFrame(answer);
+      ASSERT_EQ(outcome, RawSocket::Read::frame) << i << ": " << describe(outcome);
+    }
+    auto refused = RawSocket::connectTo(listener.path());
+    refused.write(hello);
+    const auto outcome = refused.readFrame(answer);
+    EXPECT_EQ(outcome, RawSocket::Read::closed) << describe(outcome);
+    EXPECT_TRUE(waitForLine(capture, {"Refused a connection", limits.logged})) << allLines(capture);
+
+    held.pop_back();
+    // The service hears of the close a moment later; until then a new client is refused too.
+    std::string echoed;
+    const auto deadline = std::chrono::steady_clock::now() + bound;
+    while (echoed != "[1]" && std::chrono::steady_clock::now() < deadline) {
+      echoed = echoFromNewClient("[1]");
+    }
+    EXPECT_EQ(echoed, "[1]");
+  }
+}
+
 // The service stopped reading a client once it had `maxCallsInFlight` of its calls in hand. A
 // handler that needed the client's answer to one of its own calls then waited for a REPLY nobody
 // read: the client's call never completed. Answers are now read all along.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -142,6 +143,47 @@ TEST(FrameDecoder, WaitsForTruncatedFramesAndHonoursASmallerLimit) {
   FrameDecoder small(20);
   small.feed(encodeFrame(makeFrame(FrameKind::reply, 1, "", "0123456789")));
   EXPECT_EQ(small.next(frame), FrameDecoder::Status::violation);
+}
+
+// The buffer was made 64 KiB and zeroed for every read, kept for the life of the connection, and
+// a large frame grew it by doubling. It now holds close to what arrived and goes back once the
+// frames are taken.
+TEST(FrameDecoder, HoldsCloseToWhatArrivedAndGivesItBack) {
+  FrameDecoder decoder;
+  EXPECT_EQ(decoder.capacity(), 0U) << "nothing before the first byte";
+
+  constexpr std::size_t payload = std::size_t{8} * 1024 * 1024;
+  const auto encoded = encodeFrame(makeFrame(FrameKind::call, 1, "op:", std::string(payload, 'p')));
+  const auto small = encodeFrame(makeFrame(FrameKind::call, 2, "next:", "n"));
+  Frame frame;
+  // The way a channel reads a large frame: the header through a copy, then a quarter of what is
+  // buffered at a time, straight into the decoder.
+  decoder.feed(std::span(encoded).first(4096));
+  while (decoder.missingBytes() > 0) {
+    const std::size_t at = decoder.bufferedBytes();
+    const std::size_t size = std::min(decoder.missingBytes(), std::max<std::size_t>(65536, at / 4));
+    auto room = decoder.prepare(size);
+    std::copy_n(encoded.begin() + static_cast<std::ptrdiff_t>(at), size, room.begin());
+    decoder.commit(size);
+    ASSERT_LE(decoder.capacity(), decoder.bufferedBytes() + decoder.bufferedBytes() / 4 + 65536)
+        << "at " << decoder.bufferedBytes() << " bytes";
+  }
+  EXPECT_EQ(decoder.capacity(), encoded.size()) << "never past the announced end";
+  decoder.feed(std::span(small).first(5));
+  ASSERT_EQ(decoder.next(frame), FrameDecoder::Status::frame);
+  EXPECT_EQ(frame.payload->size(), payload);
+  EXPECT_EQ(decoder.bufferedBytes(), 5U);
+  EXPECT_LT(decoder.capacity(), std::size_t{4096}) << "a large buffer shrinks to what is left";
+
+  decoder.feed(std::span(small).subspan(5));
+  ASSERT_EQ(decoder.next(frame), FrameDecoder::Status::frame);
+  EXPECT_EQ(frame.name, "next:");
+  EXPECT_EQ(decoder.capacity(), 0U) << "drained: the buffer goes back";
+
+  decoder.feed(std::span(encoded).first(100));
+  decoder.release();
+  EXPECT_EQ(decoder.capacity(), 0U);
+  EXPECT_EQ(decoder.bufferedBytes(), 0U);
 }
 
 }  // namespace

@@ -896,7 +896,7 @@ TEST(SessionHalfClose, AClientHasLostItsServiceAndSaysWhetherAFrameWasCutShort) 
 
 // ---- the shared receive budget ------------------------------------------------------------------
 
-constexpr std::size_t allowance = std::size_t{64} * 1024;  // a session's own, before the budget
+constexpr std::size_t allowance = std::size_t{16} * 1024;  // a session's own, before the budget
 constexpr std::size_t budgetBytes = std::size_t{1024} * 1024;
 constexpr std::size_t largeFrame = std::size_t{8} * 1024 * 1024;
 
