@@ -82,6 +82,12 @@ TEST_F(CvnctlTest, EveryExitStatusOfTheTableIsReached) {
        3,
        "notFound",
        "corvaned knows no app with the bundle identifier \"no.such.bundle\""},
+      {"unknown bundle watched",
+       plain,
+       {"state", "no.such.bundle", "--watch"},
+       3,
+       "notFound",
+       "corvaned knows no app with the bundle identifier \"no.such.bundle\""},
       {"unknown bundle to launch",
        plain,
        {"launch", "no.such.bundle"},
@@ -267,6 +273,38 @@ TEST_F(CvnctlTest, AnotherClientEndsAWaitItCannotWinWithStatusSix) {
     }
     if (row.other[0] == "cancel") {
       ASSERT_EQ(run({"remove", "D-maps"}).status, 0);
+    }
+  }
+}
+
+TEST_F(CvnctlTest, ARemoveThatAnotherClientsRemoveBeatsIsNotFound) {
+  // Every answer takes two seconds, while the change itself is made when the call arrives: both
+  // clients find the declaration, then one removal reaches the daemon first and the other is
+  // refused. (Were they started so far apart that the second one's look-up came after the first
+  // removal, that look-up would find nothing: not found as well.)
+  startDaemon({"--delay-ms", "2000"});
+  for (const bool json : {false, true}) {
+    SCOPED_TRACE(json ? "--json" : "text");
+    declare("D-maps", mapsItem, "onDemand");
+    std::vector<std::string> arguments{"remove", "D-maps"};
+    if (json) arguments.insert(arguments.begin(), "--json");
+    auto first = start(arguments);
+    auto second = start(arguments);
+    std::vector<CvnctlRun> runs;
+    for (auto* process : {first.get(), second.get()}) {
+      const auto status = process->wait(bound);
+      ASSERT_TRUE(status.has_value()) << "a remove did not end";
+      runs.push_back({*status, process->out(), process->err()});
+    }
+    std::sort(runs.begin(), runs.end(),
+              [](const auto& a, const auto& b) { return a.status < b.status; });
+    EXPECT_EQ(runs[0].status, 0) << runs[0].err;
+    EXPECT_EQ(runs[1].status, 3) << runs[1].err;
+    if (json) {
+      expectOneJsonError(runs[1], "notFound");
+    } else {
+      EXPECT_TRUE(runs[1].err.contains("no declaration has the identifier \"D-maps\""))
+          << runs[1].err;
     }
   }
 }
