@@ -33,7 +33,8 @@ Environment:
   CORVANE_LOG_LEVEL    the library's log level (cvnctl shows only faults unless --verbose)
 
 With --json, standard output carries only JSON: one document per result (one per line for
-watches). Every non-zero exit writes one JSON object to standard error:
+watches; a catalogue the daemon could not build is a line {"error", "description", "reason"}
+of the watch, which goes on). Every non-zero exit writes one JSON object to standard error:
 {"error": kind, "description": ..., "reason": ..., "exit": status}.)";
 
 /// A whole number given to `option`; negative ones only where `negativeAllowed`.

@@ -112,7 +112,7 @@ ExitStatus runCatalog(const Options& options, Output& output) {
           output.catalog(*list);
         } else {
           // A catalogue the daemon could not make; the next one may succeed.
-          output.failure(describeFailure(
+          output.failedResult(describeFailure(
               std::make_exception_ptr(corvane::Error(std::get<corvane::CorvaneError>(result))),
               daemonSocketPath()));
         }
