@@ -219,7 +219,7 @@ TEST_F(CvnctlTest, CatalogWatchSeesAPoll) {
   declare("D-notes", notesItem, "onDemand");
   auto watch = start({"--json", "catalog", "--watch"});
   ASSERT_TRUE(watch->waitFor([](const std::string& out, const std::string&) {
-    return linesOf(out).size() >= 1;
+    return !linesOf(out).empty();
   })) << watch->err();
   ASSERT_EQ(run({"poll"}).status, 0);
   ASSERT_TRUE(watch->waitFor([](const std::string& out, const std::string&) {
