@@ -275,6 +275,10 @@ TEST_F(CvnctlTest, AWatchWhoseDaemonDiesSaysSoInsteadOfHanging) {
     startDaemon({"--verbose"});
     auto watch = start(arguments);
     awaitRegistration();
+    // The state watch asks for the app's state first; it follows once it has shown it.
+    if (arguments[0] == "state") {
+      ASSERT_TRUE(watch->waitForOutput(notesBundle)) << watch->err();
+    }
     daemon().kill();
     const auto status = watch->wait(bound);
     ASSERT_TRUE(status.has_value()) << "the watch hung after its daemon died";
