@@ -47,7 +47,7 @@ struct GuideBlock {
   std::vector<GuideCommand> commands;
 };
 
-std::string trimmed(std::string text) {
+std::string trimmed(const std::string& text) {
   const auto first = text.find_first_not_of(" \t");
   if (first == std::string::npos) return {};
   const auto last = text.find_last_not_of(" \t\r");
