@@ -285,11 +285,14 @@ TEST_F(CvnctlTest, ARemoveThatAnotherClientsRemoveBeatsIsNotFound) {
   // refused. (Were they started so far apart that the second one's look-up came after the first
   // removal, that look-up would find nothing: not found as well.)
   startDaemon({"--delay-ms", "2000"});
-  for (const bool json : {false, true}) {
-    SCOPED_TRACE(json ? "--json" : "text");
+  // The asynchronous call (in JSON) and the blocking one, whose refusal reaches cvnctl another
+  // way.
+  for (const bool sync : {false, true}) {
+    SCOPED_TRACE(sync ? "--sync" : "--json");
+    const bool json = !sync;
     declare("D-maps", mapsItem, "onDemand");
     std::vector<std::string> arguments{"remove", "D-maps"};
-    if (json) arguments.insert(arguments.begin(), "--json");
+    arguments.insert(arguments.begin(), sync ? "--sync" : "--json");
     auto first = start(arguments);
     auto second = start(arguments);
     std::vector<CvnctlRun> runs;
