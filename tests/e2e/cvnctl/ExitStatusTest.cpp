@@ -32,6 +32,20 @@ void expectOneJsonError(const CvnctlRun& run, std::string_view kind) {
   EXPECT_TRUE(object.at("description").is_string()) << errors[0];
 }
 
+/// Whether a wait's output shows its app under way. The first state shown is the newest one when
+/// the wait learns the app's bundle, so the engine's first tick may already have replaced
+/// "waiting" with "downloading".
+bool showsUnderWay(std::string_view output) {
+  return output.contains("Waiting") || output.contains("Downloading")
+         || output.contains(R"("waiting")") || output.contains(R"("downloading")");
+}
+
+/// Waits until `process` (a --wait) shows its app under way.
+bool awaitUnderWay(Process& process) {
+  return process.waitFor(
+      [](const std::string& out, const std::string&) { return showsUnderWay(out); });
+}
+
 TEST_F(CvnctlTest, EveryExitStatusOfTheTableIsReached) {
   struct Row {
     std::string name;
@@ -173,16 +187,14 @@ TEST_F(CvnctlTest, ASignalEndsAWaitWithItsStatusAndLeavesTheInstallGoing) {
     std::string err;
     if (row.terminal) {
       PtyProcess waiting(command(arguments), environment());
-      ASSERT_TRUE(
-          waiting.waitUntil([](const std::string& s) { return s.contains("Waiting"); }, bound))
+      ASSERT_TRUE(waiting.waitUntil([](const std::string& s) { return showsUnderWay(s); }, bound))
           << waiting.screen();
       waiting.signal(row.signal);
       status = waiting.wait(bound);
       err = waiting.screen();
     } else {
       auto waiting = start(arguments);
-      ASSERT_TRUE(waiting->waitForOutput(row.json ? "waiting" : "Waiting"))
-          << waiting->out() << waiting->err();
+      ASSERT_TRUE(awaitUnderWay(*waiting)) << waiting->out() << waiting->err();
       waiting->signal(row.signal);
       status = waiting->wait(bound);
       err = waiting->err();
@@ -257,8 +269,7 @@ TEST_F(CvnctlTest, AnotherClientEndsAWaitItCannotWinWithStatusSix) {
       std::vector<std::string> arguments{"install", "D-maps", "--wait"};
       if (json) arguments.insert(arguments.begin(), "--json");
       auto waiting = start(arguments);
-      ASSERT_TRUE(waiting->waitForOutput(json ? "waiting" : "Waiting"))
-          << waiting->out() << waiting->err();
+      ASSERT_TRUE(awaitUnderWay(*waiting)) << waiting->out() << waiting->err();
       ASSERT_EQ(run(row.other).status, 0);
       const auto stopped = Clock::now();
       const auto status = waiting->wait(bound);
@@ -318,7 +329,7 @@ TEST_F(CvnctlTest, AWaitWhoseDaemonDiesEndsWithStatusFour) {
   startDaemon({"--tick-ms", "400"});
   declare("D-maps", mapsItem, "onDemand");
   auto waiting = start({"--json", "install", "D-maps", "--wait"});
-  ASSERT_TRUE(waiting->waitForOutput("waiting")) << waiting->err();
+  ASSERT_TRUE(awaitUnderWay(*waiting)) << waiting->err();
   daemon().kill();
   const auto status = waiting->wait(bound);
   EXPECT_EQ(status, 4);
