@@ -15,10 +15,12 @@ namespace {
 constexpr const char* exitStatusText = R"(Exit status (the same for every command):
   0    success; also a watch (catalog --watch, progress, state --watch) ended with Ctrl-C,
        which is how a watch ends
-  1    corvaned reported an error (printed with its reason), or an app waited for with --wait
-       ended in the failed state
+  1    corvaned reported an error or refused the request (printed with its reason; an item
+       number it does not know, given to vpp-install --item, is such a refusal), or an app
+       waited for with --wait ended in the failed state
   2    usage error: a bad command line, option value or declaration file
-  3    not found: no such declaration, declaration key or bundle identifier
+  3    not found: no such declaration identifier, declaration key or bundle identifier, also
+       when another client removed it just before the request
   4    corvaned is not running, cannot be reached, or went away
   5    timed out: --timeout (or the 15 s bound on an answer) passed first
   6    an app waited for with --wait was cancelled, removed or set back to optional by someone
@@ -31,7 +33,8 @@ Environment:
   CORVANE_LOG_LEVEL    the library's log level (cvnctl shows only faults unless --verbose)
 
 With --json, standard output carries only JSON: one document per result (one per line for
-watches). Every non-zero exit writes one JSON object to standard error:
+watches; a catalogue the daemon could not build is a line {"error", "description", "reason"}
+of the watch, which goes on). Every non-zero exit writes one JSON object to standard error:
 {"error": kind, "description": ..., "reason": ..., "exit": status}.)";
 
 /// A whole number given to `option`; negative ones only where `negativeAllowed`.

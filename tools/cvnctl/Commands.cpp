@@ -60,6 +60,53 @@ bool isDeclared(const std::string& identifier, const Options& options) {
   });
 }
 
+/// The failure of a command that names a declaration no longer there.
+Problem noDeclaration(const std::string& identifier) {
+  return notFound(
+      fmt::format("no declaration has the identifier \"{}\" (see cvnctl status)", identifier));
+}
+
+/// Sends a request about a name cvnctl has looked up. Another client may take the name away
+/// between the look-up and the request, and the daemon then refuses it: after a refusal `exists`
+/// is asked again, and a name that has gone is reported as not found, `gone()`, rather than as
+/// the refusal. The refusal's words are never interpreted: a name still there, or a second
+/// look-up that fails, leaves the refusal as it was.
+template <class Send, class Exists, class Gone>
+void sendAbout(Send&& send, Exists&& exists, Gone&& gone) {
+  try {
+    std::forward<Send>(send)();
+  } catch (const corvane::Error& error) {
+    // Only a failure the daemon answered with has no origin.
+    if (error.origin()) throw;
+    const auto refusal = std::current_exception();
+    bool there = true;
+    try {
+      there = exists();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the refusal is what is reported
+    }
+    if (!there) throw gone();
+    std::rethrow_exception(refusal);
+  }
+}
+
+/// Whether the declaration is still there, for `sendAbout`.
+auto declared(const std::string& identifier, const Options& options) {
+  return [&identifier, &options] { return isDeclared(identifier, options); };
+}
+
+/// Whether the daemon still knows the bundle, for `sendAbout`.
+auto bundleKnown(const std::string& bundleID, const Options& options) {
+  return [&bundleID, &options] {
+    try {
+      (void)currentState(bundleID, options);
+      return true;
+    } catch (const Problem& problem) {
+      if (problem.status() == ExitStatus::notFound) return false;
+      throw;
+    }
+  };
+}
+
 ExitStatus keys(const Options& options, Output& output) {
   output.keys(perform(corvane::DDMDeclarationKeysRequest{}, options));
   return ExitStatus::success;
@@ -106,12 +153,11 @@ ExitStatus add(const Options& options, Output& output) {
 }
 
 ExitStatus remove(const Options& options, Output& output) {
-  if (!isDeclared(*options.declarationIdentifier, options)) {
-    throw notFound(fmt::format("no declaration has the identifier \"{}\" (see cvnctl status)",
-                               *options.declarationIdentifier));
-  }
-  perform(corvane::DDMRemoveManagedAppRequest{*options.declarationIdentifier}, options);
-  output.done(fmt::format("Removed declaration {}.", *options.declarationIdentifier));
+  const auto& identifier = *options.declarationIdentifier;
+  if (!isDeclared(identifier, options)) throw noDeclaration(identifier);
+  sendAbout([&] { perform(corvane::DDMRemoveManagedAppRequest{identifier}, options); },
+            declared(identifier, options), [&] { return noDeclaration(identifier); });
+  output.done(fmt::format("Removed declaration {}.", identifier));
   return ExitStatus::success;
 }
 
@@ -140,7 +186,15 @@ ExitStatus vppInstall(const Options& options, Output& output) {
   const auto type = corvane::VPPInstallRequest::requestTypeFromRawValue(vpp.type);
   if (!type) throw UsageError("--type must be 1 (install), 2 (update) or 3 (uninstall)");
   const corvane::VPPInstallRequest request(identifier, *type, vpp.account, vpp.evid);
-  call([&](auto token) { request.perform(std::move(token)); }, options);
+  auto send = [&] { call([&](auto token) { request.perform(std::move(token)); }, options); };
+  if (vpp.bundleID) {
+    sendAbout(send, bundleKnown(*vpp.bundleID, options),
+              [&] { return unknownBundle(*vpp.bundleID); });
+  } else {
+    // An item cvnctl cannot look up: the catalogue lists only declared apps, so an unknown
+    // item is the daemon's refusal, with its reason.
+    send();
+  }
   static constexpr std::string_view verbs[] = {"install", "update", "uninstall"};
   output.done(fmt::format("Sent the {} request for {}.", verbs[vpp.type - 1], identifier));
   return ExitStatus::success;
@@ -162,8 +216,10 @@ ExitStatus enterpriseInstall(const Options& options, Output& output) {
 
 ExitStatus launch(const Options& options, Output& output) {
   (void)currentState(options.bundleID, options);
-  call([&](auto token) { corvane::AppLaunchRequest{options.bundleID}.perform(std::move(token)); },
-       options);
+  const corvane::AppLaunchRequest request{options.bundleID};
+  sendAbout([&] { call([&](auto token) { request.perform(std::move(token)); }, options); },
+            bundleKnown(options.bundleID, options),
+            [&] { return unknownBundle(options.bundleID); });
   output.done(fmt::format("Asked corvaned to launch {}.", options.bundleID));
   return ExitStatus::success;
 }
@@ -199,20 +255,31 @@ ExitStatus install(const Options& options, Output& output) {
   const auto app = catalogApp(*options.declarationIdentifier, options);
   const auto summary =
       fmt::format("Asked corvaned to install {} ({}).", app.name(), app.bundleID());
+  auto send = [&] {
+    sendAbout([&] { call([&](auto token) { library.install(app, std::move(token)); }, options); },
+              declared(app.declarationIdentifier(), options),
+              [&] { return noDeclaration(app.declarationIdentifier()); });
+  };
   if (!options.wait) {
-    call([&](auto token) { library.install(app, std::move(token)); }, options);
+    send();
     output.done(summary);
     return ExitStatus::success;
   }
   InstallWaiter waiter(output, options, daemonSocketPath());
-  call([&](auto token) { library.install(app, std::move(token)); }, options);
+  send();
   output.announce(summary);
   return waiter.wait({app.declarationIdentifier()}, "corvaned accepted the install request");
 }
 
 ExitStatus cancel(const Options& options, Output& output) {
   const auto app = catalogApp(*options.declarationIdentifier, options);
-  call([&](auto token) { ManagedAppLibrary::shared().cancel(app, std::move(token)); }, options);
+  sendAbout(
+      [&] {
+        call([&](auto token) { ManagedAppLibrary::shared().cancel(app, std::move(token)); },
+             options);
+      },
+      declared(app.declarationIdentifier(), options),
+      [&] { return noDeclaration(app.declarationIdentifier()); });
   output.done(fmt::format("Asked corvaned to cancel the installation of {} ({}).", app.name(),
                           app.bundleID()));
   return ExitStatus::success;

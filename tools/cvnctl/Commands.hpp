@@ -3,6 +3,7 @@
 #include "ExitStatus.hpp"
 #include "Options.hpp"
 #include "Output.hpp"
+#include "Problems.hpp"
 
 #include <corvane/model/AppState.hpp>
 
@@ -23,5 +24,8 @@ namespace cvnctl {
 /// The state corvaned reports for `bundleID` now. Throws a not-found `Problem` at once when the
 /// daemon knows no such app (it then sends no state at all).
 [[nodiscard]] corvane::AppState currentState(const std::string& bundleID, const Options& options);
+
+/// The failure of a command that names a bundle identifier the daemon does not know.
+[[nodiscard]] Problem unknownBundle(const std::string& bundleID);
 
 }  // namespace cvnctl

@@ -17,6 +17,8 @@ void prepareEnvironment(const Options& options) {
   // Messages follow the user's locale; one without a language of its own (C, POSIX) reads the
   // library's English texts.
   std::setlocale(LC_MESSAGES, "");
+  // The progress display counts the cells each character takes with the locale's widths.
+  std::setlocale(LC_CTYPE, "");
   corvane::platform::Localization::languageChanged();
 
   if (options.verbose) {

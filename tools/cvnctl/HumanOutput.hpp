@@ -25,6 +25,8 @@ class HumanOutput final : public Output {
   void settled(const std::vector<corvane::ManagedAppStatus>& statuses) override;
   void note(std::string_view text) override;
   void failure(const Failure& failure) override;
+  /// Written as a failure is (standard error), before the next result.
+  void failedResult(const Failure& failure) override { this->failure(failure); }
 
   /// "Managed", "Failed (couldNotVerifyAppID)", "Downloading", ...: a status's state for a person.
   [[nodiscard]] static std::string statusText(const corvane::ManagedAppStatus& status);

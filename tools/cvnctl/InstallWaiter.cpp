@@ -19,9 +19,15 @@ constexpr std::chrono::milliseconds refreshInterval{500};
 
 using State = corvane::ManagedAppStatus::State;
 
-bool isDone(const corvane::AppState& state) {
-  return std::holds_alternative<corvane::AppState::Managed>(state.cases())
-         || std::holds_alternative<corvane::AppState::Installed>(state.cases());
+/// Whether a state is on the way to an install. Any other one (done, or available again because
+/// the install failed, was cancelled or its declaration removed) may settle the wait or end it,
+/// so the statuses are asked for at once rather than at the next interval.
+bool isUnderWay(const corvane::AppState& state) {
+  const auto& cases = state.cases();
+  return std::holds_alternative<corvane::AppState::Waiting>(cases)
+         || std::holds_alternative<corvane::AppState::Downloading>(cases)
+         || std::holds_alternative<corvane::AppState::Installing>(cases)
+         || std::holds_alternative<corvane::AppState::Paused>(cases);
 }
 
 std::string joinReasons(const corvane::ManagedAppStatus& status) {
@@ -114,10 +120,10 @@ void InstallWaiter::armTimer() {
 }
 
 void InstallWaiter::onProgress(corvane::AppProgress progress) {
-  const bool done = isDone(progress.state);
+  const bool underWay = isUnderWay(progress.state);
   if (bundles_.contains(progress.bundleID)) output_.progress(progress);
   lastProgress_.insert_or_assign(progress.bundleID, std::move(progress));
-  if (done) refresh();
+  if (!underWay) refresh();
 }
 
 void InstallWaiter::refresh() {

@@ -24,8 +24,9 @@ namespace cvnctl {
 
 /// Follows apps from an install request until each has settled: its status (by declaration
 /// identifier) is `managed` or `failed`. Progress is shown for their bundle identifiers as the
-/// daemon pushes it; the statuses are asked for again whenever an app reports it is done and at
-/// a steady interval, since a failure arrives without progress.
+/// daemon pushes it; the statuses are asked for again whenever an app reports a state that is
+/// not on the way to an install (done, or available again: failed, cancelled, removed), and at a
+/// steady interval, for a daemon that pushes no state when an install ends.
 ///
 /// Every outcome ends the wait: all managed (0); one failed (1); one cancelled, removed or set
 /// back to optional by someone else (6); the daemon gone (4); --timeout passed (5); SIGINT or

@@ -47,16 +47,29 @@ void JsonOutput::settled(const std::vector<corvane::ManagedAppStatus>& statuses)
 
 void JsonOutput::note(std::string_view /*text*/) {}
 
-void JsonOutput::failure(const Failure& failure) {
+namespace {
+
+boost::json::object errorObject(const Failure& failure) {
   boost::json::object object;
   object["error"] = failure.error;
   object["description"] = failure.description;
   object["reason"] = failure.reason;
+  return object;
+}
+
+}  // namespace
+
+void JsonOutput::failure(const Failure& failure) {
+  auto object = errorObject(failure);
   object["exit"] = toInt(failure.status);
   if (!failure.codingPath.empty()) object["path"] = failure.codingPath;
   const std::string line = boost::json::serialize(object) + "\n";
   std::fputs(line.c_str(), err_);
   std::fflush(err_);
+}
+
+void JsonOutput::failedResult(const Failure& failure) {
+  write(errorObject(failure));
 }
 
 }  // namespace cvnctl

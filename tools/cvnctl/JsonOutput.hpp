@@ -12,7 +12,8 @@ namespace cvnctl {
 /// (a request without a value answers `null`); a failure is one JSON object on standard error:
 /// {"error": kind, "description": what it is, "reason": what went wrong underneath or the
 /// daemon's reason, "exit": the exit status} (and "path" for a declaration that does not decode).
-/// Notes are not written.
+/// Notes are not written. In a watch, a result the daemon could not make is a line of the
+/// stream, the same object without "exit", on standard output.
 class JsonOutput final : public Output {
  public:
   JsonOutput(std::FILE* out, std::FILE* err) noexcept : out_(out), err_(err) {}
@@ -27,6 +28,8 @@ class JsonOutput final : public Output {
   void settled(const std::vector<corvane::ManagedAppStatus>& statuses) override;
   void note(std::string_view text) override;
   void failure(const Failure& failure) override;
+  /// {"error", "description", "reason"} as one line of standard output, among the results.
+  void failedResult(const Failure& failure) override;
 
  private:
   void write(const boost::json::value& document);

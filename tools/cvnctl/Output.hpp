@@ -39,7 +39,11 @@ class Output {
   virtual void settled(const std::vector<corvane::ManagedAppStatus>& statuses) = 0;
   /// Something a person may want to know that is not a result (human output only, on stderr).
   virtual void note(std::string_view text) = 0;
+  /// The failure that ends the command.
   virtual void failure(const Failure& failure) = 0;
+  /// A result of a watch that the daemon could not make (a catalogue it could not build): one
+  /// element of the stream, which goes on, since a later result may succeed.
+  virtual void failedResult(const Failure& failure) = 0;
   /// The terminal changed its size: a live display draws itself again.
   virtual void resized() {}
 };

@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 #include <type_traits>
 #include <variant>
+#include <wchar.h>
 
 namespace cvnctl {
 namespace {
@@ -58,11 +59,55 @@ std::string ProgressDisplay::bar(double fraction, std::size_t width) {
 
 namespace {
 
-/// One column per UTF-8 code point: the texts are letters, digits and punctuation.
+/// One code point of UTF-8 text and the length of its sequence.
+struct CodePoint {
+  char32_t value;
+  std::size_t length;
+};
+
+/// The code point that starts at `text[at]`. A byte that does not start a whole, valid sequence
+/// stands for itself, as U+FFFD.
+CodePoint decodeAt(std::string_view text, std::size_t at) noexcept {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  const unsigned lead = byte(0);
+  std::size_t length = 1;
+  char32_t value = lead;
+  if (lead >= 0xF0U && lead < 0xF5U) {
+    length = 4;
+    value = lead & 0x07U;
+  } else if (lead >= 0xE0U) {
+    length = lead < 0xF0U ? 3 : 0;
+    value = lead & 0x0FU;
+  } else if (lead >= 0xC2U) {
+    length = 2;
+    value = lead & 0x1FU;
+  } else if (lead >= 0x80U) {
+    length = 0;
+  }
+  if (length == 0 || at + length > text.size()) return {0xFFFD, 1};
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80U) return {0xFFFD, 1};
+    value = (value << 6U) | (byte(i) & 0x3FU);
+  }
+  return {value, length};
+}
+
+/// The cells a code point takes on the terminal, as the locale's character type says: two for
+/// East Asian wide characters and most emoji, none for combining marks. One where the locale
+/// does not know it (a locale that is not UTF-8, a control character).
+std::size_t widthOf(char32_t value) noexcept {
+  const int width = ::wcwidth(static_cast<wchar_t>(value));
+  return width < 0 ? 1 : static_cast<std::size_t>(width);
+}
+
 std::size_t columnsOf(std::string_view text) noexcept {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
-  }));
+  std::size_t columns = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const auto point = decodeAt(text, at);
+    columns += widthOf(point.value);
+    at += point.length;
+  }
+  return columns;
 }
 
 ProgressDisplay::Phase phaseOf(const corvane::AppState& state) noexcept {
@@ -119,11 +164,12 @@ std::string ProgressDisplay::clip(std::string_view text, std::size_t columns) {
   std::size_t end = 0;
   std::size_t used = 0;
   while (end < text.size()) {
-    std::size_t next = end + 1;
-    while (next < text.size() && (static_cast<unsigned char>(text[next]) & 0xC0U) == 0x80U) ++next;
-    if (used == columns) break;
-    ++used;
-    end = next;
+    const auto point = decodeAt(text, end);
+    const auto width = widthOf(point.value);
+    // A wide character that would stand across the limit is left out whole.
+    if (used + width > columns) break;
+    used += width;
+    end += point.length;
   }
   return std::string(text.substr(0, end));
 }
@@ -225,6 +271,11 @@ void ProgressDisplay::redraw() {
   // Back to the first row drawn last time. A terminal that got narrower has rewrapped those rows.
   std::size_t up = 0;
   for (const auto used : drawn_) up += std::max<std::size_t>(1, (used + columns - 1) / columns);
+  // A terminal that got shorter (or rewrapped the frame taller than the screen) has pushed the
+  // top of it into the scrollback, with the cursor on the last row: what is left of the frame
+  // starts on the first row. Going up further, or blanking as many rows as the frame had, would
+  // scroll the new frame away and leave a stale copy on the screen.
+  up = std::min(up, height - 1);
   std::string out = "\r";
   if (up > 0) out += fmt::format("\x1b[{}A", up);
   // Each row is cleared on its own: erasing to the end of the screen from its top-left corner

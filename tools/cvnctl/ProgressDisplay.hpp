@@ -17,9 +17,11 @@ namespace cvnctl {
 /// On a terminal the lines are redrawn in place. Before each redraw the display reads the
 /// terminal's size (TIOCGWINSZ); `resized` (on SIGWINCH) redraws without waiting for a change. Each
 /// line is clipped to the width so that it never wraps: the bar goes first, then the end of a long
-/// label. When the apps do not fit the height, a summary line ("3 installing, 2 waiting") comes
-/// first and the apps still in progress get the rows that remain. The frame never grows taller
-/// than the screen, so nothing of it scrolls away into the scrollback.
+/// label; widths are the locale's (wcwidth), so a wide character takes two cells. When the apps
+/// do not fit the height, a summary line ("3 installing, 2 waiting") comes first and the apps
+/// still in progress get the rows that remain. The frame never grows taller than the screen, so
+/// nothing of it scrolls away into the scrollback; after a shrink that pushed its top away, it is
+/// drawn again from the first row.
 ///
 /// Elsewhere (not a terminal, or TERM=dumb) each change of an app's text is written as a plain
 /// line "BUNDLE_ID: TEXT", without control codes, and an unchanged text is not repeated.
@@ -47,7 +49,9 @@ class ProgressDisplay {
   [[nodiscard]] static double fractionOf(const corvane::AppState& state) noexcept;
   /// "[#######-------------]" for `fraction` (clamped to 0..1) over `width` cells.
   [[nodiscard]] static std::string bar(double fraction, std::size_t width);
-  /// The first `columns` characters of the UTF-8 text `text` (one column per code point).
+  /// The longest start of the UTF-8 text `text` that fits in `columns` cells of the terminal,
+  /// counted with the locale's character widths (wcwidth): a wide character (CJK, most emoji)
+  /// takes two, a combining mark none.
   [[nodiscard]] static std::string clip(std::string_view text, std::size_t columns);
 
  private:

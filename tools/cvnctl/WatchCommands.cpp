@@ -59,10 +59,16 @@ void prepare(EventLoop& loop, const Options& options, Output& output) {
 
 }  // namespace
 
-corvane::AppState currentState(const std::string& bundleID, const Options& options) {
-  // No stream is opened towards a daemon that is not there.
-  checkDaemon(options);
-  auto states = appWithBundleID(bundleID).stateUpdates();
+Problem unknownBundle(const std::string& bundleID) {
+  return notFound(fmt::format("corvaned knows no app with the bundle identifier \"{}\"", bundleID));
+}
+
+namespace {
+
+/// The first state of `states`, the state stream of `bundleID` just opened. Throws a not-found
+/// `Problem` at once when the daemon knows no such app.
+corvane::AppState firstState(corvane::AsyncStream<corvane::AppState>& states,
+                             const std::string& bundleID, const Options& options) {
   // A daemon that knows the app answers the registration with its state before it answers a
   // later call; one that does not sends nothing, so the call's answer settles it.
   (void)awaitCall<std::vector<std::string>>(
@@ -74,14 +80,22 @@ corvane::AppState currentState(const std::string& bundleID, const Options& optio
     state = awaitFirst<corvane::AppState>(states, grace, "no state");
   } catch (const Problem& problem) {
     if (problem.status() != ExitStatus::timedOut) throw;
-    throw notFound(
-        fmt::format("corvaned knows no app with the bundle identifier \"{}\"", bundleID));
+    throw unknownBundle(bundleID);
   }
   if (!state) {
     throw corvane::Error(corvane::CorvaneError::unrecoverableError,
                          "the state stream ended before a state arrived");
   }
   return std::move(*state);
+}
+
+}  // namespace
+
+corvane::AppState currentState(const std::string& bundleID, const Options& options) {
+  // No stream is opened towards a daemon that is not there.
+  checkDaemon(options);
+  auto states = appWithBundleID(bundleID).stateUpdates();
+  return firstState(states, bundleID, options);
 }
 
 ExitStatus runCatalog(const Options& options, Output& output) {
@@ -98,7 +112,7 @@ ExitStatus runCatalog(const Options& options, Output& output) {
           output.catalog(*list);
         } else {
           // A catalogue the daemon could not make; the next one may succeed.
-          output.failure(describeFailure(
+          output.failedResult(describeFailure(
               std::make_exception_ptr(corvane::Error(std::get<corvane::CorvaneError>(result))),
               daemonSocketPath()));
         }
@@ -123,6 +137,8 @@ ExitStatus runState(const Options& options, Output& output) {
   EventLoop loop(true);
   prepare(loop, options, output);
   auto states = app.stateUpdates();
+  // An unknown app fails here, as the one-shot does, rather than being watched for ever.
+  output.state(options.bundleID, firstState(states, options.bundleID, options), true);
   return follow<corvane::AsyncStream<corvane::AppState>, corvane::AppState>(
       loop, states, output, [&output, &options](const corvane::AppState& state) {
         output.state(options.bundleID, state, true);

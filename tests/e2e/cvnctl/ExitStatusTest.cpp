@@ -32,6 +32,20 @@ void expectOneJsonError(const CvnctlRun& run, std::string_view kind) {
   EXPECT_TRUE(object.at("description").is_string()) << errors[0];
 }
 
+/// Whether a wait's output shows its app under way. The first state shown is the newest one when
+/// the wait learns the app's bundle, so the engine's first tick may already have replaced
+/// "waiting" with "downloading".
+bool showsUnderWay(std::string_view output) {
+  return output.contains("Waiting") || output.contains("Downloading")
+         || output.contains(R"("waiting")") || output.contains(R"("downloading")");
+}
+
+/// Waits until `process` (a --wait) shows its app under way.
+bool awaitUnderWay(Process& process) {
+  return process.waitFor(
+      [](const std::string& out, const std::string&) { return showsUnderWay(out); });
+}
+
 TEST_F(CvnctlTest, EveryExitStatusOfTheTableIsReached) {
   struct Row {
     std::string name;
@@ -79,6 +93,12 @@ TEST_F(CvnctlTest, EveryExitStatusOfTheTableIsReached) {
       {"unknown bundle",
        plain,
        {"state", "no.such.bundle"},
+       3,
+       "notFound",
+       "corvaned knows no app with the bundle identifier \"no.such.bundle\""},
+      {"unknown bundle watched",
+       plain,
+       {"state", "no.such.bundle", "--watch"},
        3,
        "notFound",
        "corvaned knows no app with the bundle identifier \"no.such.bundle\""},
@@ -167,16 +187,14 @@ TEST_F(CvnctlTest, ASignalEndsAWaitWithItsStatusAndLeavesTheInstallGoing) {
     std::string err;
     if (row.terminal) {
       PtyProcess waiting(command(arguments), environment());
-      ASSERT_TRUE(
-          waiting.waitUntil([](const std::string& s) { return s.contains("Waiting"); }, bound))
+      ASSERT_TRUE(waiting.waitUntil([](const std::string& s) { return showsUnderWay(s); }, bound))
           << waiting.screen();
       waiting.signal(row.signal);
       status = waiting.wait(bound);
       err = waiting.screen();
     } else {
       auto waiting = start(arguments);
-      ASSERT_TRUE(waiting->waitForOutput(row.json ? "waiting" : "Waiting"))
-          << waiting->out() << waiting->err();
+      ASSERT_TRUE(awaitUnderWay(*waiting)) << waiting->out() << waiting->err();
       waiting->signal(row.signal);
       status = waiting->wait(bound);
       err = waiting->err();
@@ -251,12 +269,13 @@ TEST_F(CvnctlTest, AnotherClientEndsAWaitItCannotWinWithStatusSix) {
       std::vector<std::string> arguments{"install", "D-maps", "--wait"};
       if (json) arguments.insert(arguments.begin(), "--json");
       auto waiting = start(arguments);
-      ASSERT_TRUE(waiting->waitForOutput(json ? "waiting" : "Waiting"))
-          << waiting->out() << waiting->err();
+      ASSERT_TRUE(awaitUnderWay(*waiting)) << waiting->out() << waiting->err();
       ASSERT_EQ(run(row.other).status, 0);
       const auto stopped = Clock::now();
       const auto status = waiting->wait(bound);
       EXPECT_EQ(status, 6) << waiting->err();
+      // A bound for a wait left hanging, not a measure of speed: the pushed state ends the wait
+      // within milliseconds, the statuses asked for every half second within one.
       EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(3));
       if (json) {
         expectOneJsonError({status.value_or(-1), waiting->out(), waiting->err()}, "notInstalled");
@@ -271,11 +290,46 @@ TEST_F(CvnctlTest, AnotherClientEndsAWaitItCannotWinWithStatusSix) {
   }
 }
 
+TEST_F(CvnctlTest, ARemoveThatAnotherClientsRemoveBeatsIsNotFound) {
+  // Every answer takes two seconds, while the change itself is made when the call arrives: both
+  // clients find the declaration, then one removal reaches the daemon first and the other is
+  // refused. (Were they started so far apart that the second one's look-up came after the first
+  // removal, that look-up would find nothing: not found as well.)
+  startDaemon({"--delay-ms", "2000"});
+  // The asynchronous call (in JSON) and the blocking one, whose refusal reaches cvnctl another
+  // way.
+  for (const bool sync : {false, true}) {
+    SCOPED_TRACE(sync ? "--sync" : "--json");
+    const bool json = !sync;
+    declare("D-maps", mapsItem, "onDemand");
+    std::vector<std::string> arguments{"remove", "D-maps"};
+    arguments.insert(arguments.begin(), sync ? "--sync" : "--json");
+    auto first = start(arguments);
+    auto second = start(arguments);
+    std::vector<CvnctlRun> runs;
+    for (auto* process : {first.get(), second.get()}) {
+      const auto status = process->wait(bound);
+      ASSERT_TRUE(status.has_value()) << "a remove did not end";
+      runs.push_back({*status, process->out(), process->err()});
+    }
+    std::sort(runs.begin(), runs.end(),
+              [](const auto& a, const auto& b) { return a.status < b.status; });
+    EXPECT_EQ(runs[0].status, 0) << runs[0].err;
+    EXPECT_EQ(runs[1].status, 3) << runs[1].err;
+    if (json) {
+      expectOneJsonError(runs[1], "notFound");
+    } else {
+      EXPECT_TRUE(runs[1].err.contains("no declaration has the identifier \"D-maps\""))
+          << runs[1].err;
+    }
+  }
+}
+
 TEST_F(CvnctlTest, AWaitWhoseDaemonDiesEndsWithStatusFour) {
   startDaemon({"--tick-ms", "400"});
   declare("D-maps", mapsItem, "onDemand");
   auto waiting = start({"--json", "install", "D-maps", "--wait"});
-  ASSERT_TRUE(waiting->waitForOutput("waiting")) << waiting->err();
+  ASSERT_TRUE(awaitUnderWay(*waiting)) << waiting->err();
   daemon().kill();
   const auto status = waiting->wait(bound);
   EXPECT_EQ(status, 4);

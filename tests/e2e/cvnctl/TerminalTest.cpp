@@ -24,7 +24,10 @@ class Tmux {
        const std::map<std::string, std::string>& environment)
       : socket_(fmt::format("cvnctl-test-{}-{}", ::getpid(), counter_++)) {
     std::string command = "env";
-    for (const auto& [key, value] : environment) command += " " + quoted(key + "=" + value);
+    for (const auto& [key, value] : environment) {
+      command += ' ';
+      command += quoted(fmt::format("{}={}", key, value));
+    }
     for (const auto& argument : argv) command += " " + quoted(argument);
     command += R"(; printf '[exit %d]' $?; exec cat)";
     tmux({"new-session", "-d", "-x", std::to_string(columns), "-y", std::to_string(rows), command});
@@ -37,10 +40,11 @@ class Tmux {
   Tmux& operator=(const Tmux&) = delete;
 
   /// The rows on the screen, or with `history` those of the scrollback too; without trailing
-  /// empty rows.
-  [[nodiscard]] std::vector<std::string> screen(bool history = false) const {
+  /// empty rows. With `joined`, a line that wrapped onto the next row is one row.
+  [[nodiscard]] std::vector<std::string> screen(bool history = false, bool joined = false) const {
     std::vector<std::string> arguments{"capture-pane", "-p"};
     if (history) arguments.insert(arguments.end(), {"-S", "-"});
+    if (joined) arguments.emplace_back("-J");
     std::vector<std::string> rows;
     const auto captured = tmux(arguments);
     std::string_view text = captured;
@@ -128,12 +132,13 @@ void expectClipped(const std::vector<std::string>& rows, std::size_t columns) {
 constexpr std::string_view longBundle =
     "dev.corvane.sample.notes-with-a-rather-long-bundle-identifier";
 
-/// A catalogue of one app whose bundle identifier is longer than a narrow terminal.
-std::string longCatalog() {
+/// A catalogue of one app (item 1000000001) whose bundle identifier is longer than a narrow
+/// terminal.
+std::string longCatalog(std::string_view bundleID = longBundle) {
   return fmt::format(R"([
 {{"declarationIdentifier": "sample.notes", "bundleID": "{}", "itemID": 1000000001, "externalVersionID": 880000, "platform": 1, "fileSize": {{"value": 52.5, "unit": "MB"}}, "metadataLanguage": "en-GB", "name": "Notes", "subtitle": "Write things down", "seller": "Corvane Labs", "genres": ["Productivity"], "description": "Notes: write things down.", "languages": ["en-GB", "de", "fr"], "requirements": "Runs on any managed device.", "version": "4.1.2", "releaseDate": "2026-01-10T09:00:00Z", "releaseNotes": "Fixes and improvements.", "icon": {{"urlTemplate": "https://img.corvane.dev/apps/notes/icon/{{w}}x{{h}}{{c}}.{{f}}", "maxWidth": 1024, "maxHeight": 1024}}, "screenshots": [{{"urlTemplate": "https://img.corvane.dev/apps/notes/shot1/{{w}}x{{h}}{{c}}.{{f}}", "maxWidth": 2048, "maxHeight": 1536}}, {{"urlTemplate": "https://img.corvane.dev/apps/notes/shot2/{{w}}x{{h}}{{c}}.{{f}}", "maxWidth": 2048, "maxHeight": 1536}}], "contentRating": "4+", "developerWebsite": "https://corvane.dev/apps/notes", "privacyPolicy": "https://corvane.dev/privacy", "hasLicenseAgreement": true, "copyright": "(c) 2026 Corvane Labs", "buyParams": "productType=C&salableAdamId=1000000001&pricingParameters=VPP&price=0"}}
 ])",
-                     longBundle);
+                     bundleID);
 }
 
 TEST_F(CvnctlTest, ProgressOfALongIdentifierStaysOnOneLine) {
@@ -189,6 +194,77 @@ TEST_F(CvnctlTest, ProgressOfMoreAppsThanRowsShowsASummary) {
   const auto apps = appRows(rows);
   EXPECT_EQ(apps.size(), height - 2) << "no stale rows in the scrollback: " << terminal.text(true);
   for (const auto& row : apps) EXPECT_TRUE(row.ends_with("Managed")) << row;
+}
+
+TEST_F(CvnctlTest, ProgressCountsWideCharactersAsTwoColumns) {
+  // 19 narrow characters, then 13 wide ones (CJK and an emoji): 45 columns in 32 characters.
+  const std::string wide =
+      "dev.corvane.sample.\u30CE\u30FC\u30C8\u5E33\u30A2\u30D7\u30EA"
+      "\u30B1\u30FC\u30B7\u30E7\u30F3\U0001F4DD";
+  struct Row {
+    std::size_t columns;
+    bool shortened;  // the end of the label gives way
+  };
+  for (const auto& row : {Row{50, true}, Row{64, false}}) {
+    SCOPED_TRACE(fmt::format("{} columns", row.columns));
+    startDaemon({"--tick-ms", "20", "--catalog", writeFile("catalog.json", longCatalog(wide))});
+    const auto declaration = writeFile("notes.json", declarationJson("D-notes", notesItem));
+    Tmux terminal(row.columns, 12, command({"add", "--wait", declaration}), environment());
+    ASSERT_EQ(terminal.exitStatus(bound), 0) << terminal.text();
+    // No line wrapped onto a second row, while the app installed or at its end.
+    EXPECT_EQ(terminal.screen(true, true).size(), terminal.screen(true).size())
+        << terminal.text(true);
+    const auto apps = appRows(terminal.screen(true));
+    ASSERT_EQ(apps.size(), 1U) << terminal.text(true);
+    EXPECT_TRUE(apps.front().ends_with("Managed")) << apps.front();
+    EXPECT_EQ(apps.front().contains("..."), row.shortened) << apps.front();
+  }
+}
+
+TEST_F(CvnctlTest, ProgressOnAShorterTerminalLeavesNoStaleCopyOnTheScreen) {
+  struct Row {
+    std::size_t columns, rows;  // after the resize; before it, 80 by 14 rows
+  };
+  for (const auto& row : {Row{80, 5}, Row{40, 7}}) {
+    SCOPED_TRACE(fmt::format("to {}x{}", row.columns, row.rows));
+    // Slow enough for the resize to come while the apps install.
+    startDaemon({"--tick-ms", "60"});
+    for (std::int64_t item = notesItem; item < notesItem + 8; ++item)
+      declare(fmt::format("D-{}", item), item, "onDemand");
+    Tmux terminal(80, 14, command({"install", "--wait"}), environment());
+    // Every app has a row, one of them moving.
+    ASSERT_TRUE(terminal.waitUntil(
+        [](const std::vector<std::string>& rows) {
+          const auto apps = appRows(rows);
+          return apps.size() == 8 && std::any_of(apps.begin(), apps.end(), [](const auto& app) {
+                   return app.contains("%)");
+                 });
+        },
+        bound))
+        << terminal.text();
+    // The terminal pushes the top of the frame into its scrollback as it shrinks.
+    terminal.resize(row.columns, row.rows);
+    ASSERT_EQ(terminal.exitStatus(bound), 0) << terminal.text();
+    const auto rows = terminal.screen();
+    // One frame on the screen: the summary, then one row per app that fits, each app once.
+    ASSERT_FALSE(rows.empty());
+    EXPECT_EQ(rows.front(), "8 installed") << terminal.text();
+    // The rows the terminal pushed away are the old frame's: no frame drawn since (the first
+    // with a summary) was scrolled off the screen after it.
+    const auto all = terminal.screen(true);
+    EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                            [](const std::string& line) {
+                              return std::regex_match(line, std::regex(R"(^\d+ \w+(, \d+ \w+)*$)"));
+                            }),
+              1)
+        << terminal.text(true);
+    auto apps = appRows(rows);
+    EXPECT_EQ(apps.size(), row.rows - 2) << terminal.text();
+    for (const auto& app : apps) EXPECT_TRUE(app.ends_with("Managed")) << app;
+    std::sort(apps.begin(), apps.end());
+    EXPECT_EQ(std::adjacent_find(apps.begin(), apps.end()), apps.end()) << terminal.text();
+    expectClipped(rows, row.columns);
+  }
 }
 
 TEST_F(CvnctlTest, ProgressFollowsAResizedTerminal) {

@@ -7,7 +7,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
+#include <regex>
 #include <utility>
 
 namespace corvane::testing {
@@ -127,6 +130,39 @@ TEST_F(CvnctlTest, HelpListsEveryCommandAndTheExitStatuses) {
                            "143  ended by SIGTERM"}) {
     EXPECT_TRUE(help.out.contains(word)) << word;
   }
+}
+
+/// The statuses a text lists: the lines after `from` (up to the next `until`) that `row` matches,
+/// its first group being the status.
+std::vector<int> statusesListed(std::string_view text, std::string_view from,
+                                std::string_view until, const std::regex& row) {
+  std::vector<int> statuses;
+  const auto start = text.find(from);
+  if (start == std::string_view::npos) return statuses;
+  text.remove_prefix(start + from.size());
+  text = text.substr(0, text.find(until));
+  std::smatch match;
+  for (const auto& line : linesOf(text)) {
+    if (std::regex_match(line, match, row)) statuses.push_back(std::stoi(match[1]));
+  }
+  return statuses;
+}
+
+TEST_F(CvnctlTest, HelpManualPageAndGuideListTheSameExitStatuses) {
+  auto read = [](const std::string& path) {
+    std::ifstream in(std::filesystem::path(CORVANE_SOURCE_DIR) / path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const auto help = statusesListed(run({"--help"}).out, "Exit status",
+                                   "Environment:", std::regex(R"(^  (\d+) +\S.*)"));
+  const auto manual = statusesListed(read("tools/cvnctl/cvnctl.1"), ".SH EXIT STATUS", ".SH ",
+                                     std::regex(R"(^\.B (\d+)$)"));
+  const auto guide = statusesListed(read("docs/cvnctl.md"), "## Exit status", "\n## ",
+                                    std::regex(R"(^\| (\d+) \| .*)"));
+  const std::vector<int> expected{0, 1, 2, 3, 4, 5, 6, 130, 143};
+  EXPECT_EQ(help, expected);
+  EXPECT_EQ(manual, expected);
+  EXPECT_EQ(guide, expected);
 }
 
 TEST_F(CvnctlTest, CommandHelpListsTheGlobalOptionsToo) {

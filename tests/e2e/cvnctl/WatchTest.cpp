@@ -3,9 +3,14 @@
 
 #include "e2e/cvnctl/CvnctlFixture.hpp"
 
+#include <corvane/ipc/Listener.hpp>
+#include <corvane/service/ServiceProtocol.hpp>
+
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <csignal>
+#include <mutex>
 
 namespace corvane::testing {
 namespace {
@@ -21,6 +26,111 @@ std::vector<std::string> progressCases(const std::vector<boost::json::value>& li
     cases.emplace_back(object->at("state").as_object().begin()->key());
   }
   return cases;
+}
+
+/// A daemon of another make than corvaned-sim, in the test process, on the facility's listener:
+/// it answers every call with success (no keys for the key list) and pushes the catalogue
+/// batches the test gives it to the client that registered for the catalogue, as the protocol
+/// lets any daemon do, a catalogue it could not build included.
+class CatalogueDaemon {
+ public:
+  explicit CatalogueDaemon(const std::filesystem::path& directory)
+      : listener_(std::string(agentServiceName), ipc::ListenerOptions{directory, false}) {
+    listener_.setConnectionHandler([this](ipc::Peer& peer) {
+      auto table = std::make_shared<ipc::OperationTable>();
+      auto client = peer.remoteObjectProxy([](const ipc::CallError&) {});
+      for (const auto& operation : ServiceProtocol::operations) {
+        const std::string name(operation.name);
+        table->on(name, [this, name, client](std::optional<Bytes>, ipc::Reply reply) {
+          reply.send(Bytes(name == "currentDeclarationKeysWithReply:"
+                               ? R"([{"success": {"_0": []}}])"
+                               : R"([{"success": {"_0": null}}])"));
+          if (name != "addMessageRegistrations:reply:") return;
+          const std::lock_guard lock(mutex_);
+          client_ = client;
+          registered_.notify_all();
+        });
+      }
+      peer.setExportedObject(table);
+      peer.setRemoteObjectInterface(TetherClientProtocolDescription::interface());
+      return true;
+    });
+    listener_.resume();
+  }
+
+  /// Pushes one catalogue message (its JSON form) to the registered client, once there is one.
+  bool push(std::string_view catalogue) {
+    std::optional<ipc::RemoteProxy> client;
+    {
+      std::unique_lock lock(mutex_);
+      if (!registered_.wait_for(lock, std::chrono::seconds(30),
+                                [this] { return client_.has_value(); }))
+        return false;
+      client = client_;
+    }
+    client->send("handleMessages:",
+                 Bytes(fmt::format(R"([[{{"type": {{"managedAppCatalog": {}}}}}]])", catalogue)));
+    return true;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable registered_;
+  std::optional<ipc::RemoteProxy> client_;
+  ipc::Listener listener_;
+};
+
+TEST_F(CvnctlTest, ACatalogueTheDaemonCouldNotBuildIsOneResultOfTheWatch) {
+  const std::string failed = R"({"_1": {"networkError": {}}})";
+  const std::string oneApp =
+      R"({"_0": [{"declarationIdentifier": "D-maps", "bundleID": "dev.corvane.sample.maps",)"
+      R"( "platform": 1, "name": "Field Maps", "genres": [], "languages": [],)"
+      R"( "screenshots": [], "hasLicenseAgreement": false}]})";
+  for (const bool json : {true, false}) {
+    SCOPED_TRACE(json ? "--json" : "text");
+    CatalogueDaemon daemon(directory_.path());
+    std::vector<std::string> arguments{"catalog", "--watch"};
+    if (json) arguments.insert(arguments.begin(), "--json");
+    auto watch = start(arguments);
+    ASSERT_TRUE(daemon.push(failed));
+    const std::string said = json ? R"("error":"networkError")" : "networkError";
+    ASSERT_TRUE(watch->waitFor([&](const std::string& out, const std::string& err) {
+      return (json ? out : err).contains(said);
+    })) << watch->out()
+        << watch->err();
+    // The watch goes on: the next catalogue is shown too.
+    ASSERT_TRUE(daemon.push(oneApp));
+    ASSERT_TRUE(watch->waitForOutput("D-maps")) << watch->out() << watch->err();
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->wait(bound), 0) << watch->err();
+    if (!json) {
+      EXPECT_TRUE(watch->err().contains("cvnctl: networkError: The network could not be reached."))
+          << watch->err();
+      continue;
+    }
+    // One JSON document per line on standard output, the failure an element of the stream;
+    // standard error stays for a failure that ends the command.
+    EXPECT_EQ(watch->err(), "");
+    const auto lines = jsonLines(watch->out());
+    ASSERT_EQ(lines.size(), 2U) << watch->out();
+    const auto& error = lines[0].as_object();
+    EXPECT_EQ(error.at("error"), "networkError");
+    EXPECT_TRUE(error.at("description").is_string());
+    EXPECT_EQ(error.at("reason"), "");
+    EXPECT_FALSE(error.contains("exit")) << "the watch did not end there";
+    ASSERT_TRUE(lines[1].is_array()) << lines[1];
+    EXPECT_EQ(lines[1].as_array().at(0).at("declarationIdentifier"), "D-maps");
+  }
+  // Without --watch that catalogue is the answer, and a failure.
+  CatalogueDaemon daemon(directory_.path());
+  auto once = start({"--json", "catalog"});
+  ASSERT_TRUE(daemon.push(failed));
+  EXPECT_EQ(once->wait(bound), 1) << once->err();
+  EXPECT_EQ(once->out(), "");
+  const auto errors = jsonLines(once->err());
+  ASSERT_EQ(errors.size(), 1U) << once->err();
+  EXPECT_EQ(errors[0].at("error"), "networkError");
+  EXPECT_EQ(errors[0].at("exit"), 1);
 }
 
 TEST_F(CvnctlTest, AddWaitFollowsTheInstallFromStartToManaged) {
@@ -109,7 +219,7 @@ TEST_F(CvnctlTest, CatalogWatchSeesAPoll) {
   declare("D-notes", notesItem, "onDemand");
   auto watch = start({"--json", "catalog", "--watch"});
   ASSERT_TRUE(watch->waitFor([](const std::string& out, const std::string&) {
-    return linesOf(out).size() >= 1;
+    return !linesOf(out).empty();
   })) << watch->err();
   ASSERT_EQ(run({"poll"}).status, 0);
   ASSERT_TRUE(watch->waitFor([](const std::string& out, const std::string&) {
@@ -165,6 +275,10 @@ TEST_F(CvnctlTest, AWatchWhoseDaemonDiesSaysSoInsteadOfHanging) {
     startDaemon({"--verbose"});
     auto watch = start(arguments);
     awaitRegistration();
+    // The state watch asks for the app's state first; it follows once it has shown it.
+    if (arguments[0] == "state") {
+      ASSERT_TRUE(watch->waitForOutput(notesBundle)) << watch->err();
+    }
     daemon().kill();
     const auto status = watch->wait(bound);
     ASSERT_TRUE(status.has_value()) << "the watch hung after its daemon died";
