@@ -118,16 +118,19 @@ expected=(
   "share/Corvane.framework/locale/de/LC_MESSAGES/corvane.mo"
   "share/man/man1/cvnctl.1"
   "share/man/man8/corvaned-sim.8"
+  "share/man/man8/corvaned.8"
   "share/bash-completion/completions/cvnctl"
   "lib/systemd/system/corvaned-sim.service"
   "lib/systemd/system/corvaned-sim.socket"
+  "lib/systemd/system/corvaned.service"
+  "lib/systemd/system/corvaned.socket"
   "share/doc/corvane/daemon.md"
   "share/doc/corvane/client-guide.md"
 )
 for file in "${expected[@]}"; do
   [[ -f $prefix/$file ]] || fail "$file is not installed"
 done
-for program in cvnctl corvaned-sim corvane-codec; do
+for program in cvnctl corvaned corvaned-sim corvane-codec; do
   [[ -x $prefix/bin/$program ]] || fail "bin/$program is not installed"
 done
 for header in $(cd "$source_dir/include" && find corvane -name '*.hpp'); do
@@ -142,6 +145,9 @@ fi
 grep -qxF "ExecStart=$prefix/bin/corvaned-sim --state /var/lib/corvaned-sim/state.db --idle-exit 300" \
   "$prefix/lib/systemd/system/corvaned-sim.service" \
   || fail "the service unit does not start $prefix/bin/corvaned-sim"
+grep -qxF "ExecStart=$prefix/bin/corvaned --engine flatpak --state /var/lib/corvaned/state.db" \
+  "$prefix/lib/systemd/system/corvaned.service" \
+  || fail "the Flatpak engine's unit does not start $prefix/bin/corvaned"
 # The exported target keeps libsystemd to itself: a consumer needs no libsystemd-dev.
 if grep -q systemd "$prefix/$libdir/cmake/Corvane/CorvaneTargets.cmake"; then
   fail "CorvaneTargets.cmake hands libsystemd to consumers"
