@@ -21,8 +21,9 @@ namespace corvane::testing {
 /// How long a test waits for anything the daemon does.
 inline constexpr std::chrono::seconds bound{30};
 
-inline ManagedAppDeclaration declaration(const std::string& identifier, StoreAppIdentifier app,
-                                  InstallTimingEnum timing = InstallTimingEnum::immediately) {
+inline ManagedAppDeclaration declaration(
+    const std::string& identifier, StoreAppIdentifier app,
+    InstallTimingEnum timing = InstallTimingEnum::immediately) {
   return ManagedAppDeclaration(
       "key-" + identifier, identifier, std::nullopt,
       InstallBehavior{timing, false, PurchaseMethodEnum::volumePurchaseProgram(std::move(app))},
@@ -30,7 +31,7 @@ inline ManagedAppDeclaration declaration(const std::string& identifier, StoreApp
 }
 
 inline void declare(const std::string& identifier, StoreAppIdentifier app,
-             InstallTimingEnum timing = InstallTimingEnum::immediately) {
+                    InstallTimingEnum timing = InstallTimingEnum::immediately) {
   DDMAppOrUpdateManagedAppRequest(declaration(identifier, std::move(app), timing))
       .performSynchronously();
 }

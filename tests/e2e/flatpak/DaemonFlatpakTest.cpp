@@ -44,11 +44,16 @@ class DaemonFlatpak : public ::testing::Test {
     daemon_ = std::make_unique<DaemonProcess>(runtime_.path(), arguments());
   }
   [[nodiscard]] std::vector<std::string> arguments() const {
-    return {"--engine", "flatpak", "--installation", installation().native(), "--remote",
-            "corvane-test=" + remote_, "--state", (state_.path() / "state.db").native(),
-            "--tick-ms", "20", "--verbose"};
+    return {"--engine",       "flatpak",
+            "--installation", installation().native(),
+            "--remote",       "corvane-test=" + remote_,
+            "--state",        (state_.path() / "state.db").native(),
+            "--tick-ms",      "20",
+            "--verbose"};
   }
-  [[nodiscard]] std::filesystem::path installation() const { return state_.path() / "installation"; }
+  [[nodiscard]] std::filesystem::path installation() const {
+    return state_.path() / "installation";
+  }
   /// The deployed files of `app`, when it is installed.
   [[nodiscard]] std::filesystem::path files(std::string_view app) const {
     return installation() / "app" / app / "current/active/files";
@@ -76,7 +81,8 @@ TEST_F(DaemonFlatpak, InstallsTheDeclaredAppAndUninstallsItWithTheDeclaration) {
     seen.push_back(fmt::format("{}", value.state));
     return value.state == AppState::managed();
   })) << fmt::format("{}", fmt::join(seen, ", "));
-  EXPECT_TRUE(std::ranges::any_of(seen, [](const auto& s) { return s.starts_with("Downloading"); }));
+  EXPECT_TRUE(
+      std::ranges::any_of(seen, [](const auto& s) { return s.starts_with("Downloading"); }));
   EXPECT_TRUE(std::ranges::any_of(seen, [](const auto& s) { return s.starts_with("Installing"); }));
 
   const auto status = statusOf("D-hello");
