@@ -1,18 +1,20 @@
 #include "AppRecord.hpp"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
 namespace corvane::sim {
 
 namespace {
-constexpr std::array<std::pair<Phase, std::string_view>, 6> phaseNames{{
+constexpr std::array<std::pair<Phase, std::string_view>, 7> phaseNames{{
     {Phase::optional, "optional"},
     {Phase::waiting, "waiting"},
     {Phase::downloading, "downloading"},
     {Phase::installing, "installing"},
     {Phase::managed, "managed"},
     {Phase::failed, "failed"},
+    {Phase::updating, "updating"},
 }};
 }  // namespace
 
@@ -33,6 +35,7 @@ AppState AppRecord::appState() const {
     case Phase::waiting:
       return AppState::waiting();
     case Phase::downloading:
+    case Phase::updating:  // the new build downloads and installs over the installed one
       return AppState::downloading(progress);
     case Phase::installing:
       return AppState::installing(progress);
@@ -67,9 +70,17 @@ ManagedAppStatus AppRecord::status() const {
       status.state = ManagedAppStatus::State::installing;
       break;
     case Phase::managed:
+    case Phase::updating:
       status.state = ManagedAppStatus::State::managed;
       status.installedVersionInfo =
           ManagedAppStatus::InstalledVersionInfo{versionID, version, version};
+      if (phase == Phase::updating)
+        status.updateState = ManagedAppStatus::UpdateState::updating;
+      else if (std::ranges::find(reasons, ManagedAppStatus::Reason::updateFailed) != reasons.end())
+        status.updateState = ManagedAppStatus::UpdateState::failed;
+      else if (std::ranges::find(reasons, ManagedAppStatus::Reason::updateAvailable)
+               != reasons.end())
+        status.updateState = ManagedAppStatus::UpdateState::available;
       break;
     case Phase::failed:
       status.state = ManagedAppStatus::State::failed;

@@ -13,8 +13,17 @@
 
 namespace corvane::sim {
 
-/// Where an app's installation stands in the simulated engine.
-enum class Phase { optional, waiting, downloading, installing, managed, failed };
+/// Where an app's installation stands.
+enum class Phase {
+  optional,
+  waiting,
+  downloading,
+  installing,
+  managed,
+  failed,
+  /// Installed, and its update downloads and installs.
+  updating,
+};
 
 /// "optional", "waiting", ... as stored in the database.
 [[nodiscard]] std::string_view toString(Phase phase) noexcept;
@@ -28,7 +37,7 @@ struct AppRecord {
   std::string declarationKey;
   std::string name;
   Phase phase = Phase::optional;
-  /// Progress within `downloading` or `installing`, 0 to 1.
+  /// Progress within `downloading`, `installing` or `updating`, 0 to 1.
   double progress = 0;
   std::vector<ManagedAppStatus::Reason> reasons;
   /// The version that gets installed (the catalogue's), when known.

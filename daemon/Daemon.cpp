@@ -13,6 +13,7 @@
 #include <boost/json/serialize.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <grp.h>
@@ -239,6 +240,16 @@ void Daemon::advance(bool tick) {
     engine_.tick();
   else
     engine_.update();
+  const bool catalogChanged = takeCatalog();
+  // Declared apps follow their declaration's update behaviour, which is always to update
+  // automatically: a newer build found for one is installed at once.
+  for (const auto& record : engine_.records()) {
+    if (record.phase == Phase::managed && declarations_.contains(record.declarationIdentifier)
+        && std::ranges::find(record.reasons, ManagedAppStatus::Reason::updateAvailable)
+               != record.reasons.end())
+      engine_.upgrade(record.bundleID);
+  }
+  if (catalogChanged) publishCatalog();
   try {
     commit();
   } catch (const StoreError& failure) {
@@ -247,6 +258,14 @@ void Daemon::advance(bool tick) {
     if (engine_.busy()) scheduleTick();
   }
   if (!engine_.busy()) idleSince_ = std::chrono::steady_clock::now();
+}
+
+bool Daemon::takeCatalog() {
+  auto fresh = backend_->takeCatalog();
+  if (!fresh) return false;
+  catalog_ = std::move(*fresh);
+  log(LogLevel::info, fmt::format("catalogue refreshed: {} apps", catalog_.apps().size()));
+  return true;
 }
 
 std::unique_ptr<InstallBackend> Daemon::makeBackend() {

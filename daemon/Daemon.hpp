@@ -135,6 +135,8 @@ class Daemon {
   /// Moves the engine on (a tick of the clock, or what the backend reported) and commits.
   void advance(bool tick);
   [[nodiscard]] std::unique_ptr<InstallBackend> makeBackend();
+  /// Takes up the catalogue the backend's refresh found; false when there is none.
+  bool takeCatalog();
   /// The backend has reports: an update is posted to the io_context. Any thread.
   void backendReported();
   void scheduleIdleCheck();

@@ -184,6 +184,9 @@ Bytes Daemon::resetHistory(Client& /*caller*/, const std::optional<Bytes>& /*arg
 Bytes Daemon::poll(Client& /*caller*/, const std::optional<Bytes>& /*argument*/) {
   log(LogLevel::info, "polled for updates; publishing the catalogue");
   publishCatalog();
+  // A backend with remotes looks at them again in the background; what it finds is published
+  // and updated when it comes.
+  backend_->refresh();
   return done();
 }
 
@@ -213,9 +216,10 @@ Bytes Daemon::vppInstall(Client& /*caller*/, const std::optional<Bytes>& argumen
     record.uuid = request.id();
     engine_.put(std::move(record));
   }
-  // An update downloads and installs an installed app again; an install on its way carries on.
-  if (type == VPPInstallRequest::RequestType::update) engine_.uninstall(bundleID);
-  engine_.install(bundleID);
+  // An update downloads and installs the installed app's new build while it stays installed; an
+  // app that is not installed is installed, and an install on its way carries on.
+  if (type != VPPInstallRequest::RequestType::update || !engine_.upgrade(bundleID))
+    engine_.install(bundleID);
   commit();
   log(LogLevel::info, fmt::format("volume-purchase {} of {}", coding::caseNameOf(type), bundleID));
   return done();
@@ -293,7 +297,7 @@ Bytes Daemon::cancel(Client& /*caller*/, const std::optional<Bytes>& argument) {
 Bytes Daemon::launch(Client& /*caller*/, const std::optional<Bytes>& argument) {
   auto [bundleID] = TetherDecoder<std::string>::decode(required(argument));
   const AppRecord* record = engine_.find(bundleID);
-  if (record == nullptr || record->phase != Phase::managed)
+  if (record == nullptr || (record->phase != Phase::managed && record->phase != Phase::updating))
     throw Refusal(fmt::format("{} is not installed, so it cannot be launched", bundleID));
   LogCategory::appLaunch().notice("launching {}", bundleID);
   log(LogLevel::info, fmt::format("launched {}", bundleID));

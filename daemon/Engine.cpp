@@ -9,7 +9,16 @@ namespace corvane::sim {
 namespace {
 
 bool underWay(Phase phase) noexcept {
-  return phase == Phase::waiting || phase == Phase::downloading || phase == Phase::installing;
+  return phase == Phase::waiting || phase == Phase::downloading || phase == Phase::installing
+         || phase == Phase::updating;
+}
+
+bool running(Phase phase) noexcept {
+  return phase == Phase::downloading || phase == Phase::installing || phase == Phase::updating;
+}
+
+void dropReason(std::vector<ManagedAppStatus::Reason>& reasons, ManagedAppStatus::Reason reason) {
+  std::erase(reasons, reason);
 }
 
 }  // namespace
@@ -59,6 +68,12 @@ void Engine::put(AppRecord record) {
   const std::string key = record.bundleID;
   auto& stored = apps_.emplace(key, std::move(record)).first->second;
   if (stored.phase == Phase::waiting) queue_.push_back(key);
+  // An update under way when the daemon stopped is forgotten: the app is installed, and the
+  // next look for updates finds it again.
+  if (stored.phase == Phase::updating) {
+    stored.phase = Phase::managed;
+    stored.progress = 0;
+  }
   // A stored install that was under way when the daemon stopped starts again from the queue.
   if (stored.phase == Phase::downloading || stored.phase == Phase::installing) {
     stored.phase = Phase::waiting;
@@ -86,8 +101,23 @@ bool Engine::cancel(std::string_view bundleID) {
   remember(bundleID);
   std::erase(queue_, bundleID);
   stopJob(bundleID);
-  record->phase = Phase::optional;
+  // A stopped update leaves the installed build where it was.
+  record->phase = record->phase == Phase::updating ? Phase::managed : Phase::optional;
   record->progress = 0;
+  changed(*record, true);
+  return true;
+}
+
+bool Engine::upgrade(std::string_view bundleID) {
+  AppRecord* record = findMutable(bundleID);
+  if (record == nullptr || record->phase != Phase::managed) return false;
+  remember(bundleID);
+  record->phase = Phase::updating;
+  record->progress = 0;
+  dropReason(record->reasons, ManagedAppStatus::Reason::updateFailed);
+  const std::uint64_t job = nextJob_++;
+  jobs_.insert_or_assign(record->bundleID, job);
+  commands_.push_back(Command{Command::Kind::start, job, *record});
   changed(*record, true);
   return true;
 }
@@ -111,7 +141,7 @@ bool Engine::remove(std::string_view bundleID) {
   std::erase(queue_, bundleID);
   stopJob(bundleID);
   // What the daemon installed goes with the app.
-  if (found->second.phase == Phase::managed)
+  if (found->second.phase == Phase::managed || found->second.phase == Phase::updating)
     commands_.push_back(Command{Command::Kind::uninstall, 0, found->second});
   changes_.push_back(Change{std::move(found->second), true, true});
   apps_.erase(found);
@@ -154,19 +184,33 @@ void Engine::stopJob(std::string_view bundleID) {
 }
 
 void Engine::apply(const InstallReport& report) {
+  using Kind = InstallReport::Kind;
+  if (report.kind == Kind::updateAvailable) {
+    AppRecord* installed = findMutable(report.bundleID);
+    if (installed == nullptr || installed->phase != Phase::managed
+        || std::ranges::find(installed->reasons, ManagedAppStatus::Reason::updateAvailable)
+               != installed->reasons.end())
+      return;
+    remember(report.bundleID);
+    installed->reasons.push_back(ManagedAppStatus::Reason::updateAvailable);
+    changed(*installed, true);
+    return;
+  }
   const auto job = jobs_.find(report.bundleID);
   // A report about a job that was cancelled or replaced since.
   if (job == jobs_.end() || job->second != report.job) return;
   AppRecord* record = findMutable(report.bundleID);
   if (record == nullptr) return;
   remember(report.bundleID);
-  using Kind = InstallReport::Kind;
+  const bool updating = record->phase == Phase::updating;
   switch (report.kind) {
     case Kind::progressed:
       record->progress = std::clamp(report.progress, 0.0, 1.0);
       changed(*record, false);
       return;
     case Kind::downloaded:
+      // An update keeps showing its download complete while the new build is put in place.
+      if (updating) return;
       record->phase = Phase::installing;
       record->progress = 0;
       break;
@@ -178,11 +222,19 @@ void Engine::apply(const InstallReport& report) {
       jobs_.erase(job);
       break;
     case Kind::failed:
-      record->phase = Phase::failed;
+      // A failed update leaves the installed build; the app says its update failed.
+      record->phase = updating ? Phase::managed : Phase::failed;
       record->progress = 0;
-      record->reasons = {report.reason};
+      if (updating) {
+        dropReason(record->reasons, ManagedAppStatus::Reason::updateAvailable);
+        record->reasons.push_back(ManagedAppStatus::Reason::updateFailed);
+      } else {
+        record->reasons = {report.reason};
+      }
       jobs_.erase(job);
       break;
+    case Kind::updateAvailable:
+      return;
   }
   changed(*record, true);
 }
@@ -202,7 +254,7 @@ void Engine::update() {
   }
   std::size_t active = 0;
   for (const auto& [bundleID, record] : apps_)
-    if (record.phase == Phase::downloading || record.phase == Phase::installing) ++active;
+    if (running(record.phase)) ++active;
   // Waiting installs start once a place is free, oldest first.
   while (active < settings_.parallelInstalls && !queue_.empty()) {
     const std::string next = queue_.front();

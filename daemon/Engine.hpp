@@ -33,6 +33,7 @@ struct EngineSettings {
 ///   optional --install--> waiting --start--> downloading(0 .. 1) --> installing(0 .. 1) -->
 ///   managed failed <-- (the backend failed, or an app nobody can verify)
 ///   waiting/downloading/installing --cancel--> optional
+///   managed --upgrade--> updating --> managed (new version, or updateFailed)
 ///
 /// Not thread-safe: one owner drives it.
 class Engine {
@@ -56,9 +57,13 @@ class Engine {
   /// Queues the install of an app it looks after that is optional, failed or removed. False when
   /// unknown, already under way, or managed.
   bool install(std::string_view bundleID);
-  /// Stops an install that waits, downloads or installs: the app becomes optional again. False
-  /// otherwise.
+  /// Stops an install that waits, downloads or installs: the app becomes optional again. A
+  /// stopped update leaves the app managed. False otherwise.
   bool cancel(std::string_view bundleID);
+  /// Updates an installed (managed) app: it stays installed while its update runs (`updating`),
+  /// then is managed with the new version, or managed with `updateFailed`. Updates start at
+  /// once and count towards the installs at once. False when the app is not managed.
+  bool upgrade(std::string_view bundleID);
   /// Takes an installed (managed) app off the device while still looking after it: it becomes
   /// optional. False otherwise: an install that waits or is under way is left alone.
   bool uninstall(std::string_view bundleID);

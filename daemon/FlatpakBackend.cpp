@@ -120,11 +120,18 @@ std::int64_t FlatpakBackend::itemIdentifier(std::string_view appID) noexcept {
 
 std::optional<Catalog> FlatpakBackend::catalog() {
   auto installation = open();
+  return survey(installation);
+}
+
+Catalog FlatpakBackend::survey(flatpak::Installation& installation) {
   const std::string arch = flatpak_get_default_arch();
   boost::json::array entries;
   std::map<std::string, std::optional<Source>, std::less<>> sources;
+  std::map<std::string, std::string, std::less<>> newest;  // ref -> the remote's commit
   for (const auto& remote : installation.remotes()) {
     const auto refs = installation.remoteRefs(remote.name);
+    for (const auto& ref : refs)
+      if (ref.kind == flatpak::RefKind::app) newest.emplace(ref.ref, ref.commit);
     const auto components = flatpak::readAppStream(installation.updateAppStream(remote.name));
     for (const auto& component : components) {
       if (sources.contains(component.id)) continue;  // the first remote that offers it
@@ -137,17 +144,45 @@ std::optional<Catalog> FlatpakBackend::catalog() {
       entries.emplace_back(describe(component, build));
     }
   }
+  auto catalog = Catalog::parse(boost::json::serialize(entries), "the remotes' AppStream data");
+  // Installed apps whose remote offers another commit can be updated.
+  std::vector<std::string> updatable;
+  for (const auto& installed : installation.installedRefs()) {
+    if (installed.kind != flatpak::RefKind::app) continue;
+    const auto offered = newest.find(installed.ref);
+    if (offered != newest.end() && offered->second != installed.commit)
+      updatable.push_back(installed.id);
+  }
   {
     const std::scoped_lock replacing(mutex_);
     sources_ = std::move(sources);
   }
-  return Catalog::parse(boost::json::serialize(entries), "the remotes' AppStream data");
+  for (auto& appID : updatable) {
+    InstallReport update;
+    update.bundleID = std::move(appID);
+    update.kind = InstallReport::Kind::updateAvailable;
+    report(std::move(update));
+  }
+  return catalog;
+}
+
+void FlatpakBackend::refresh() {
+  {
+    const std::scoped_lock queueing(mutex_);
+    tasks_.push_back(Task{Task::Kind::refresh, 0, {}, false});
+  }
+  tasksWaiting_.notify_one();
+}
+
+std::optional<Catalog> FlatpakBackend::takeCatalog() {
+  const std::scoped_lock taking(mutex_);
+  return std::exchange(refreshed_, std::nullopt);
 }
 
 void FlatpakBackend::start(std::uint64_t job, const AppRecord& app) {
   {
     const std::scoped_lock queueing(mutex_);
-    tasks_.push_back(Task{Task::Kind::install, job, app.bundleID});
+    tasks_.push_back(Task{Task::Kind::install, job, app.bundleID, app.phase == Phase::updating});
   }
   tasksWaiting_.notify_one();
 }
@@ -162,7 +197,7 @@ void FlatpakBackend::cancel(std::uint64_t job, const std::string& /*bundleID*/) 
 void FlatpakBackend::uninstall(const AppRecord& app) {
   {
     const std::scoped_lock queueing(mutex_);
-    tasks_.push_back(Task{Task::Kind::uninstall, 0, app.bundleID});
+    tasks_.push_back(Task{Task::Kind::uninstall, 0, app.bundleID, false});
   }
   tasksWaiting_.notify_one();
 }
@@ -191,10 +226,17 @@ void FlatpakBackend::work() {
       tasks_.pop_front();
     }
     try {
-      if (task.kind == Task::Kind::install)
-        install(task);
-      else
-        remove(task);
+      switch (task.kind) {
+        case Task::Kind::install:
+          install(task);
+          break;
+        case Task::Kind::uninstall:
+          remove(task);
+          break;
+        case Task::Kind::refresh:
+          lookAgain();
+          break;
+      }
     } catch (const std::exception& error) {
       // Nothing may end a worker: the task is lost, the log says so.
       LogCategory::install().fault("{}: {}", task.appID, error.what());
@@ -266,7 +308,10 @@ void FlatpakBackend::install(const Task& task) {
       }
     } running{*this, task.job};
 
-    transaction.addInstall(source->remote, source->ref);
+    if (task.update)
+      transaction.addUpdate(source->ref);
+    else
+      transaction.addInstall(source->remote, source->ref);
     int lastPercent = -1;
     transaction.run([&](const flatpak::TransactionProgress& progress) {
       if (progress.ref == source->ref && progress.phase != flatpak::OperationPhase::downloading) {
@@ -307,10 +352,26 @@ void FlatpakBackend::install(const Task& task) {
   }
   if (cancelledMeanwhile) {
     // The cancel came as the transaction finished: what it installed goes again.
-    if (outcome.kind == Kind::installed) remove(Task{Task::Kind::uninstall, 0, task.appID});
+    if (outcome.kind == Kind::installed && !task.update)
+      remove(Task{Task::Kind::uninstall, 0, task.appID, false});
     return;
   }
   report(std::move(outcome));
+}
+
+void FlatpakBackend::lookAgain() {
+  try {
+    auto installation = open();
+    auto catalog = survey(installation);
+    {
+      const std::scoped_lock keeping(mutex_);
+      refreshed_ = std::move(catalog);
+    }
+    if (wake_) wake_();
+  } catch (const std::exception& error) {
+    // The catalogue stays as it was; the next poll tries again.
+    LogCategory::install().error("the remotes could not be read: {}", error.what());
+  }
 }
 
 void FlatpakBackend::remove(const Task& task) {

@@ -63,6 +63,8 @@ class FlatpakBackend final : public InstallBackend {
   /// with a build for this architecture. Fetches the remotes' metadata: blocking, seconds for a
   /// remote over the network. Throws flatpak::FlatpakError, CatalogError.
   [[nodiscard]] std::optional<Catalog> catalog() override;
+  void refresh() override;
+  [[nodiscard]] std::optional<Catalog> takeCatalog() override;
 
   /// The stable item identifier of the app `appID`: the low 52 bits of the app ID's 64-bit
   /// FNV-1a hash, so that it never changes for an app and is exact in every JSON reader.
@@ -70,9 +72,11 @@ class FlatpakBackend final : public InstallBackend {
 
  private:
   struct Task {
-    enum class Kind { install, uninstall } kind = Kind::install;
+    enum class Kind { install, uninstall, refresh } kind = Kind::install;
     std::uint64_t job = 0;
     std::string appID;
+    /// An install that updates the installed app.
+    bool update = false;
   };
   /// Where an app is installed from.
   struct Source {
@@ -84,6 +88,11 @@ class FlatpakBackend final : public InstallBackend {
   void work();
   void install(const Task& task);
   void remove(const Task& task);
+  /// A refresh on a worker: the catalogue again, and `updateAvailable` for newer builds.
+  void lookAgain();
+  /// Reads the remotes: the catalogue, where each app comes from (kept), and a report for each
+  /// installed app whose remote offers another commit. Blocking.
+  [[nodiscard]] Catalog survey(flatpak::Installation& installation);
   /// Makes `outcome` say the app is installed, with the version the installation holds.
   void finishInstalled(InstallReport& outcome, const Source& source) const noexcept;
   void report(InstallReport report);
@@ -101,6 +110,7 @@ class FlatpakBackend final : public InstallBackend {
   std::vector<InstallReport> reports_;
   // Each app of the catalogue, by app ID; apps with no build for this architecture have none.
   std::map<std::string, std::optional<Source>, std::less<>> sources_;
+  std::optional<Catalog> refreshed_;
   bool stopping_ = false;
 
   std::vector<std::thread> workers_;  // last: they start once the rest is made

@@ -24,6 +24,8 @@ struct InstallReport {
     installed,
     /// The install stopped; `reason` says which step failed.
     failed,
+    /// A newer build of the installed app is offered (no job: found by `refresh()`).
+    updateAvailable,
   };
   std::uint64_t job = 0;
   std::string bundleID;
@@ -49,7 +51,8 @@ class InstallBackend {
   InstallBackend(const InstallBackend&) = delete;
   InstallBackend& operator=(const InstallBackend&) = delete;
 
-  /// Begins downloading and installing `app`; `job` numbers this attempt in the reports.
+  /// Begins downloading and installing `app` (its update, when `app.phase` is
+  /// `Phase::updating`); `job` numbers this attempt in the reports.
   virtual void start(std::uint64_t job, const AppRecord& app) = 0;
   /// Stops the install `job` of `bundleID` if it still runs; nothing is reported for it after.
   virtual void cancel(std::uint64_t job, const std::string& bundleID) = 0;
@@ -63,6 +66,12 @@ class InstallBackend {
   /// The catalogue of what this backend can install, for a backend that has one of its own
   /// (empty: the daemon's configured catalogue). Blocking: it may fetch from the network.
   [[nodiscard]] virtual std::optional<Catalog> catalog() { return std::nullopt; }
+  /// Looks again at what can be installed (the catalogue, newer builds of installed apps), in
+  /// the background: the catalogue comes back through `takeCatalog()`, newer builds as
+  /// `updateAvailable` reports. Does nothing for a backend whose catalogue does not change.
+  virtual void refresh() {}
+  /// The catalogue a `refresh()` found, once.
+  [[nodiscard]] virtual std::optional<Catalog> takeCatalog() { return std::nullopt; }
 };
 
 }  // namespace corvane::sim

@@ -14,6 +14,7 @@
 #include <systemd/sd-daemon.h>
 
 #include <csignal>
+#include <malloc.h>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -23,6 +24,11 @@
 
 int main(int argc, char** argv) {
   using namespace corvane::sim;
+  // glibc gives each contending thread an arena of its own, reserving 64 MiB of address space
+  // apiece: under load the daemon's few threads would take hundreds of MiB that an address-space
+  // limit (ulimit -v) then refuses. Two arenas serve its threads; memory goes back to the system
+  // through the listener's trim.
+  ::mallopt(M_ARENA_MAX, 2);
   const auto parsed = parseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) return *status;
   const Options& options = std::get<Options>(parsed);

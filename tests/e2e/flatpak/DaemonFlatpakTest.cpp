@@ -112,6 +112,35 @@ TEST_F(DaemonFlatpak, InstallsTheDeclaredAppAndUninstallsItWithTheDeclaration) {
   EXPECT_EQ(daemon_->stop(), 0);
 }
 
+TEST_F(DaemonFlatpak, APollFindsANewBuildAndTheDeclaredAppIsUpdatedToIt) {
+  // A repository of this test's own, since a new version goes into it.
+  const TemporaryDirectory own;
+  TestRepository::build(own.path());
+  start("file://" + (own.path() / "repo").native());
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  declare("D-hello", StoreAppIdentifier::bundleID(std::string(hello)));
+  ASSERT_TRUE(readUntil(
+      progress, [](const AppProgress& value) { return value.state == AppState::managed(); }));
+  EXPECT_EQ(readAll(files(hello) / "version"), "1.0");
+
+  TestRepository::addUpdate(own.path());
+  DDMPollForUpdatesRequest{}.perform(boost::asio::use_future).get();
+  // The update downloads while the app stays installed, then it is managed again.
+  bool updating = false;
+  ASSERT_TRUE(readUntil(progress, [&](const AppProgress& value) {
+    updating = updating || std::holds_alternative<AppState::Downloading>(value.state.cases());
+    return updating && value.state == AppState::managed();
+  }));
+  const auto status = statusOf("D-hello");
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(status->state, State::managed);
+  EXPECT_EQ(status->updateState, std::nullopt);
+  EXPECT_TRUE(status->reasons.empty());
+  ASSERT_TRUE(status->installedVersionInfo.has_value());
+  EXPECT_EQ(status->installedVersionInfo->bundleShortVersion, "2.0");
+  EXPECT_EQ(readAll(files(hello) / "version"), "2.0");
+}
+
 TEST_F(DaemonFlatpak, AppsThatCannotBeInstalledFailWithTheirReasons) {
   start(TestRepository::get().url());
   struct Row {

@@ -380,5 +380,79 @@ TEST(Engine, TheBackendHearsOnlyOfTakenChangesAndLateReportsAreIgnored) {
   EXPECT_EQ(backend.takeLog(), Log{"uninstall a"});
 }
 
+TEST(Engine, AnUpdateKeepsTheAppInstalledWhateverBecomesOfIt) {
+  using Log = std::vector<std::string>;
+  using Kind = InstallReport::Kind;
+  using UpdateState = ManagedAppStatus::UpdateState;
+  ScriptedBackend backend;
+  Engine engine(backend);
+  engine.put(app("a"));
+  engine.install("a");
+  engine.update();
+  (void)engine.takeChanges();
+  backend.report(1, Kind::installed, "1.0");
+  engine.update();
+  EXPECT_FALSE(engine.upgrade("b"));  // unknown
+  EXPECT_EQ(engine.find("a")->status().updateState, std::nullopt);
+
+  backend.report(0, Kind::updateAvailable);
+  backend.report(0, Kind::updateAvailable);  // found twice, noted once
+  engine.update();
+  EXPECT_EQ(engine.find("a")->reasons, std::vector<Reason>{Reason::updateAvailable});
+  EXPECT_EQ(engine.find("a")->status().updateState, UpdateState::available);
+
+  struct Row {
+    const char* what;
+    std::function<void(std::uint64_t job)> outcome;
+    std::string version;
+    std::vector<Reason> reasons;
+    std::optional<UpdateState> updateState;
+  };
+  const std::vector<Row> table = {
+      {"installed",
+       [&](std::uint64_t job) {
+         backend.report(job, Kind::progressed);
+         backend.reports.back().progress = 0.5;
+         backend.report(job, Kind::downloaded);
+         backend.report(job, Kind::installed, "2.0");
+       },
+       "2.0",
+       {},
+       std::nullopt},
+      {"cancelled",
+       [&](std::uint64_t /*job*/) { EXPECT_TRUE(engine.cancel("a")); },
+       "2.0",
+       {},
+       std::nullopt},
+      {"failed",
+       [&](std::uint64_t job) { backend.report(job, Kind::failed); },
+       "2.0",
+       {Reason::updateFailed},
+       UpdateState::failed},
+  };
+  std::uint64_t job = 1;
+  (void)backend.takeLog();
+  for (const auto& row : table) {
+    ASSERT_TRUE(engine.upgrade("a")) << row.what;
+    ++job;
+    (void)engine.takeChanges();
+    EXPECT_EQ(backend.takeLog(), Log{fmt::format("start a#{}", job)}) << row.what;
+    const auto during = engine.find("a")->status();
+    EXPECT_EQ(during.state, ManagedAppStatus::State::managed) << row.what;
+    EXPECT_EQ(during.updateState, UpdateState::updating) << row.what;
+    EXPECT_TRUE(engine.busy()) << row.what;
+    row.outcome(job);
+    engine.update();
+    const AppRecord* record = engine.find("a");
+    EXPECT_EQ(record->phase, Phase::managed) << row.what;
+    EXPECT_EQ(record->version, row.version) << row.what;
+    EXPECT_EQ(record->reasons, row.reasons) << row.what;
+    EXPECT_EQ(record->status().updateState, row.updateState) << row.what;
+    EXPECT_FALSE(engine.busy()) << row.what;
+    (void)engine.takeChanges();
+    (void)backend.takeLog();
+  }
+}
+
 }  // namespace
 }  // namespace corvane::sim
