@@ -14,10 +14,10 @@
 #include <systemd/sd-daemon.h>
 
 #include <csignal>
-#include <malloc.h>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <malloc.h>
 #include <string>
 #include <system_error>
 #include <variant>
