@@ -6,13 +6,14 @@
 namespace corvane::sim {
 
 namespace {
-constexpr std::array<std::pair<Phase, std::string_view>, 6> phaseNames{{
+constexpr std::array<std::pair<Phase, std::string_view>, 7> phaseNames{{
     {Phase::optional, "optional"},
     {Phase::waiting, "waiting"},
     {Phase::downloading, "downloading"},
     {Phase::installing, "installing"},
     {Phase::managed, "managed"},
     {Phase::failed, "failed"},
+    {Phase::managedButUninstalled, "managedButUninstalled"},
 }};
 }  // namespace
 
@@ -40,6 +41,7 @@ AppState AppRecord::appState() const {
       return AppState::managed();
     case Phase::optional:
     case Phase::failed:
+    case Phase::managedButUninstalled:
       break;
   }
   // Not on the device: it can be obtained.
@@ -73,6 +75,9 @@ ManagedAppStatus AppRecord::status() const {
       break;
     case Phase::failed:
       status.state = ManagedAppStatus::State::failed;
+      break;
+    case Phase::managedButUninstalled:
+      status.state = ManagedAppStatus::State::managedButUninstalled;
       break;
   }
   return status;

@@ -14,7 +14,17 @@
 namespace corvane::sim {
 
 /// Where an app's installation stands in the simulated engine.
-enum class Phase { optional, waiting, downloading, installing, managed, failed };
+/// `managedButUninstalled`: the daemon installed it, then it was taken off the device behind the
+/// daemon's back.
+enum class Phase {
+  optional,
+  waiting,
+  downloading,
+  installing,
+  managed,
+  failed,
+  managedButUninstalled
+};
 
 /// "optional", "waiting", ... as stored in the database.
 [[nodiscard]] std::string_view toString(Phase phase) noexcept;

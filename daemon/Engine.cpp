@@ -154,6 +154,10 @@ void Engine::stopJob(std::string_view bundleID) {
 }
 
 void Engine::apply(const InstallReport& report) {
+  if (report.kind == InstallReport::Kind::inventory) {
+    noticeMissing(report.installedApps);
+    return;
+  }
   const auto job = jobs_.find(report.bundleID);
   // A report about a job that was cancelled or replaced since.
   if (job == jobs_.end() || job->second != report.job) return;
@@ -183,8 +187,22 @@ void Engine::apply(const InstallReport& report) {
       record->reasons = {report.reason};
       jobs_.erase(job);
       break;
+    case Kind::inventory:
+      return;
   }
   changed(*record, true);
+}
+
+void Engine::noticeMissing(const std::set<std::string, std::less<>>& installed) {
+  // Only a managed app can go missing: one the daemon uninstalls itself is optional (or gone)
+  // before its backend touches the device.
+  for (auto& [bundleID, record] : apps_) {
+    if (record.phase != Phase::managed || installed.contains(bundleID)) continue;
+    remember(bundleID);
+    record.phase = Phase::managedButUninstalled;
+    record.progress = 0;
+    changed(record, true);
+  }
 }
 
 void Engine::tick() {
