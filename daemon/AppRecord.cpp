@@ -7,7 +7,7 @@
 namespace corvane::sim {
 
 namespace {
-constexpr std::array<std::pair<Phase, std::string_view>, 7> phaseNames{{
+constexpr std::array<std::pair<Phase, std::string_view>, 8> phaseNames{{
     {Phase::optional, "optional"},
     {Phase::waiting, "waiting"},
     {Phase::downloading, "downloading"},
@@ -15,6 +15,7 @@ constexpr std::array<std::pair<Phase, std::string_view>, 7> phaseNames{{
     {Phase::managed, "managed"},
     {Phase::failed, "failed"},
     {Phase::updating, "updating"},
+    {Phase::managedButUninstalled, "managedButUninstalled"},
 }};
 }  // namespace
 
@@ -43,6 +44,7 @@ AppState AppRecord::appState() const {
       return AppState::managed();
     case Phase::optional:
     case Phase::failed:
+    case Phase::managedButUninstalled:
       break;
   }
   // Not on the device: it can be obtained.
@@ -84,6 +86,9 @@ ManagedAppStatus AppRecord::status() const {
       break;
     case Phase::failed:
       status.state = ManagedAppStatus::State::failed;
+      break;
+    case Phase::managedButUninstalled:
+      status.state = ManagedAppStatus::State::managedButUninstalled;
       break;
   }
   return status;

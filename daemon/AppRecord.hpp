@@ -23,6 +23,8 @@ enum class Phase {
   failed,
   /// Installed, and its update downloads and installs.
   updating,
+  /// The daemon installed it, then it was taken off the device behind the daemon's back.
+  managedButUninstalled,
 };
 
 /// "optional", "waiting", ... as stored in the database.

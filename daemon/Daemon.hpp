@@ -115,6 +115,9 @@ class Daemon {
   /// The app the declaration (or request) `identifier` brought; throws a Refusal saying why
   /// there is none.
   [[nodiscard]] std::string appOfDeclaration(std::string_view identifier) const;
+  /// Whether `bundleID` is on the device without the daemon having installed it (or installing
+  /// it): a declaration of it fails with unmanagedAppAlreadyInstalled.
+  [[nodiscard]] bool installedWithoutDaemon(const std::string& bundleID) const;
 
   // Pushes (DaemonPushes.cpp).
   void changeRegistrations(Client& client, const Bytes& argument, bool add);

@@ -19,7 +19,9 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <fmt/format.h>
 
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -114,9 +116,13 @@ Bytes Daemon::addOrUpdate(Client& /*caller*/, const std::optional<Bytes>& argume
   if (const AppRecord* existing = engine_.find(bundleID);
       existing != nullptr && existing->declarationIdentifier != declaration.declarationIdentifier)
     takenFrom = existing->declarationIdentifier;
+  const bool unmanaged = installedWithoutDaemon(bundleID);
   engine_.put(std::move(record));
   if (!known) {
     engine_.fail(bundleID, ManagedAppStatus::Reason::couldNotVerifyAppID);
+  } else if (unmanaged) {
+    // Someone else's app: never installed over nor uninstalled by the daemon.
+    engine_.fail(bundleID, ManagedAppStatus::Reason::unmanagedAppAlreadyInstalled);
   } else if (immediately) {
     engine_.install(bundleID);
   }
@@ -171,8 +177,12 @@ Bytes Daemon::resetHistory(Client& /*caller*/, const std::optional<Bytes>& /*arg
     if (declaration.installBehavior.installTiming != InstallTimingEnum::immediately) continue;
     if (const auto bundleID = bundleOfDeclaration(identifier)) {
       const AppRecord* record = engine_.find(*bundleID);
-      if (record != nullptr && record->phase == Phase::optional
-          && catalog_.findBundle(*bundleID) != nullptr)
+      if (record == nullptr || record->phase != Phase::optional
+          || catalog_.findBundle(*bundleID) == nullptr)
+        continue;
+      if (installedWithoutDaemon(*bundleID))
+        engine_.fail(*bundleID, ManagedAppStatus::Reason::unmanagedAppAlreadyInstalled);
+      else
         engine_.install(*bundleID);
     }
   }
@@ -228,19 +238,43 @@ Bytes Daemon::vppInstall(Client& /*caller*/, const std::optional<Bytes>& argumen
 Bytes Daemon::enterpriseInstall(Client& /*caller*/, const std::optional<Bytes>& argument) {
   auto [app] = TetherDecoder<EnterpriseApp>::decode(required(argument));
   const auto& url = app.manifestURL();
-  if (url.scheme() != "https" && url.scheme() != "http")
-    throw Refusal(fmt::format("a manifest must be fetched over http(s), not {}", url.buffer()));
-  const std::string bundleID = enterpriseBundle(url);
+  std::string bundleID;
+  std::string name;
+  if (options_.engine == EngineKind::flatpak) {
+    // The manifest is a .flatpakref, read now so that a bad one is refused with its reason.
+    if (url.scheme() != "file")
+      throw Refusal(fmt::format(
+          "the Flatpak engine reads manifests from file addresses only, not {}", url.buffer()));
+    const std::ifstream in(std::string(url.path()), std::ios::binary);
+    if (!in) throw Refusal(fmt::format("the manifest {} cannot be read", url.buffer()));
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    try {
+      bundleID = backend_->takeManifest(url.buffer(), contents.str()).value_or("");
+    } catch (const BackendError& error) {
+      throw Refusal(error.what());
+    }
+    name = bundleID;
+  } else {
+    if (url.scheme() != "https" && url.scheme() != "http")
+      throw Refusal(fmt::format("a manifest must be fetched over http(s), not {}", url.buffer()));
+    bundleID = enterpriseBundle(url);
+    name = bundleID.substr(std::string_view("enterprise.").size());
+  }
+  if (bundleID.empty()) throw Refusal(fmt::format("{} names no app", url.buffer()));
   if (engine_.find(bundleID) == nullptr) {
     AppRecord record;
     record.bundleID = bundleID;
     record.declarationIdentifier = "enterprise." + std::string(url.buffer());
-    record.name = bundleID.substr(std::string_view("enterprise.").size());
+    record.name = name;
     record.version = "1.0";
     record.uuid = boost::uuids::random_generator()();
     engine_.put(std::move(record));
   }
-  engine_.install(bundleID);
+  if (installedWithoutDaemon(bundleID))
+    engine_.fail(bundleID, ManagedAppStatus::Reason::unmanagedAppAlreadyInstalled);
+  else
+    engine_.install(bundleID);
   commit();
   log(LogLevel::info, fmt::format("enterprise install of {} from {}", bundleID, url.buffer()));
   return done();
@@ -265,6 +299,8 @@ Bytes Daemon::install(Client& /*caller*/, const std::optional<Bytes>& argument) 
   const std::string bundleID = appOfDeclaration(identifier);
   if (catalog_.findBundle(bundleID) == nullptr)
     throw Refusal(fmt::format("{} is not in the catalogue", bundleID));
+  if (installedWithoutDaemon(bundleID))
+    throw Refusal(fmt::format("{} is already installed, and not by this daemon", bundleID));
   if (engine_.install(bundleID)) {
     commit();
     log(LogLevel::info, fmt::format("install of {} ({}) queued", bundleID, identifier));
@@ -294,13 +330,17 @@ Bytes Daemon::cancel(Client& /*caller*/, const std::optional<Bytes>& argument) {
   return done();
 }
 
-Bytes Daemon::launch(Client& /*caller*/, const std::optional<Bytes>& argument) {
+Bytes Daemon::launch(Client& caller, const std::optional<Bytes>& argument) {
   auto [bundleID] = TetherDecoder<std::string>::decode(required(argument));
   const AppRecord* record = engine_.find(bundleID);
   if (record == nullptr || (record->phase != Phase::managed && record->phase != Phase::updating))
     throw Refusal(fmt::format("{} is not installed, so it cannot be launched", bundleID));
-  LogCategory::appLaunch().notice("launching {}", bundleID);
-  log(LogLevel::info, fmt::format("launched {}", bundleID));
+  try {
+    backend_->launch(*record, caller.credentials);
+  } catch (const BackendError& error) {
+    throw Refusal(fmt::format("{} cannot be launched: {}", bundleID, error.what()));
+  }
+  log(LogLevel::info, fmt::format("launched {} for uid {}", bundleID, caller.credentials.uid));
   return done();
 }
 
@@ -312,6 +352,15 @@ Bytes Daemon::addRegistrations(Client& caller, const std::optional<Bytes>& argum
 Bytes Daemon::removeRegistrations(Client& caller, const std::optional<Bytes>& argument) {
   changeRegistrations(caller, required(argument), false);
   return done();
+}
+
+bool Daemon::installedWithoutDaemon(const std::string& bundleID) const {
+  // What the daemon installs, or is installing, is its own; a failed or cancelled install left
+  // nothing behind (an install cut short by a restart is waiting again, not failed).
+  const AppRecord* record = engine_.find(bundleID);
+  if (record != nullptr && record->phase != Phase::optional && record->phase != Phase::failed)
+    return false;
+  return backend_->isInstalled(bundleID);
 }
 
 std::optional<std::string> Daemon::bundleOfDeclaration(std::string_view identifier) const {

@@ -185,6 +185,10 @@ void Engine::stopJob(std::string_view bundleID) {
 
 void Engine::apply(const InstallReport& report) {
   using Kind = InstallReport::Kind;
+  if (report.kind == Kind::inventory) {
+    noticeMissing(report.installedApps);
+    return;
+  }
   if (report.kind == Kind::updateAvailable) {
     AppRecord* installed = findMutable(report.bundleID);
     if (installed == nullptr || installed->phase != Phase::managed
@@ -234,9 +238,22 @@ void Engine::apply(const InstallReport& report) {
       jobs_.erase(job);
       break;
     case Kind::updateAvailable:
+    case Kind::inventory:
       return;
   }
   changed(*record, true);
+}
+
+void Engine::noticeMissing(const std::set<std::string, std::less<>>& installed) {
+  // Only a managed app can go missing: one the daemon uninstalls itself is optional (or gone)
+  // before its backend touches the device.
+  for (auto& [bundleID, record] : apps_) {
+    if (record.phase != Phase::managed || installed.contains(bundleID)) continue;
+    remember(bundleID);
+    record.phase = Phase::managedButUninstalled;
+    record.progress = 0;
+    changed(record, true);
+  }
 }
 
 void Engine::tick() {

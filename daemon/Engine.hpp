@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +35,7 @@ struct EngineSettings {
 ///   managed failed <-- (the backend failed, or an app nobody can verify)
 ///   waiting/downloading/installing --cancel--> optional
 ///   managed --upgrade--> updating --> managed (new version, or updateFailed)
+///   managed --(taken off behind the daemon's back)--> managedButUninstalled --install--> waiting
 ///
 /// Not thread-safe: one owner drives it.
 class Engine {
@@ -113,6 +115,8 @@ class Engine {
     AppRecord record;
   };
   void apply(const InstallReport& report);
+  /// Each managed app that is not in `installed` is managed but uninstalled now.
+  void noticeMissing(const std::set<std::string, std::less<>>& installed);
   /// Stops the backend's job for `bundleID`, if one runs.
   void stopJob(std::string_view bundleID);
 

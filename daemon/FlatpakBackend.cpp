@@ -14,8 +14,16 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <flatpak.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace corvane::sim {
@@ -88,9 +96,13 @@ FlatpakBackend::FlatpakBackend(FlatpakSettings settings, std::function<void()> w
       continue;
     installation.addRemote(remote.first, remote.second);
   }
+  std::error_code failed;
+  executable_ = std::filesystem::read_symlink("/proc/self/exe", failed);
+  watcherContext_ = g_main_context_new();
   const std::size_t count = std::max<std::size_t>(settings_.workers, 1);
   workers_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) workers_.emplace_back([this] { work(); });
+  watcher_ = std::thread([this] { watch(); });
 }
 
 FlatpakBackend::~FlatpakBackend() {
@@ -102,6 +114,36 @@ FlatpakBackend::~FlatpakBackend() {
   }
   tasksWaiting_.notify_all();
   for (auto& worker : workers_) worker.join();
+  watcherStopping_ = true;
+  g_main_context_wakeup(watcherContext_);
+  watcher_.join();
+  g_main_context_unref(watcherContext_);
+}
+
+void FlatpakBackend::watch() {
+  g_main_context_push_thread_default(watcherContext_);
+  try {
+    auto installation = open();
+    flatpak::ErrorSlot error;
+    // Its events come to the thread-default context of the thread that makes it: this one's.
+    const auto monitor = flatpak::adopt(
+        flatpak_installation_create_monitor(installation.get(), nullptr, error.out()));
+    if (!monitor) error.raise("monitor the installation");
+    g_signal_connect(
+        monitor.get(), "changed",
+        G_CALLBACK(+[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent, gpointer self) {
+          auto* backend = static_cast<FlatpakBackend*>(self);
+          backend->inventoryDue_ = true;
+          if (backend->wake_) backend->wake_();
+        }),
+        this);
+    while (!watcherStopping_) g_main_context_iteration(watcherContext_, TRUE);
+    g_signal_handlers_disconnect_by_data(monitor.get(), this);
+  } catch (const flatpak::FlatpakError& failure) {
+    // Installs go on; only apps taken off behind the daemon's back go unnoticed.
+    LogCategory::install().error("the installation cannot be watched: {}", failure.what());
+  }
+  g_main_context_pop_thread_default(watcherContext_);
 }
 
 flatpak::Installation FlatpakBackend::open() const {
@@ -140,7 +182,7 @@ Catalog FlatpakBackend::survey(flatpak::Installation& installation) {
         if (ref.kind == flatpak::RefKind::app && ref.id == component.id && ref.arch == arch)
           build = &ref;
       sources.emplace(component.id,
-                      build ? std::optional(Source{remote.name, build->ref}) : std::nullopt);
+                      build ? std::optional(Source{remote.name, build->ref, {}}) : std::nullopt);
       entries.emplace_back(describe(component, build));
     }
   }
@@ -203,8 +245,63 @@ void FlatpakBackend::uninstall(const AppRecord& app) {
 }
 
 std::vector<InstallReport> FlatpakBackend::takeReports() {
-  const std::scoped_lock taking(mutex_);
-  return std::exchange(reports_, {});
+  std::vector<InstallReport> reports;
+  {
+    const std::scoped_lock taking(mutex_);
+    reports = std::exchange(reports_, {});
+  }
+  if (!inventoryDue_.exchange(false)) return reports;
+  // Listed after the reports were taken: an app whose install is reported above is in it.
+  try {
+    InstallReport inventory;
+    inventory.kind = InstallReport::Kind::inventory;
+    for (const auto& installed : open().installedRefs())
+      if (installed.kind == flatpak::RefKind::app) inventory.installedApps.insert(installed.id);
+    reports.push_back(std::move(inventory));
+  } catch (const flatpak::FlatpakError& error) {
+    LogCategory::install().error("the installed apps cannot be listed: {}", error.what());
+  }
+  return reports;
+}
+
+bool FlatpakBackend::isInstalled(std::string_view bundleID) {
+  try {
+    return std::ranges::any_of(open().installedRefs(), [&](const flatpak::InstalledRef& ref) {
+      return ref.kind == flatpak::RefKind::app && ref.id == bundleID;
+    });
+  } catch (const flatpak::FlatpakError& error) {
+    LogCategory::install().error("the installed apps cannot be listed: {}", error.what());
+    return false;
+  }
+}
+
+std::optional<std::string> FlatpakBackend::takeManifest(std::string_view url,
+                                                        std::string_view contents) {
+  const std::unique_ptr<GKeyFile, decltype(&g_key_file_free)> file(g_key_file_new(),
+                                                                   &g_key_file_free);
+  flatpak::ErrorSlot error;
+  constexpr const char* group = "Flatpak Ref";
+  if (!g_key_file_load_from_data(file.get(), contents.data(), contents.size(), G_KEY_FILE_NONE,
+                                 error.out()))
+    throw BackendError(fmt::format("{} is not a .flatpakref: {}", url,
+                                   error.get() ? error.get()->message : "unreadable"));
+  const auto value = [&](const char* key) {
+    return flatpak::takeString(g_key_file_get_string(file.get(), group, key, nullptr));
+  };
+  const std::string name = value("Name");
+  if (name.empty() || value("Url").empty())
+    throw BackendError(
+        fmt::format("{} is not a .flatpakref: it names no app (Name) or no "
+                    "repository (Url) in [{}]",
+                    url, group));
+  if (value("IsRuntime") == "true")
+    throw BackendError(fmt::format("{} names a runtime, not an app", url));
+  std::string branch = value("Branch");
+  if (branch.empty()) branch = "master";  // libflatpak's default for a .flatpakref
+  const std::scoped_lock keeping(mutex_);
+  manifests_.insert_or_assign(name,
+                              Source{"", flatpak::appRef(name, branch), std::string(contents)});
+  return name;
 }
 
 void FlatpakBackend::report(InstallReport report) {
@@ -273,7 +370,10 @@ void FlatpakBackend::install(const Task& task) {
   bool known = false;
   {
     const std::scoped_lock looking(mutex_);
-    if (const auto found = sources_.find(task.appID); found != sources_.end()) {
+    if (const auto manifest = manifests_.find(task.appID); manifest != manifests_.end()) {
+      known = true;
+      source = manifest->second;
+    } else if (const auto found = sources_.find(task.appID); found != sources_.end()) {
       known = true;
       source = found->second;
     }
@@ -310,8 +410,10 @@ void FlatpakBackend::install(const Task& task) {
 
     if (task.update)
       transaction.addUpdate(source->ref);
-    else
+    else if (source->flatpakref.empty())
       transaction.addInstall(source->remote, source->ref);
+    else
+      transaction.addInstallFlatpakref(source->flatpakref);
     int lastPercent = -1;
     transaction.run([&](const flatpak::TransactionProgress& progress) {
       if (progress.ref == source->ref && progress.phase != flatpak::OperationPhase::downloading) {
@@ -384,6 +486,95 @@ void FlatpakBackend::remove(const Task& task) {
     }
   } catch (const flatpak::FlatpakError& error) {
     LogCategory::install().error("{}: could not be uninstalled: {}", task.appID, error.what());
+  }
+}
+
+void FlatpakBackend::launch(const AppRecord& app, const ipc::PeerCredentials& caller) {
+  std::string branch;
+  try {
+    for (const auto& installed : open().installedRefs())
+      if (installed.kind == flatpak::RefKind::app && installed.id == app.bundleID)
+        branch = installed.branch;
+  } catch (const flatpak::FlatpakError& error) {
+    throw BackendError(error.what());
+  }
+  if (branch.empty()) throw BackendError("it is not in the installation");
+  if (executable_.empty()) throw BackendError("the daemon cannot find its own executable");
+
+  // Everything the child needs is made here: between fork and exec only async-signal-safe calls.
+  const bool drop = caller.uid != ::geteuid();
+  std::vector<std::string> environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string_view variable(*entry);
+    if (drop
+        && (variable.starts_with("HOME=") || variable.starts_with("USER=")
+            || variable.starts_with("LOGNAME=") || variable.starts_with("XDG_RUNTIME_DIR=")))
+      continue;
+    environment.emplace_back(variable);
+  }
+  if (drop) {
+    ::passwd entry{};
+    ::passwd* found = nullptr;
+    std::vector<char> strings(16384);
+    if (::getpwuid_r(caller.uid, &entry, strings.data(), strings.size(), &found) != 0
+        || found == nullptr)
+      throw BackendError(fmt::format("uid {} has no user entry", caller.uid));
+    environment.push_back(fmt::format("HOME={}", entry.pw_dir));
+    environment.push_back(fmt::format("USER={}", entry.pw_name));
+    environment.push_back(fmt::format("LOGNAME={}", entry.pw_name));
+    environment.push_back(fmt::format("XDG_RUNTIME_DIR=/run/user/{}", caller.uid));
+  }
+  std::vector<std::string> arguments{executable_.native(), "--launch-flatpak-app",
+                                     settings_.installation.native(), app.bundleID, branch};
+  std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
+  for (auto& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  envp.reserve(environment.size() + 1);
+  for (auto& variable : environment) envp.push_back(variable.data());
+  envp.push_back(nullptr);
+  const ::uid_t uid = caller.uid;
+  const ::gid_t gid = caller.gid;
+
+  // Forked twice: the first child exits at once (reaped here), the launcher is init's to reap.
+  const ::pid_t first = ::fork();
+  if (first < 0)
+    throw BackendError(fmt::format("fork failed: {}", std::generic_category().message(errno)));
+  if (first == 0) {
+    const ::pid_t launcher = ::fork();
+    if (launcher != 0) ::_exit(launcher < 0 ? 1 : 0);
+    ::setsid();
+    if (drop && (::setgroups(1, &gid) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0))
+      ::_exit(126);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  while (::waitpid(first, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    throw BackendError("the launcher could not be started");
+  LogCategory::appLaunch().notice("launching {} (branch {}) for uid {}", app.bundleID, branch,
+                                  caller.uid);
+}
+
+int FlatpakBackend::runLauncher(int argc, char** argv) noexcept {
+  if (argc != 5) {
+    std::fputs("usage: corvaned --launch-flatpak-app INSTALLATION APP-ID BRANCH\n", stderr);
+    return 2;
+  }
+  try {
+    const std::filesystem::path path = argv[2];
+    auto installation =
+        path.empty() ? flatpak::Installation::system() : flatpak::Installation::openAt(path);
+    const auto launched = installation.launch(argv[3], argv[4]);
+    LogCategory::appLaunch().notice("{} runs (instance {}, pid {})", argv[3], launched.instanceId,
+                                    launched.pid);
+    return 0;
+  } catch (const std::exception& error) {
+    LogCategory::appLaunch().error("{} could not be launched: {}", argv[3], error.what());
+    return 1;
   }
 }
 

@@ -3,6 +3,7 @@
 #include "Catalog.hpp"
 #include "InstallBackend.hpp"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +17,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+// GLib's own name for it, declared here so that the header needs no GLib include path.
+using GMainContext = struct _GMainContext;  // NOLINT(bugprone-reserved-identifier)
 
 namespace corvane::flatpak {
 class Installation;
@@ -43,8 +47,16 @@ struct FlatpakSettings {
 /// Threads: `start`, `cancel`, `uninstall`, `takeReports` and `catalog` are called from the
 /// daemon's thread; the transactions run on the backend's own workers, at most
 /// `FlatpakSettings::workers` at once. `wake` is called on a worker thread whenever reports wait,
-/// without any lock held; it must only hand the work over (post it). The destructor cancels
-/// every transaction and joins the workers.
+/// without any lock held; it must only hand the work over (post it). A watcher thread iterates a
+/// GMainContext of its own for the installation's monitor: when the installation changes, the
+/// next `takeReports()` lists what it holds (an inventory report), so that the engine notices a
+/// managed app taken off behind the daemon's back. The destructor cancels every transaction and
+/// joins the workers and the watcher.
+///
+/// Launching: the app is started by a short-lived launcher, the daemon's own executable run with
+/// `--launch-flatpak-app`, forked twice (so that no zombie is left and the daemon waits only for
+/// the first fork) and dropped to the caller's uid and gid before it runs. The launcher's own
+/// failures (no bwrap, say) go to the log, not to the caller.
 class FlatpakBackend final : public InstallBackend {
  public:
   /// Opens the installation and adds the configured remotes it lacks. Throws
@@ -58,6 +70,15 @@ class FlatpakBackend final : public InstallBackend {
   void cancel(std::uint64_t job, const std::string& bundleID) override;
   void uninstall(const AppRecord& app) override;
   [[nodiscard]] std::vector<InstallReport> takeReports() override;
+  void launch(const AppRecord& app, const ipc::PeerCredentials& caller) override;
+  [[nodiscard]] bool isInstalled(std::string_view bundleID) override;
+  /// Reads a .flatpakref; its app is installed from it (and the remote it names) from now on.
+  [[nodiscard]] std::optional<std::string> takeManifest(std::string_view url,
+                                                        std::string_view contents) override;
+
+  /// The launcher's entry point: `argv` is {program, "--launch-flatpak-app", installation (empty:
+  /// the system's), app ID, branch}. Starts the app and returns the exit status.
+  [[nodiscard]] static int runLauncher(int argc, char** argv) noexcept;
 
   /// What the remotes offer, described from their AppStream data: one catalogue entry per app
   /// with a build for this architecture. Fetches the remotes' metadata: blocking, seconds for a
@@ -78,10 +99,11 @@ class FlatpakBackend final : public InstallBackend {
     /// An install that updates the installed app.
     bool update = false;
   };
-  /// Where an app is installed from.
+  /// Where an app is installed from: a remote, or a .flatpakref's text (`flatpakref`).
   struct Source {
     std::string remote;
     std::string ref;
+    std::string flatpakref;
   };
 
   [[nodiscard]] flatpak::Installation open() const;
@@ -96,6 +118,8 @@ class FlatpakBackend final : public InstallBackend {
   /// Makes `outcome` say the app is installed, with the version the installation holds.
   void finishInstalled(InstallReport& outcome, const Source& source) const noexcept;
   void report(InstallReport report);
+  /// The watcher thread: runs the installation's monitor until the backend goes.
+  void watch();
   [[nodiscard]] static InstallReport reportOf(const Task& task, InstallReport::Kind kind);
 
   FlatpakSettings settings_;
@@ -111,9 +135,18 @@ class FlatpakBackend final : public InstallBackend {
   // Each app of the catalogue, by app ID; apps with no build for this architecture have none.
   std::map<std::string, std::optional<Source>, std::less<>> sources_;
   std::optional<Catalog> refreshed_;
+  // Apps named by .flatpakref manifests, by app ID: installed from those, not from the catalogue.
+  std::map<std::string, Source, std::less<>> manifests_;
   bool stopping_ = false;
 
+  // The installation changed since the last inventory; set by the watcher.
+  std::atomic<bool> inventoryDue_{false};
+  std::atomic<bool> watcherStopping_{false};
+  GMainContext* watcherContext_ = nullptr;  // owned: unreferenced once the watcher is joined
+  std::filesystem::path executable_;
+
   std::vector<std::thread> workers_;  // last: they start once the rest is made
+  std::thread watcher_;
 };
 
 }  // namespace corvane::sim

@@ -3,11 +3,16 @@
 #include "AppRecord.hpp"
 #include "Catalog.hpp"
 
+#include <corvane/ipc/Listener.hpp>
 #include <corvane/model/ManagedAppStatus.hpp>
+#include <corvane/platform/LogCategory.hpp>
 
 #include <cstdint>
 #include <optional>
+#include <set>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace corvane::sim {
@@ -26,6 +31,9 @@ struct InstallReport {
     failed,
     /// A newer build of the installed app is offered (no job: found by `refresh()`).
     updateAvailable,
+    /// What the installation holds now (`installedApps`), about no job: a managed app missing
+    /// from it was taken off behind the daemon's back.
+    inventory,
   };
   std::uint64_t job = 0;
   std::string bundleID;
@@ -35,6 +43,15 @@ struct InstallReport {
   /// What the backend knows about why it failed, for the log.
   std::string detail;
   std::optional<std::string> version;
+  /// For `inventory`: the app IDs installed.
+  std::set<std::string, std::less<>> installedApps;
+};
+
+/// Why a backend cannot do what it was asked (launch an app, read a manifest); the message says
+/// why, for the caller.
+class BackendError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
 };
 
 /// What installs an app on the device. The engine decides what to install and when (the queue,
@@ -72,6 +89,23 @@ class InstallBackend {
   virtual void refresh() {}
   /// The catalogue a `refresh()` found, once.
   [[nodiscard]] virtual std::optional<Catalog> takeCatalog() { return std::nullopt; }
+
+  /// Starts the installed `app` for the user `caller` names, detached from the daemon. A backend
+  /// with nothing to start only logs it. Throws BackendError saying why it cannot.
+  virtual void launch(const AppRecord& app, const ipc::PeerCredentials& /*caller*/) {
+    LogCategory::appLaunch().notice("launching {}", app.bundleID);
+  }
+  /// Whether `bundleID` is installed on the device, whoever installed it; false for a backend
+  /// that installs nothing real.
+  [[nodiscard]] virtual bool isInstalled(std::string_view /*bundleID*/) { return false; }
+  /// For a backend that installs from enterprise manifests of its own format: reads `contents`
+  /// (fetched from `url`), keeps it for the install and returns the bundle identifier of the app
+  /// it names. Empty: this backend has no manifests of its own. Throws BackendError when the
+  /// manifest does not parse.
+  [[nodiscard]] virtual std::optional<std::string> takeManifest(std::string_view /*url*/,
+                                                                std::string_view /*contents*/) {
+    return std::nullopt;
+  }
 };
 
 }  // namespace corvane::sim

@@ -4,6 +4,7 @@
 
 #include "Catalog.hpp"
 #include "Daemon.hpp"
+#include "FlatpakBackend.hpp"
 #include "Options.hpp"
 
 #include <corvane/platform/Log.hpp>
@@ -19,6 +20,7 @@
 #include <filesystem>
 #include <malloc.h>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <variant>
 
@@ -29,9 +31,21 @@ int main(int argc, char** argv) {
   // limit (ulimit -v) then refuses. Two arenas serve its threads; memory goes back to the system
   // through the listener's trim.
   ::mallopt(M_ARENA_MAX, 2);
+  // The daemon runs itself this way to launch a Flatpak app as its caller.
+  if (argc > 1 && std::string_view(argv[1]) == "--launch-flatpak-app")
+    return FlatpakBackend::runLauncher(argc, argv);
   const auto parsed = parseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) return *status;
   const Options& options = std::get<Options>(parsed);
+  if (options.engine == EngineKind::flatpak && !options.installation.empty()) {
+    // libflatpak finds an app's runtime only in the user and system installations: the private
+    // one is the user installation, for the daemon and the launchers it starts. Set before any
+    // libflatpak call and before any thread starts.
+    std::error_code failed;
+    const auto absolute = std::filesystem::absolute(options.installation, failed);
+    ::setenv("FLATPAK_USER_DIR", (failed ? options.installation : absolute).c_str(),  // NOLINT
+             1);
+  }
   const std::string program = std::filesystem::path(argv[0]).filename().string();
   if (options.verbose) corvane::platform::Log::setThreshold(corvane::platform::LogLevel::info);
 

@@ -2,10 +2,14 @@
 // repository, driven through the library: a declared app is really installed (its files on disk,
 // its version in the status) and uninstalled with its declaration; an app no remote offers and
 // one whose runtime is missing fail with their reasons; a cancel mid-download leaves nothing
-// installed; SIGKILL mid-install and a restart finish the install once.
+// installed; SIGKILL mid-install and a restart finish the install once; a managed app is launched
+// as its caller; a .flatpakref manifest installs the app it names; an app installed without the
+// daemon is left alone; a managed app uninstalled behind the daemon's back is noticed.
 // Each case runs in a process of its own, so each gets a fresh shared connection.
 
+#include "Installation.hpp"
 #include "TestRepository.hpp"
+#include "Transaction.hpp"
 #include "support/DaemonProcess.hpp"
 #include "support/ServiceClient.hpp"
 #include "support/TemporaryDirectory.hpp"
@@ -14,12 +18,15 @@
 #include <corvane/push/ListenerStreams.hpp>
 #include <corvane/service/ManagedAppLibrary.hpp>
 
+#include <boost/asio/use_future.hpp>
+#include <boost/url/url.hpp>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <variant>
 #include <vector>
 
@@ -32,6 +39,25 @@ using namespace std::chrono_literals;
 
 constexpr std::string_view hello = "org.corvane.Test.Hello";
 constexpr std::string_view big = "org.corvane.Test.Big";
+constexpr const char* branch = "stable";
+
+/// Whether `path` appears within the bound: checked every 50 ms, as nothing announces it.
+bool appears(const std::filesystem::path& path) {
+  const auto until = std::chrono::steady_clock::now() + bound;
+  while (!std::filesystem::exists(path)) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(50ms);
+  }
+  return true;
+}
+
+/// Reads the progress stream until `app` shows `state`.
+template <class Stream>
+bool reaches(Stream& progress, std::string_view app, const AppState& state) {
+  return readUntil(progress, [&](const AppProgress& value) {
+    return value.bundleID == app && value.state == state;
+  });
+}
 
 class DaemonFlatpak : public ::testing::Test {
  protected:
@@ -53,6 +79,12 @@ class DaemonFlatpak : public ::testing::Test {
   }
   [[nodiscard]] std::filesystem::path installation() const {
     return state_.path() / "installation";
+  }
+  /// The private installation as the test process opens it, with the test remote.
+  [[nodiscard]] flatpak::Installation openInstallation() const {
+    auto opened = flatpak::Installation::openAt(installation());
+    if (opened.remotes().empty()) opened.addRemote("corvane-test", TestRepository::get().url());
+    return opened;
   }
   /// The deployed files of `app`, when it is installed.
   [[nodiscard]] std::filesystem::path files(std::string_view app) const {
@@ -207,6 +239,92 @@ TEST_F(DaemonFlatpak, AnInstallCutShortBySigkillFinishesOnceAfterARestart) {
   }));
   EXPECT_EQ(statusOf("D-big")->state, State::managed);
   EXPECT_TRUE(std::filesystem::exists(files(big)));
+}
+
+TEST_F(DaemonFlatpak, LaunchesAManagedAppAsItsCaller) {
+  start(TestRepository::get().url());
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  declare("D-hello", StoreAppIdentifier::bundleID(std::string(hello)));
+  ASSERT_TRUE(reaches(progress, hello, AppState::managed()));
+
+  // The daemon's caller is this process's user: the app writes into this HOME.
+  AppLaunchRequest{std::string(hello)}.perform(boost::asio::use_future).get();
+  const auto marker = TestRepository::get().home() / ".var/app" / hello / "data/corvane-marker";
+  ASSERT_TRUE(appears(marker)) << daemon_->process().err();
+
+  const auto error = failureOf(
+      [] { AppLaunchRequest{"org.corvane.Test.Quiet"}.perform(boost::asio::use_future).get(); });
+  ASSERT_TRUE(error.has_value());
+  EXPECT_EQ(error->cause(), "org.corvane.Test.Quiet is not installed, so it cannot be launched");
+}
+
+TEST_F(DaemonFlatpak, AFlatpakrefManifestInstallsTheAppItNames) {
+  start(TestRepository::get().url());
+  const auto install = [](const std::filesystem::path& manifest) {
+    InstallEnterpriseManifestRequest(EnterpriseApp(boost::urls::url("file://" + manifest.native())))
+        .perform(boost::asio::use_future)
+        .get();
+  };
+  struct Row {
+    const char* what;
+    std::string contents;
+    std::string says;
+  };
+  const std::vector<Row> refused = {
+      {"not a key file", "this is not a flatpakref\n", "is not a .flatpakref: "},
+      {"no app named", "[Flatpak Ref]\nUrl=" + TestRepository::get().url() + "\n",
+       "it names no app (Name)"},
+  };
+  for (const auto& row : refused) {
+    SCOPED_TRACE(row.what);
+    const auto manifest = state_.path() / "bad.flatpakref";
+    std::ofstream(manifest) << row.contents;
+    const auto error = failureOf([&] { install(manifest); });
+    ASSERT_TRUE(error.has_value());
+    EXPECT_NE(error->cause().find(row.says), std::string::npos) << error->cause();
+  }
+
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  install(TestRepository::get().outDir() / (std::string(hello) + ".flatpakref"));
+  ASSERT_TRUE(reaches(progress, hello, AppState::managed()));
+  EXPECT_EQ(readAll(files(hello) / "version"), "1.0");
+}
+
+TEST_F(DaemonFlatpak, AnAppInstalledWithoutTheDaemonIsLeftAlone) {
+  {
+    auto installation = openInstallation();
+    flatpak::Transaction transaction(installation);
+    transaction.addInstall("corvane-test", flatpak::appRef(std::string(hello), branch));
+    transaction.run();
+  }
+  start(TestRepository::get().url());
+  declare("D-hello", StoreAppIdentifier::bundleID(std::string(hello)));
+  const auto status = statusOf("D-hello");
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(status->state, State::failed);
+  EXPECT_EQ(status->reasons, std::vector<Reason>{Reason::unmanagedAppAlreadyInstalled});
+
+  // The declaration goes; so would an install of the daemon's own. An install queued after it
+  // finishing shows the workers got that far.
+  DDMRemoveManagedAppRequest{"D-hello"}.performSynchronously();
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  declare("D-quiet", StoreAppIdentifier::bundleID("org.corvane.Test.Quiet"));
+  ASSERT_TRUE(reaches(progress, "org.corvane.Test.Quiet", AppState::managed()));
+  ASSERT_TRUE(daemon_->process().waitForError("org.corvane.Test.Quiet: Managed"));
+  EXPECT_TRUE(std::filesystem::exists(files(hello)));
+  EXPECT_EQ(daemon_->process().err().find(fmt::format("{}: uninstalled", hello)),
+            std::string::npos);
+}
+
+TEST_F(DaemonFlatpak, AManagedAppUninstalledBehindTheDaemonsBackIsNoticed) {
+  start(TestRepository::get().url());
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  declare("D-hello", StoreAppIdentifier::bundleID(std::string(hello)));
+  ASSERT_TRUE(reaches(progress, hello, AppState::managed()));
+
+  openInstallation().uninstall(flatpak::appRef(std::string(hello), branch));
+  ASSERT_TRUE(reaches(progress, hello, AppState::available(AppState::Availability::available)));
+  EXPECT_EQ(statusOf("D-hello")->state, State::managedButUninstalled);
 }
 
 }  // namespace

@@ -454,5 +454,40 @@ TEST(Engine, AnUpdateKeepsTheAppInstalledWhateverBecomesOfIt) {
   }
 }
 
+TEST(Engine, AnInventoryMarksOnlyManagedAppsMissingFromIt) {
+  using Kind = InstallReport::Kind;
+  ScriptedBackend backend;
+  Engine engine(backend, EngineSettings{4});
+  const std::vector<std::string> ids{"gone", "kept", "underway", "dropped"};
+  for (const auto& id : ids) {
+    engine.put(app(id));
+    engine.install(id);
+  }
+  engine.update();
+  (void)engine.takeChanges();  // jobs 1 to 4, in that order
+  for (const std::uint64_t job : {1U, 2U, 4U}) {
+    backend.report(job, Kind::installed);
+    backend.reports.back().bundleID = ids[job - 1];
+  }
+  engine.update();
+  engine.uninstall("dropped");  // the daemon's own uninstall
+  (void)engine.takeChanges();
+
+  // Nothing but "kept" is installed now.
+  InstallReport inventory;
+  inventory.kind = Kind::inventory;
+  inventory.installedApps = {"kept"};
+  backend.reports.push_back(std::move(inventory));
+  engine.update();
+  EXPECT_EQ(engine.find("gone")->phase, Phase::managedButUninstalled);
+  EXPECT_EQ(engine.find("gone")->status().state, ManagedAppStatus::State::managedButUninstalled);
+  EXPECT_EQ(engine.find("kept")->phase, Phase::managed);
+  EXPECT_EQ(engine.find("underway")->phase, Phase::downloading);
+  EXPECT_EQ(engine.find("dropped")->phase, Phase::optional);
+  EXPECT_EQ(statesOfAll(engine.takeChanges()), std::vector<std::string>{"gone: Available"});
+  // It can be installed again.
+  EXPECT_TRUE(engine.install("gone"));
+}
+
 }  // namespace
 }  // namespace corvane::sim
