@@ -103,6 +103,9 @@ FlatpakBackend::FlatpakBackend(FlatpakSettings settings, std::function<void()> w
   workers_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) workers_.emplace_back([this] { work(); });
   watcher_ = std::thread([this] { watch(); });
+  // The first inventory is due from the start: the daemon reconciles its records with what the
+  // installation holds (apps uninstalled while it was down) before it serves anyone.
+  if (wake_) wake_();
 }
 
 FlatpakBackend::~FlatpakBackend() {

@@ -140,7 +140,7 @@ class FlatpakBackend final : public InstallBackend {
   bool stopping_ = false;
 
   // The installation changed since the last inventory; set by the watcher.
-  std::atomic<bool> inventoryDue_{false};
+  std::atomic<bool> inventoryDue_{true};  // the first one reconciles the records at start
   std::atomic<bool> watcherStopping_{false};
   GMainContext* watcherContext_ = nullptr;  // owned: unreferenced once the watcher is joined
   std::filesystem::path executable_;

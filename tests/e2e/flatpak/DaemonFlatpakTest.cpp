@@ -327,5 +327,19 @@ TEST_F(DaemonFlatpak, AManagedAppUninstalledBehindTheDaemonsBackIsNoticed) {
   EXPECT_EQ(statusOf("D-hello")->state, State::managedButUninstalled);
 }
 
+TEST_F(DaemonFlatpak, AnAppUninstalledWhileTheDaemonWasDownIsNoticedWhenItStarts) {
+  start(TestRepository::get().url());
+  {
+    auto progress = ManagedAppLibrary::shared().progressUpdates();
+    declare("D-hello", StoreAppIdentifier::bundleID(std::string(hello)));
+    ASSERT_TRUE(reaches(progress, hello, AppState::managed()));
+  }
+  ASSERT_EQ(daemon_->stop(), 0);
+  openInstallation().uninstall(flatpak::appRef(std::string(hello), branch));
+  // The records are reconciled with the installation before the first client is served.
+  daemon_->restart();
+  EXPECT_EQ(statusOf("D-hello")->state, State::managedButUninstalled);
+}
+
 }  // namespace
 }  // namespace corvane::testing
