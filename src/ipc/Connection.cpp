@@ -180,10 +180,12 @@ class ConnectionCore final : public ChannelOwner,
     bool interrupted = false;
     bool invalidated = false;
     std::function<void()> interruptionHandler;
+    std::chrono::steady_clock::time_point connectedAt;
     {
       const std::lock_guard state(mutex_);
       if (channel_ != channel) return;  // an older channel, or invalidate() took it already
       channel_.reset();
+      connectedAt = connectedAt_;
       if (reason == CloseReason::peerLost) {
         interrupted = state_ == State::resumed;
         interruptionHandler = interruptionHandler_;
@@ -195,7 +197,10 @@ class ConnectionCore final : public ChannelOwner,
     if (interrupted) {
       LogCategory::tether().info("Connection to {} interrupted: {}", path_.native(), detail);
       if (interruptionHandler) runUserCode("interruption handler", interruptionHandler);
-      if (reconnectsNow()) scheduleReconnect(true);
+      // A channel the service dropped soon after it was made (say, over its connection limit)
+      // does not start the backoff over, so such a service gets at most one attempt a second.
+      if (reconnectsNow())
+        scheduleReconnect(std::chrono::steady_clock::now() - connectedAt > longestReconnectDelay);
     }
     if (invalidated) {
       LogCategory::tether().info("Connection to {} invalidated: {}", path_.native(), detail);
@@ -328,6 +333,7 @@ class ConnectionCore final : public ChannelOwner,
       const std::lock_guard state(mutex_);
       if (state_ != State::invalidated) {
         channel_ = channel;
+        connectedAt_ = std::chrono::steady_clock::now();
         return channel;
       }
     }
@@ -357,6 +363,7 @@ class ConnectionCore final : public ChannelOwner,
   UniqueFd timer_{-1};  // the reconnect timer, made at the first interruption that needs it
   std::uint64_t timerKey_ = 0;
   std::chrono::milliseconds reconnectDelay_ = firstReconnectDelay;
+  std::chrono::steady_clock::time_point connectedAt_;  // of the newest channel
   std::minstd_rand random_{std::random_device{}()};
 };
 
