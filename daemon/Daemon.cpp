@@ -71,6 +71,8 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
   if (auto own = backend_->catalog()) catalog_ = std::move(*own);
   for (auto& record : store_.apps()) engine_.put(std::move(record));
   (void)engine_.takeChanges();
+  // Clients away for longer than the retention are not coming back for their registrations.
+  store_.forgetClientsSeenBefore(secondsNow() - resumableClientRetention.count());
 }
 
 Daemon::~Daemon() {

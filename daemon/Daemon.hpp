@@ -69,6 +69,7 @@ class Daemon {
     bool mayChangeState = false;
     ipc::RemoteProxy proxy;
     std::unordered_set<MessageRegistration> registrations;
+    std::string resumeToken;  // empty: the client cannot come back for its registrations
   };
 
   /// What an operation may do: only callers allowed to change state reach those that change it.
@@ -91,6 +92,12 @@ class Daemon {
   [[nodiscard]] bool mayChangeState(const ipc::PeerCredentials& credentials) const;
   void clientArrived(std::uint64_t id, const ipc::Peer& peer, bool mayChangeState);
   void clientGone(std::uint64_t id);
+  /// The client greeted with `token`: it gets back the registrations remembered for it.
+  void clientResumed(std::uint64_t id, const std::string& token);
+  /// Remembers (or forgets) what a returning client registered, so a later connection of it
+  /// gets it back. Returns false when the store refused.
+  void rememberRegistrations(const Client& client,
+                             const std::vector<MessageRegistration>& registrations, bool add);
 
   // Calls, on the io_context (Daemon.cpp).
   void dispatch(std::uint64_t clientID, const Operation& operation, std::optional<Bytes> argument,

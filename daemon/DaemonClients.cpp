@@ -1,5 +1,7 @@
 #include "Daemon.hpp"
 
+#include <corvane/coding/CodingError.hpp>
+#include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/platform/LogCategory.hpp>
 #include <corvane/push/TetherClientProtocol.hpp>
 #include <corvane/service/ServiceProtocol.hpp>
@@ -35,6 +37,18 @@ bool belongsTo(std::int32_t pid, std::uint32_t gid, unsigned group) {
   return false;
 }
 
+/// A resume token as a log line can hold it: bytes outside printable ASCII escaped.
+std::string printable(std::string_view token) {
+  std::string text;
+  for (const char c : token) {
+    if (c >= 0x20 && c < 0x7F)
+      text += c;
+    else
+      text += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+  }
+  return text;
+}
+
 }  // namespace
 
 void Daemon::accept(ipc::Peer& peer) {
@@ -55,6 +69,9 @@ void Daemon::accept(ipc::Peer& peer) {
   peer.setExportedInterface(ServiceProtocol::interface());
   peer.setRemoteObjectInterface(TetherClientProtocolDescription::interface());
   peer.setExportedObject(std::move(table));
+  peer.setGreetingHandler([this, id](const std::string& token) {
+    asio::post(io_, [this, id, token] { clientResumed(id, token); });
+  });
   peer.setInvalidationHandler([this, id] { asio::post(io_, [this, id] { clientGone(id); }); });
   // Posted before any of its calls can be, so the client is known when they arrive.
   asio::post(io_, [this, id, peer, mayChange] { clientArrived(id, peer, mayChange); });
@@ -81,8 +98,49 @@ void Daemon::clientArrived(std::uint64_t id, const ipc::Peer& peer, bool mayChan
 }
 
 void Daemon::clientGone(std::uint64_t id) {
-  if (clients_.erase(id) > 0) LogCategory::daemon().info("client {} went away", id);
+  const auto found = clients_.find(id);
+  if (found != clients_.end()) {
+    const Client& client = found->second;
+    if (!client.resumeToken.empty()) {
+      try {
+        // Its time away is counted from now.
+        store_.touchClient(client.resumeToken, client.credentials.uid, secondsNow());
+      } catch (const StoreError& e) {
+        LogCategory::daemon().error("cannot mark client {} as gone: {}", id, e.what());
+      }
+    }
+    clients_.erase(found);
+    LogCategory::daemon().info("client {} went away", id);
+  }
   idleSince_ = std::chrono::steady_clock::now();
+}
+
+void Daemon::clientResumed(std::uint64_t id, const std::string& token) {
+  const auto found = clients_.find(id);
+  if (stopped_ || found == clients_.end()) return;
+  Client& client = found->second;
+  client.resumeToken = token;
+  std::vector<MessageRegistration> restored;
+  try {
+    for (const auto& coded : store_.registrationsOf(token, client.credentials.uid)) {
+      try {
+        restored.push_back(std::get<0>(
+            TetherDecoder<MessageRegistration>::decode(Bytes(std::string_view(coded)))));
+      } catch (const CodingError&) {
+        // Written by this daemon, so never expected; one bad row costs only itself.
+        LogCategory::daemon().error("client {}: a remembered registration does not decode", id);
+      }
+    }
+    store_.touchClient(token, client.credentials.uid, secondsNow());
+  } catch (const StoreError& e) {
+    LogCategory::daemon().error("cannot restore the registrations of client {}: {}", id, e.what());
+  }
+  if (restored.empty()) return;
+  // Whatever it missed comes at once, just as for a new registration.
+  for (const auto& registration : restored)
+    if (client.registrations.insert(registration).second) sendCurrentState(client, registration);
+  LogCategory::daemon().info("client {} ({}) resumed with {}", id, printable(token),
+                             description(restored));
 }
 
 }  // namespace corvane::sim

@@ -1,6 +1,7 @@
 #include "Daemon.hpp"
 
 #include <corvane/coding/TetherDecoder.hpp>
+#include <corvane/coding/TetherEncoder.hpp>
 #include <corvane/platform/LogCategory.hpp>
 #include <corvane/push/AppProgress.hpp>
 #include <corvane/push/MessageSending.hpp>
@@ -51,6 +52,33 @@ void Daemon::changeRegistrations(Client& client, const Bytes& argument, bool add
   }
   LogCategory::daemon().info("client {} ({}) {} {}", client.id, boost::uuids::to_string(clientUUID),
                              add ? "registered" : "withdrew", description(registrations));
+  if (!client.resumeToken.empty()) rememberRegistrations(client, registrations, add);
+}
+
+void Daemon::rememberRegistrations(const Client& client,
+                                   const std::vector<MessageRegistration>& registrations,
+                                   bool add) {
+  try {
+    store_.transaction([&] {
+      for (const auto& registration : registrations) {
+        const auto coded = TetherEncoder::encode(registration);
+        const std::string_view text = coded.view();
+        if (!add) {
+          store_.forgetRegistration(client.resumeToken, client.credentials.uid, text);
+        } else if (!store_.rememberRegistration(client.resumeToken, client.credentials.uid, text,
+                                                secondsNow())) {
+          LogCategory::daemon().error(
+              "client {} has {} registrations remembered already; {} is served but not "
+              "remembered",
+              client.id, Store::maxRegistrationsPerClient, description({registration}));
+        }
+      }
+    });
+  } catch (const StoreError& e) {
+    // The registrations are served all the same; only a later return would miss them.
+    LogCategory::daemon().error("cannot remember the registrations of client {}: {}", client.id,
+                                e.what());
+  }
 }
 
 void Daemon::sendCurrentState(Client& client, const MessageRegistration& registration) {

@@ -29,6 +29,19 @@ CREATE TABLE IF NOT EXISTS apps (
   version                TEXT NOT NULL,
   uuid                   TEXT NOT NULL
 );
+CREATE TABLE IF NOT EXISTS resumable_clients (
+  token TEXT NOT NULL,
+  uid   INTEGER NOT NULL,
+  seen  INTEGER NOT NULL,
+  PRIMARY KEY (token, uid)
+);
+CREATE TABLE IF NOT EXISTS resumable_registrations (
+  id           INTEGER PRIMARY KEY AUTOINCREMENT,
+  token        TEXT NOT NULL,
+  uid          INTEGER NOT NULL,
+  registration TEXT NOT NULL,
+  UNIQUE (token, uid, registration)
+);
 CREATE TABLE IF NOT EXISTS history (
   id        INTEGER PRIMARY KEY AUTOINCREMENT,
   bundle_id TEXT NOT NULL,
@@ -217,6 +230,107 @@ void Store::addHistory(std::string_view bundleID, std::string_view event) {
 
 void Store::clearHistory() {
   execute("DELETE FROM history");
+}
+
+namespace {
+
+void bindClient(sqlite3_stmt* statement, std::string_view token, std::uint32_t uid) {
+  bindText(statement, 1, token);
+  sqlite3_bind_int64(statement, 2, uid);
+}
+
+}  // namespace
+
+std::vector<std::string> Store::registrationsOf(std::string_view token, std::uint32_t uid) const {
+  auto query = prepare(
+      "SELECT registration FROM resumable_registrations WHERE token = ?1 AND uid = ?2 ORDER BY id");
+  bindClient(query.get(), token, uid);
+  std::vector<std::string> all;
+  while (sqlite3_step(query.get()) == SQLITE_ROW) all.push_back(columnText(query.get(), 0));
+  return all;
+}
+
+bool Store::rememberRegistration(std::string_view token, std::uint32_t uid,
+                                 std::string_view registration, std::int64_t seen) {
+  auto known = prepare("SELECT count(*) FROM resumable_clients WHERE token = ?1 AND uid = ?2");
+  bindClient(known.get(), token, uid);
+  if (sqlite3_step(known.get()) == SQLITE_ROW && sqlite3_column_int64(known.get(), 0) == 0) {
+    // A new client of this uid: its least recently seen ones beyond the cap make room.
+    auto evict = prepare(
+        "SELECT token FROM resumable_clients WHERE uid = ?2 AND token <> ?1 "
+        "ORDER BY seen DESC LIMIT -1 OFFSET ?3");
+    bindClient(evict.get(), token, uid);
+    sqlite3_bind_int64(evict.get(), 3, maxResumableClientsPerUser - 1);
+    std::vector<std::string> evicted;
+    while (sqlite3_step(evict.get()) == SQLITE_ROW) evicted.push_back(columnText(evict.get(), 0));
+    for (const auto& old : evicted) {
+      for (const char* sql : {"DELETE FROM resumable_registrations WHERE token = ?1 AND uid = ?2",
+                              "DELETE FROM resumable_clients WHERE token = ?1 AND uid = ?2"}) {
+        auto statement = prepare(sql);
+        bindClient(statement.get(), old, uid);
+        if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("forget a client");
+      }
+    }
+  }
+  auto count =
+      prepare("SELECT count(*) FROM resumable_registrations WHERE token = ?1 AND uid = ?2");
+  bindClient(count.get(), token, uid);
+  if (sqlite3_step(count.get()) == SQLITE_ROW
+      && sqlite3_column_int64(count.get(), 0) >= maxRegistrationsPerClient)
+    return false;
+  auto insert = prepare(
+      "INSERT OR IGNORE INTO resumable_registrations (token, uid, registration) "
+      "VALUES (?1, ?2, ?3)");
+  bindClient(insert.get(), token, uid);
+  bindText(insert.get(), 3, registration);
+  if (sqlite3_step(insert.get()) != SQLITE_DONE) fail("remember a registration");
+  auto client = prepare(
+      "INSERT INTO resumable_clients (token, uid, seen) VALUES (?1, ?2, ?3) "
+      "ON CONFLICT(token, uid) DO UPDATE SET seen = excluded.seen");
+  bindClient(client.get(), token, uid);
+  sqlite3_bind_int64(client.get(), 3, seen);
+  if (sqlite3_step(client.get()) != SQLITE_DONE) fail("remember a client");
+  return true;
+}
+
+void Store::forgetRegistration(std::string_view token, std::uint32_t uid,
+                               std::string_view registration) {
+  auto statement = prepare(
+      "DELETE FROM resumable_registrations WHERE token = ?1 AND uid = ?2 AND registration = ?3");
+  bindClient(statement.get(), token, uid);
+  bindText(statement.get(), 3, registration);
+  if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("forget a registration");
+  // A client with nothing left to give back is not remembered either.
+  auto client = prepare(
+      "DELETE FROM resumable_clients WHERE token = ?1 AND uid = ?2 AND NOT EXISTS "
+      "(SELECT 1 FROM resumable_registrations WHERE token = ?1 AND uid = ?2)");
+  bindClient(client.get(), token, uid);
+  if (sqlite3_step(client.get()) != SQLITE_DONE) fail("forget a client");
+}
+
+void Store::touchClient(std::string_view token, std::uint32_t uid, std::int64_t seen) {
+  auto statement = prepare("UPDATE resumable_clients SET seen = ?3 WHERE token = ?1 AND uid = ?2");
+  bindClient(statement.get(), token, uid);
+  sqlite3_bind_int64(statement.get(), 3, seen);
+  if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("mark a client seen");
+}
+
+std::int64_t Store::forgetClientsSeenBefore(std::int64_t cutoff) {
+  auto registrations = prepare(
+      "DELETE FROM resumable_registrations WHERE (token, uid) IN "
+      "(SELECT token, uid FROM resumable_clients WHERE seen < ?1)");
+  sqlite3_bind_int64(registrations.get(), 1, cutoff);
+  if (sqlite3_step(registrations.get()) != SQLITE_DONE) fail("forget old registrations");
+  const auto forgotten = sqlite3_changes64(db_.get());
+  auto clients = prepare("DELETE FROM resumable_clients WHERE seen < ?1");
+  sqlite3_bind_int64(clients.get(), 1, cutoff);
+  if (sqlite3_step(clients.get()) != SQLITE_DONE) fail("forget old clients");
+  return forgotten;
+}
+
+std::int64_t Store::rememberedRegistrations() const {
+  auto query = prepare("SELECT count(*) FROM resumable_registrations");
+  return sqlite3_step(query.get()) == SQLITE_ROW ? sqlite3_column_int64(query.get(), 0) : 0;
 }
 
 }  // namespace corvane::sim

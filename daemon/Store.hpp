@@ -2,6 +2,7 @@
 
 #include "AppRecord.hpp"
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -13,6 +14,16 @@
 
 namespace corvane::sim {
 
+/// How long the registrations of a client that went away are remembered for its return.
+inline constexpr std::chrono::hours resumableClientRetention{24};
+
+/// Seconds since the epoch: when a returning client was last seen.
+[[nodiscard]] inline std::int64_t secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
 /// A database failure: what was being done and SQLite's own message.
 class StoreError : public std::runtime_error {
  public:
@@ -20,15 +31,22 @@ class StoreError : public std::runtime_error {
 };
 
 /// The daemon's durable state in SQLite: declarations (in their coded form), the apps it looks
-/// after, and the install history. Each change is one transaction committed with a full sync
-/// before the call returns, so a change the daemon has acknowledged survives a SIGKILL or a power
-/// cut. The schema carries its version (PRAGMA user_version); a database of a newer version is
-/// refused rather than misread.
+/// after, the install history and the registrations of clients that may come back. Each change is
+/// one transaction committed with a full sync before the call returns, so a change the daemon has
+/// acknowledged survives a SIGKILL or a power cut. The schema carries its version (PRAGMA
+/// user_version); a database of a newer version is refused rather than misread.
 ///
 /// Not thread-safe: one owner uses it.
 class Store {
  public:
-  static constexpr int schemaVersion = 1;
+  static constexpr int schemaVersion = 2;
+
+  /// How many returning clients one uid may have remembered; its least recently seen one is
+  /// forgotten to make room for another.
+  static constexpr std::int64_t maxResumableClientsPerUser = 32;
+  /// How many registrations one returning client may have remembered; further ones are served
+  /// but not remembered.
+  static constexpr std::int64_t maxRegistrationsPerClient = 256;
 
   /// A stored declaration: its identifier, key and coded document.
   struct Declaration {
@@ -51,6 +69,27 @@ class Store {
   void removeApp(std::string_view bundleID);
   void addHistory(std::string_view bundleID, std::string_view event);
   void clearHistory();
+
+  // Registrations of returning clients, by resume token and uid: a client gets back only what
+  // it registered under its own uid. `registration` is its coded form. "Seen" is seconds since
+  // the epoch.
+
+  /// The registrations remembered for `token` of `uid`, in the order they were made.
+  [[nodiscard]] std::vector<std::string> registrationsOf(std::string_view token,
+                                                         std::uint32_t uid) const;
+  /// Remembers a registration (no-op when remembered already) and marks the client seen at
+  /// `seen`. Returns false, remembering nothing, when the client has `maxRegistrationsPerClient`
+  /// already. A client new to its uid forgets the uid's least recently seen one beyond
+  /// `maxResumableClientsPerUser`.
+  bool rememberRegistration(std::string_view token, std::uint32_t uid,
+                            std::string_view registration, std::int64_t seen);
+  void forgetRegistration(std::string_view token, std::uint32_t uid, std::string_view registration);
+  /// Marks a client with remembered registrations as seen at `seen`.
+  void touchClient(std::string_view token, std::uint32_t uid, std::int64_t seen);
+  /// Forgets every client last seen before `cutoff`; returns how many registrations went.
+  std::int64_t forgetClientsSeenBefore(std::int64_t cutoff);
+  /// How many registrations are remembered, over all clients.
+  [[nodiscard]] std::int64_t rememberedRegistrations() const;
 
   /// Runs `body` as one transaction: every change in it is committed together, or none.
   template <class Body>

@@ -7,11 +7,16 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <limits>
+#include <random>
 #include <stdexcept>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -51,7 +56,16 @@ class UniqueFd {
   }
   UniqueFd(const UniqueFd&) = delete;
   UniqueFd& operator=(const UniqueFd&) = delete;
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+      if (fd_ >= 0) ::close(fd_);
+      fd_ = other.release();
+    }
+    return *this;
+  }
   [[nodiscard]] int get() const noexcept { return fd_; }
+  [[nodiscard]] bool valid() const noexcept { return fd_ >= 0; }
   int release() noexcept { return std::exchange(fd_, -1); }
 
  private:
@@ -64,9 +78,16 @@ std::string systemMessage(int error) {
 
 }  // namespace
 
-/// The state behind a Connection; proxies keep it alive, the Connection owns its threads.
+/// First and longest wait between the attempts of a connection that reconnects by itself.
+constexpr std::chrono::milliseconds firstReconnectDelay{50};
+constexpr std::chrono::milliseconds longestReconnectDelay{1000};
+
+/// The state behind a Connection; proxies keep it alive, the Connection owns its threads. It
+/// watches its reconnect timer (a timerfd) in the runtime's epoll set, so a service that stays
+/// away costs one wake-up per attempt and no thread of its own.
 class ConnectionCore final : public ChannelOwner,
                              public ProxyTarget,
+                             public Watcher,
                              public std::enable_shared_from_this<ConnectionCore> {
  public:
   ConnectionCore(std::filesystem::path path, ConnectionOptions options)
@@ -105,7 +126,34 @@ class ConnectionCore final : public ChannelOwner,
 
   void shutdown() {
     invalidate("the connection was destroyed");
+    {
+      const std::lock_guard state(mutex_);
+      if (timerKey_ != 0) runtime_->unwatch(timer_.get(), timerKey_);
+      timerKey_ = 0;
+    }
     runtime_->stop();
+  }
+
+  // The reconnect timer fired (on a worker).
+  void ready(std::uint64_t /*key*/, std::uint32_t /*events*/) override {
+    std::uint64_t expirations = 0;
+    while (::read(timer_.get(), &expirations, sizeof expirations) < 0 && errno == EINTR) {
+    }
+    {
+      const std::lock_guard state(mutex_);
+      if (state_ != State::resumed) return;
+    }
+    std::optional<CallError> error;
+    try {
+      if (connectIfNeeded(error) || !error) return;
+    } catch (const std::exception& e) {
+      error.emplace(ConnectionError::connectFailed, e.what());
+    }
+    if (error->is(ConnectionError::connectFailed)) {
+      LogCategory::tether().debug("Reconnecting to {} failed: {}", path_.native(),
+                                  error->description());
+      scheduleReconnect(false);
+    }
   }
 
   RemoteProxy proxy(ErrorHandler errorHandler, bool synchronous) {
@@ -132,10 +180,12 @@ class ConnectionCore final : public ChannelOwner,
     bool interrupted = false;
     bool invalidated = false;
     std::function<void()> interruptionHandler;
+    std::chrono::steady_clock::time_point connectedAt;
     {
       const std::lock_guard state(mutex_);
       if (channel_ != channel) return;  // an older channel, or invalidate() took it already
       channel_.reset();
+      connectedAt = connectedAt_;
       if (reason == CloseReason::peerLost) {
         interrupted = state_ == State::resumed;
         interruptionHandler = interruptionHandler_;
@@ -147,6 +197,10 @@ class ConnectionCore final : public ChannelOwner,
     if (interrupted) {
       LogCategory::tether().info("Connection to {} interrupted: {}", path_.native(), detail);
       if (interruptionHandler) runUserCode("interruption handler", interruptionHandler);
+      // A channel the service dropped soon after it was made (say, over its connection limit)
+      // does not start the backoff over, so such a service gets at most one attempt a second.
+      if (reconnectsNow())
+        scheduleReconnect(std::chrono::steady_clock::now() - connectedAt > longestReconnectDelay);
     }
     if (invalidated) {
       LogCategory::tether().info("Connection to {} invalidated: {}", path_.native(), detail);
@@ -185,7 +239,54 @@ class ConnectionCore final : public ChannelOwner,
     // One connect at a time; whoever comes second uses the first one's channel.
     const std::lock_guard connecting(connectMutex_);
     if (auto channel = currentChannel(outgoing, error); channel || error) return channel;
+    return connectLocked(error);
+  }
 
+  /// The reconnect timer's way in: connects unless a channel is open already. Returns the new
+  /// channel, or nothing (with `error` set when the connect failed).
+  std::shared_ptr<Channel> connectIfNeeded(std::optional<CallError>& error) {
+    const std::lock_guard connecting(connectMutex_);
+    {
+      const std::lock_guard state(mutex_);
+      if (state_ != State::resumed || (channel_ && channel_->isOpen())) return nullptr;
+    }
+    return connectLocked(error);
+  }
+
+  /// Whether an interruption makes this connection reconnect by itself.
+  bool reconnectsNow() {
+    const std::lock_guard state(mutex_);
+    return options_.reconnects && exportedObject_ && state_ == State::resumed;
+  }
+
+  /// Arms the reconnect timer: after the first delay when `first`, else after twice the last one
+  /// (at most the longest), each less a random part of up to a quarter so that many clients
+  /// of one restarted service do not all come back at the same moment.
+  void scheduleReconnect(bool first) {
+    const std::lock_guard state(mutex_);
+    if (state_ != State::resumed) return;
+    if (!timer_.valid()) {
+      timer_ = UniqueFd(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+      if (!timer_.valid()) {
+        LogCategory::tether().error("Cannot reconnect to {} by itself: timerfd: {}", path_.native(),
+                                    systemMessage(errno));
+        return;
+      }
+      timerKey_ = runtime_->watch(timer_.get(), shared_from_this());
+    }
+    reconnectDelay_ =
+        first ? firstReconnectDelay : std::min(reconnectDelay_ * 2, longestReconnectDelay);
+    std::uniform_int_distribution<std::int64_t> jitter(0, reconnectDelay_.count() / 4);
+    const auto delay = reconnectDelay_ - std::chrono::milliseconds(jitter(random_));
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(delay.count() / 1000);
+    when.it_value.tv_nsec = static_cast<long>((delay.count() % 1000) * 1'000'000);
+    ::timerfd_settime(timer_.get(), 0, &when, nullptr);
+    runtime_->arm(timer_.get(), timerKey_, EPOLLIN);
+  }
+
+  /// Connects a new channel; `connectMutex_` is held.
+  std::shared_ptr<Channel> connectLocked(std::optional<CallError>& error) {
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
       error.emplace(ConnectionError::connectFailed, "socket: " + systemMessage(errno));
@@ -218,8 +319,9 @@ class ConnectionCore final : public ChannelOwner,
       }
     }
 
-    auto channel = std::make_shared<Channel>(runtime_, fd.release(), Role::client, SessionLimits{},
-                                             nullptr, delivery_, weak_from_this());
+    auto channel =
+        std::make_shared<Channel>(runtime_, fd.release(), Role::client, SessionLimits{}, nullptr,
+                                  delivery_, weak_from_this(), options_.resumeToken);
     {
       const std::lock_guard state(mutex_);
       channel->setExportedInterface(exportedInterface_);
@@ -231,6 +333,7 @@ class ConnectionCore final : public ChannelOwner,
       const std::lock_guard state(mutex_);
       if (state_ != State::invalidated) {
         channel_ = channel;
+        connectedAt_ = std::chrono::steady_clock::now();
         return channel;
       }
     }
@@ -257,6 +360,11 @@ class ConnectionCore final : public ChannelOwner,
   std::mutex connectMutex_;
   State state_ = State::idle;
   std::shared_ptr<Channel> channel_;
+  UniqueFd timer_{-1};  // the reconnect timer, made at the first interruption that needs it
+  std::uint64_t timerKey_ = 0;
+  std::chrono::milliseconds reconnectDelay_ = firstReconnectDelay;
+  std::chrono::steady_clock::time_point connectedAt_;  // of the newest channel
+  std::minstd_rand random_{std::random_device{}()};
 };
 
 }  // namespace detail

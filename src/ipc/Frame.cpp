@@ -1,6 +1,9 @@
 #include <corvane/ipc/Frame.hpp>
 
+#include <boost/json/parse.hpp>
+
 #include <stdexcept>
+#include <string>
 
 namespace corvane::ipc {
 
@@ -13,7 +16,50 @@ void putBigEndian(std::byte* out, std::uint64_t value, std::size_t width) noexce
   }
 }
 
+constexpr std::string_view hexDigits = "0123456789abcdef";
+
+int hexValue(char digit) noexcept {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  return -1;
+}
+
 }  // namespace
+
+std::string helloPayloadWith(std::string_view resumeToken) {
+  if (resumeToken.empty()) return std::string(helloPayload);
+  if (resumeToken.size() > maxResumeTokenSize)
+    throw std::invalid_argument("resume token longer than " + std::to_string(maxResumeTokenSize)
+                                + " bytes");
+  // Hex keeps the token opaque: any bytes, and the payload stays plain ASCII JSON.
+  std::string payload = R"({"protocol":1,"resume":")";
+  for (const char c : resumeToken) {
+    const auto byte = static_cast<unsigned char>(c);
+    payload += hexDigits[byte >> 4U];
+    payload += hexDigits[byte & 0xFU];
+  }
+  payload += "\"}";
+  return payload;
+}
+
+std::string resumeTokenOf(std::string_view hello) {
+  boost::system::error_code error;
+  const auto document = boost::json::parse(hello, error);
+  if (error || !document.is_object()) return {};
+  const auto* field = document.as_object().if_contains("resume");
+  if (field == nullptr || !field->is_string()) return {};
+  const auto& hex = field->as_string();
+  if (hex.size() % 2 != 0 || hex.size() > 2 * maxResumeTokenSize) return {};
+  std::string token;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    const int high = hexValue(hex[i]);
+    const int low = hexValue(hex[i + 1]);
+    if (high < 0 || low < 0) return {};
+    token += static_cast<char>((high << 4) | low);
+  }
+  return token;
+}
 
 std::string_view toString(FrameKind kind) noexcept {
   switch (kind) {

@@ -491,6 +491,10 @@ void Peer::setRemoteObjectInterface(InterfaceDescription interface) {
   channel_->setRemoteInterface(std::move(interface));
 }
 
+void Peer::setGreetingHandler(std::function<void(const std::string& resumeToken)> handler) {
+  channel_->setGreetingHandler(std::move(handler));
+}
+
 void Peer::setInvalidationHandler(std::function<void()> handler) {
   channel_->setCloseHandler(std::move(handler));
 }

@@ -16,6 +16,9 @@ namespace service::detail {
 /// The push hub that the connection exports. Defined by the push layer above this one, so that
 /// the includes keep pointing down while the link brings the hub in with the connection.
 std::shared_ptr<ipc::ExportedObject> pushHub();
+/// The hub's client identifier in text form: the connection's resume token, so that the daemon
+/// gives the hub back its registrations when the connection comes back after a loss.
+std::string pushHubResumeToken();
 /// The observers of a connection's losses, shared with the observations that remove them.
 struct LossObservers {
   std::mutex mutex;
@@ -67,6 +70,10 @@ ipc::ConnectionOptions connectionOptions(const std::filesystem::path& runtimeDir
       options.runtimeDirectory.lexically_normal() == std::filesystem::path(systemRuntimeDirectory);
   options.requiredServiceUid = system ? 0U : static_cast<std::uint32_t>(::getuid());
   options.rootServiceTrusted = true;
+  // The hub never asks again for what it registered; the connection comes back by itself and
+  // names the hub, and the daemon restores its registrations and sends what it missed.
+  options.resumeToken = service::detail::pushHubResumeToken();
+  options.reconnects = true;
   return options;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <corvane/ipc/ExportedObject.hpp>
+#include <corvane/ipc/Frame.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
 #include <corvane/ipc/RemoteProxy.hpp>
 
@@ -36,6 +37,14 @@ struct ConnectionOptions {
   std::optional<std::uint32_t> requiredServiceUid;
   /// With `requiredServiceUid`: a service running as root is trusted as well.
   bool rootServiceTrusted = false;
+  /// Opaque bytes (at most `maxResumeTokenSize`) sent in every HELLO, so that the service can
+  /// tell a returning client and give back what it had; empty = none (the HELLO has no token).
+  std::string resumeToken{};
+  /// While an exported object is set, reconnect by itself after an interruption, without waiting
+  /// for the next message: attempts 50 ms apart at first, the delay doubling (with jitter) up to
+  /// 1 s while the service stays away, until one succeeds or the connection is invalidated or
+  /// destroyed. The interruption handler still runs once per lost connection.
+  bool reconnects = false;
 };
 
 /// A client connection to a named service over a Unix-domain socket.
@@ -44,7 +53,8 @@ struct ConnectionOptions {
 /// is connected lazily by the first message after `resume`; a connect that fails fails that
 /// message only, and the next message tries again. If the service goes away while connected, every
 /// call in flight fails with `interrupted`, the interruption handler runs once, and the next
-/// message reconnects. `invalidate()`, a HELLO that does not match, a service that breaks the
+/// message reconnects (or, with `ConnectionOptions::reconnects`, the connection does so by itself).
+/// `invalidate()`, a HELLO that does not match, a service that breaks the
 /// protocol or one with the wrong uid invalidate the connection for good: calls in flight and all
 /// later calls fail with `invalidated`, and the invalidation handler runs once.
 ///

@@ -29,6 +29,16 @@ inline constexpr std::uint8_t payloadPresentFlag = 0x01;
 /// The protocol version this library speaks, and the payload of its HELLO.
 inline constexpr std::int64_t protocolVersion = 1;
 inline constexpr std::string_view helloPayload = R"({"protocol":1})";
+/// Longest resume token a HELLO may carry (bytes, before hex coding); a longer one is ignored.
+inline constexpr std::size_t maxResumeTokenSize = 128;
+
+/// A client's HELLO payload: the protocol version and, when `resumeToken` is not empty, the token
+/// as lower-case hex under "resume". Throws std::invalid_argument for a token longer than
+/// `maxResumeTokenSize`.
+[[nodiscard]] std::string helloPayloadWith(std::string_view resumeToken);
+/// The resume token of a HELLO payload: empty when there is none, or when it is not a string of
+/// hex digit pairs of at most `maxResumeTokenSize` bytes.
+[[nodiscard]] std::string resumeTokenOf(std::string_view hello);
 
 /// One decoded (or to be encoded) frame.
 struct Frame {

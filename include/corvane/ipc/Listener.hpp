@@ -38,6 +38,10 @@ class Peer {
   void setExportedObject(std::shared_ptr<ExportedObject> object);
   /// The interface of the client's exported object, checked by proxies made afterwards.
   void setRemoteObjectInterface(InterfaceDescription interface);
+  /// Runs on this peer's delivery executor when the client's greeting carries a resume token
+  /// (opaque bytes, at most `maxResumeTokenSize`), ahead of the client's first call. A client
+  /// without one never calls it.
+  void setGreetingHandler(std::function<void(const std::string& resumeToken)> handler);
   /// Runs once on this peer's delivery executor when this connection ends, for whatever reason.
   void setInvalidationHandler(std::function<void()> handler);
 

@@ -129,14 +129,14 @@ void refuse(Outgoing& outgoing, CallError error, const DeliveryExecutor& deliver
 
 Channel::Channel(std::shared_ptr<Runtime> runtime, int fd, Role role, SessionLimits limits,
                  std::shared_ptr<ReceiveBudget> budget, DeliveryExecutor delivery,
-                 std::weak_ptr<ChannelOwner> owner)
+                 std::weak_ptr<ChannelOwner> owner, std::string_view resumeToken)
     : runtime_(std::move(runtime)),
       fd_(fd),
       writeFd_(duplicate(fd)),
       credentials_(peerCredentials(fd)),
       delivery_(std::move(delivery)),
       owner_(std::move(owner)),
-      session_(role, limits, std::move(budget)) {
+      session_(role, limits, std::move(budget), resumeToken) {
   // Blocking, for a synchronous caller's recv(2) (see the class comment).
   ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
 }
@@ -248,9 +248,9 @@ void Channel::afterSessionLocked(bool flushNow) {
       ++deliveriesQueued_;
       return false;
     }
-    auto& completed = std::get<Completed>(event);
-    if (!completed.synchronous) return false;
-    completed.completion(std::move(completed.result));  // fills the caller's slot
+    auto* completed = std::get_if<Completed>(&event);
+    if (completed == nullptr || !completed->synchronous) return false;
+    completed->completion(std::move(completed->result));  // fills the caller's slot
     return true;
   });
   if (!events.empty()) {
@@ -402,9 +402,10 @@ void Channel::deliver(std::vector<SessionEvent>& events) {
   for (auto& event : events) {
     if (auto* frame = std::get_if<Frame>(&event)) {
       dispatch(std::move(*frame));
+    } else if (auto* completed = std::get_if<Completed>(&event)) {
+      runUserCode("completion", [&] { completed->completion(std::move(completed->result)); });
     } else {
-      auto& completed = std::get<Completed>(event);
-      runUserCode("completion", [&] { completed.completion(std::move(completed.result)); });
+      greeted(std::get<Greeted>(event).resumeToken);
     }
   }
 }
@@ -442,6 +443,15 @@ void Channel::dispatch(Frame frame) {
     session_.messageHandled();
     afterSessionLocked();
   }
+}
+
+void Channel::greeted(const std::string& resumeToken) {
+  std::function<void(const std::string&)> handler;
+  {
+    const std::lock_guard state(mutex_);
+    handler = greetingHandler_;
+  }
+  if (handler) runUserCode("greeting handler", [&] { handler(resumeToken); });
 }
 
 // ---- closing ---------------------------------------------------------------------------------
@@ -501,6 +511,11 @@ void Channel::setRemoteInterface(std::optional<InterfaceDescription> interface) 
 std::shared_ptr<const InterfaceDescription> Channel::remoteInterface() const {
   const std::lock_guard state(mutex_);
   return remoteInterface_;
+}
+
+void Channel::setGreetingHandler(std::function<void(const std::string&)> handler) {
+  const std::lock_guard state(mutex_);
+  greetingHandler_ = std::move(handler);
 }
 
 void Channel::setCloseHandler(std::function<void()> handler) {

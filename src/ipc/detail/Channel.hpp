@@ -54,10 +54,11 @@ class ChannelOwner {
 /// it.
 class Channel final : public Watcher, public std::enable_shared_from_this<Channel> {
  public:
-  /// Takes ownership of `fd` (a connected AF_UNIX stream socket).
+  /// Takes ownership of `fd` (a connected AF_UNIX stream socket). A client's HELLO carries
+  /// `resumeToken` when it is not empty.
   Channel(std::shared_ptr<Runtime> runtime, int fd, Role role, SessionLimits limits,
           std::shared_ptr<ReceiveBudget> budget, DeliveryExecutor delivery,
-          std::weak_ptr<ChannelOwner> owner);
+          std::weak_ptr<ChannelOwner> owner, std::string_view resumeToken = {});
   ~Channel() override;
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
@@ -81,6 +82,8 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   void setExportedObject(std::shared_ptr<ExportedObject> object);
   void setRemoteInterface(std::optional<InterfaceDescription> interface);
   [[nodiscard]] std::shared_ptr<const InterfaceDescription> remoteInterface() const;
+  /// Runs on the delivery executor when a client greets with a resume token, ahead of its calls.
+  void setGreetingHandler(std::function<void(const std::string&)> handler);
   /// Runs once on the delivery executor when the channel closes (at once if it has closed).
   void setCloseHandler(std::function<void()> handler);
 
@@ -104,6 +107,7 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   /// Runs a batch of events on the delivery executor, in order.
   void deliver(std::vector<SessionEvent>& events);
   void dispatch(Frame frame);
+  void greeted(const std::string& resumeToken);
 
   const std::shared_ptr<Runtime> runtime_;
   const int fd_;
@@ -127,6 +131,7 @@ class Channel final : public Watcher, public std::enable_shared_from_this<Channe
   std::shared_ptr<ExportedObject> exportedObject_;
   std::shared_ptr<const InterfaceDescription> remoteInterface_;
   std::function<void()> closeHandler_;
+  std::function<void(const std::string&)> greetingHandler_;
 };
 
 }  // namespace corvane::ipc::detail

@@ -66,10 +66,12 @@ CallError Session::closeError(CloseReason reason, const std::string& detail) {
   return {ConnectionError::invalidated, detail};
 }
 
-Session::Session(Role role, SessionLimits limits, std::shared_ptr<ReceiveBudget> budget)
+Session::Session(Role role, SessionLimits limits, std::shared_ptr<ReceiveBudget> budget,
+                 std::string_view resumeToken)
     : role_(role), limits_(limits), budget_(std::move(budget)), outputHeld_(role == Role::service) {
   // A client speaks first; whatever its callers queue goes out behind the HELLO.
-  if (role_ == Role::client) queueFrame(FrameKind::hello, 0, {}, Bytes(helloPayload));
+  if (role_ == Role::client)
+    queueFrame(FrameKind::hello, 0, {}, Bytes(std::string_view(helloPayloadWith(resumeToken))));
 }
 
 Session::~Session() {
@@ -355,6 +357,8 @@ void Session::handleHello(Frame& frame) {
     if (role_ == Role::service) {
       queueFrame(FrameKind::hello, 0, {}, Bytes(helloPayload));
       outputHeld_ = false;
+      if (auto token = resumeTokenOf(frame.payload->view()); !token.empty())
+        events_.emplace_back(Greeted{std::move(token)});
     }
     return;
   }

@@ -70,9 +70,16 @@ struct Completed {
   bool synchronous = false;
 };
 
+/// A service's client greeted with a resume token: it wants back what it had before it lost an
+/// earlier connection. Comes ahead of the client's first call.
+struct Greeted {
+  std::string resumeToken;
+};
+
 /// What the session asks its owner to do with the bytes it read: dispatch an incoming CALL or
-/// MESSAGE (a `Frame`), or complete one of our calls. In the order the frames arrived.
-using SessionEvent = std::variant<Frame, Completed>;
+/// MESSAGE (a `Frame`), complete one of our calls, or tell of a resuming greeting. In the order
+/// the frames arrived.
+using SessionEvent = std::variant<Frame, Completed, Greeted>;
 
 /// The wire protocol of one connection, without sockets or threads: bytes and events go in,
 /// bytes to write and events to act on come out. It holds every rule of the protocol: the HELLO
@@ -83,7 +90,9 @@ using SessionEvent = std::variant<Frame, Completed>;
 /// Not thread-safe: its owner serialises every call (the channel does so under its mutex).
 class Session {
  public:
-  Session(Role role, SessionLimits limits, std::shared_ptr<ReceiveBudget> budget = nullptr);
+  /// A client's HELLO carries `resumeToken` when it is not empty (see `helloPayloadWith`).
+  Session(Role role, SessionLimits limits, std::shared_ptr<ReceiveBudget> budget = nullptr,
+          std::string_view resumeToken = {});
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;

@@ -312,6 +312,42 @@ TEST(SessionHello, TheVersionMustBeTheIntegerOne) {
   EXPECT_FALSE(isSupportedHello(std::nullopt));
 }
 
+TEST(SessionHello, AResumeTokenTravelsAsOpaqueBytesAndOnlyAWellFormedOneCounts) {
+  const std::string token("a\0\xff/\"z", 6);
+  Session client(Role::client, {}, nullptr, token);
+  const Wire hello = drain(client);
+  // A service that knows nothing of tokens still takes the HELLO.
+  ASSERT_EQ(framesIn(hello).size(), 1U);
+  Session service(Role::service, {});
+  feed(service, hello);
+  std::vector<SessionEvent> events;
+  service.takeEvents(events);
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(std::get<Greeted>(events.front()).resumeToken, token);
+
+  // Without a token the HELLO is the plain one and the service hears of no greeting.
+  Session plain(Role::client, {});
+  EXPECT_EQ(drain(plain), helloFrame());
+  Session other(Role::service, {});
+  feed(other, helloFrame());
+  events.clear();
+  other.takeEvents(events);
+  EXPECT_THAT(events, IsEmpty());
+
+  const std::string longest(maxResumeTokenSize, 'x');
+  EXPECT_EQ(resumeTokenOf(helloPayloadWith(longest)), longest);
+  EXPECT_THROW((void)helloPayloadWith(longest + "x"), std::invalid_argument);
+  const std::string tooLong =
+      R"({"protocol":1,"resume":")" + std::string(2 * maxResumeTokenSize + 2, 'a') + R"("})";
+  for (const std::string_view ignored :
+       {std::string_view(R"({"protocol":1,"resume":"abc"})"),
+        std::string_view(R"({"protocol":1,"resume":"zz"})"),
+        std::string_view(R"({"protocol":1,"resume":12})"), std::string_view(R"({"protocol":1})"),
+        std::string_view(tooLong)}) {
+    EXPECT_EQ(resumeTokenOf(ignored), "") << ignored;
+  }
+}
+
 // ---- frames that break the protocol -------------------------------------------------------------
 
 struct ViolationCase {
