@@ -9,17 +9,32 @@
 #include <boost/asio/use_future.hpp>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <variant>
+#include <vector>
 
 namespace corvane::testing {
 
 /// How long a test waits for anything the daemon does.
 inline constexpr std::chrono::seconds bound{30};
+
+/// Item identifier of Notes in the daemon's built-in sample catalogue.
+inline constexpr std::int64_t notesItem = 1000000001;
+
+/// How many times `part` occurs in `text` (log lines counted in a daemon's output).
+inline std::size_t occurrences(std::string_view text, std::string_view part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
+    ++count;
+  return count;
+}
 
 inline ManagedAppDeclaration declaration(
     const std::string& identifier, StoreAppIdentifier app,
@@ -92,6 +107,20 @@ bool readUntil(Stream& stream, Done&& done) {
     if (!value) return false;
     if (done(*value)) return true;
   }
+}
+
+/// The first entry of the first non-empty catalogue `catalog` delivers; empty when none came
+/// within the bound.
+template <class Stream>
+std::optional<ManagedApp> firstCatalogEntry(Stream& catalog) {
+  std::optional<ManagedApp> entry;
+  (void)readUntil(catalog, [&](const auto& result) {
+    const auto* apps = std::get_if<std::vector<ManagedApp>>(&result);
+    if (apps == nullptr || apps->empty()) return false;
+    entry = apps->front();
+    return true;
+  });
+  return entry;
 }
 
 }  // namespace corvane::testing

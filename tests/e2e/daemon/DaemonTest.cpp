@@ -40,7 +40,6 @@ using namespace std::chrono_literals;
 using State = ManagedAppStatus::State;
 using Reason = ManagedAppStatus::Reason;
 
-constexpr std::int64_t notesItem = 1000000001;
 constexpr std::int64_t weatherItem = 1000000002;
 constexpr std::string_view notesBundle = "dev.corvane.sample.notes";
 constexpr std::string_view weatherBundle = "dev.corvane.sample.weather";
@@ -66,13 +65,6 @@ std::string reported() {
          + " keys: "
          + boost::json::serialize(
              coding::encode(DDMDeclarationKeysRequest{}.performSynchronously()));
-}
-
-std::size_t occurrences(std::string_view text, std::string_view part) {
-  std::size_t count = 0;
-  for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
-    ++count;
-  return count;
 }
 
 class Daemon : public ::testing::Test {
@@ -156,13 +148,8 @@ TEST_F(Daemon, OnDemandAppsWaitForACatalogueInstallAndCancelAndRemoveWork) {
   start({"--tick-ms", "60000"});
   auto catalog = ManagedAppLibrary::shared().managedApps();
   declare("D-notes", StoreAppIdentifier::itemID(notesItem), InstallTimingEnum::onDemand);
-  std::optional<ManagedApp> entry;
-  ASSERT_TRUE(readUntil(catalog, [&](const CatalogResult& result) {
-    const auto* apps = std::get_if<std::vector<ManagedApp>>(&result);
-    if (apps == nullptr || apps->empty()) return false;
-    entry = apps->front();
-    return true;
-  }));
+  std::optional<ManagedApp> entry = firstCatalogEntry(catalog);
+  ASSERT_TRUE(entry.has_value());
   EXPECT_EQ(entry->declarationIdentifier(), "D-notes");
   EXPECT_EQ(entry->bundleID(), notesBundle);
   EXPECT_EQ(statusOf("D-notes")->state, State::optional);

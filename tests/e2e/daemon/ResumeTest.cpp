@@ -22,15 +22,6 @@ namespace {
 
 namespace asio = boost::asio;
 
-constexpr std::int64_t notesItem = 1000000001;
-
-std::size_t occurrences(std::string_view text, std::string_view part) {
-  std::size_t count = 0;
-  for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
-    ++count;
-  return count;
-}
-
 struct Restart {
   std::string_view name;
   bool kill;  // SIGKILL, else SIGTERM
@@ -57,13 +48,8 @@ TEST_P(Resume, StreamsDeliverAgainAfterARestartWithoutASecondRegistration) {
                        {"--tick-ms", "5", "--state", (runtime_.path() / "state.db").native()});
   declare("D-notes", StoreAppIdentifier::itemID(notesItem), InstallTimingEnum::onDemand);
   auto catalog = ManagedAppLibrary::shared().managedApps();
-  std::optional<ManagedApp> entry;
-  ASSERT_TRUE(readUntil(catalog, [&](const CatalogResult& result) {
-    const auto* apps = std::get_if<std::vector<ManagedApp>>(&result);
-    if (apps == nullptr || apps->empty()) return false;
-    entry = apps->front();
-    return true;
-  }));
+  std::optional<ManagedApp> entry = firstCatalogEntry(catalog);
+  ASSERT_TRUE(entry.has_value());
   auto states = entry->stateUpdates();
   ASSERT_TRUE(nextWithin(states).has_value());
   auto progress = ManagedAppLibrary::shared().progressUpdates();
