@@ -244,13 +244,18 @@ void Daemon::advance(bool tick) {
     engine_.update();
   const bool catalogChanged = takeCatalog();
   // Declared apps follow their declaration's update behaviour, which is always to update
-  // automatically: a newer build found for one is installed at once.
-  for (const auto& record : engine_.records()) {
-    if (record.phase == Phase::managed && declarations_.contains(record.declarationIdentifier)
+  // automatically: a newer build found for one in this step is installed at once. Only this
+  // step's changes are looked at, not every app on every tick.
+  std::vector<std::string> updatable;
+  for (const auto& change : engine_.changes()) {
+    const auto& record = change.record;
+    if (!change.removed && record.phase == Phase::managed
+        && declarations_.contains(record.declarationIdentifier)
         && std::ranges::find(record.reasons, ManagedAppStatus::Reason::updateAvailable)
                != record.reasons.end())
-      engine_.upgrade(record.bundleID);
+      updatable.push_back(record.bundleID);
   }
+  for (const auto& bundleID : updatable) engine_.upgrade(bundleID);
   if (catalogChanged) publishCatalog();
   try {
     commit();
