@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <grp.h>
@@ -126,7 +127,9 @@ void Daemon::log(LogLevel level, const std::string& line) {
   LogCategory::daemon().write(level, line);
   // Without a journal the platform log already writes to standard error.
   static const bool journal = std::filesystem::exists("/run/systemd/journal/socket");
-  if (options_.verbose && journal) fmt::print(stderr, "corvaned-sim: {}\n", line);
+  // Named as it was started: corvaned or corvaned-sim.
+  if (options_.verbose && journal)
+    fmt::print(stderr, "{}: {}\n", program_invocation_short_name, line);
   const auto logging = MessageRegistration::logging();
   for (auto& [id, client] : clients_) {
     if (client.registrations.contains(logging))
