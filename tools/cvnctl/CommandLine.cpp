@@ -21,8 +21,10 @@ constexpr const char* exitStatusText = R"(Exit status (the same for every comman
   2    usage error: a bad command line, option value or declaration file
   3    not found: no such declaration identifier, declaration key or bundle identifier, also
        when another client removed it just before the request
-  4    corvaned is not running, cannot be reached, or went away
-  5    timed out: --timeout (or the 15 s bound on an answer) passed first
+  4    corvaned is not running, cannot be reached, or went away (a watch or wait given
+       --follow waits for it to come back instead)
+  5    timed out: --timeout (or the 15 s bound on an answer) passed first; with --follow, also
+       corvaned stayed away longer than --timeout
   6    an app waited for with --wait was cancelled, removed or set back to optional by someone
        else before it was installed
   130  interrupted by SIGINT (Ctrl-C) while waiting for an answer or a --wait
@@ -111,13 +113,21 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
       app.add_option("--timeout", timeoutText,
                      "Seconds the whole command may take, a --wait included (default: 15 for each "
                      "answer, and "
-                     "a --wait without end); for a watch, the bound on its first answer")
+                     "a --wait without end); for a watch, the bound on its first answer and, with "
+                     "--follow, on each wait for corvaned to come back")
           ->type_name("SECONDS");
 
   auto add = [&](const char* name, Command command, const char* description) {
     auto* sub = app.add_subcommand(name, description);
     sub->callback([&options, command] { options.command = command; });
     return sub;
+  };
+  // An option of the commands that watch or wait, beside their --watch or --wait: the other
+  // commands make one call and have nothing to follow.
+  auto addFollow = [&](CLI::App* sub) {
+    sub->add_flag("--follow", options.follow,
+                  "When corvaned goes away, wait for it to come back and go on (--timeout bounds "
+                  "each wait for it) instead of ending with status 4");
   };
 
   add("keys", Command::keys, "List the current declaration keys");
@@ -135,6 +145,7 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
       ->required();
   addCommand->add_flag("--wait", options.wait,
                        "Wait until the declared app is managed or has failed, showing progress");
+  addFollow(addCommand);
 
   std::string identifier;
   add("remove", Command::remove, "Remove the declaration with DECLARATION_ID")
@@ -180,17 +191,20 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
       install->add_option("DECLARATION_ID", identifier, "The catalogue app's declaration");
   install->add_flag("--wait", options.wait,
                     "Wait until the app(s) are managed or have failed, showing progress");
+  addFollow(install);
 
   add("cancel", Command::cancel, "Cancel the installation of the catalogue app of DECLARATION_ID")
       ->add_option("DECLARATION_ID", identifier, "The catalogue app's declaration")
       ->required();
 
-  add("catalog", Command::catalog, "Print the current catalogue")
-      ->add_flag("--watch", options.watch, "Keep printing each new catalogue until Ctrl-C");
-  add("progress", Command::progress, "Follow the progress of every app until Ctrl-C");
+  auto* catalog = add("catalog", Command::catalog, "Print the current catalogue");
+  catalog->add_flag("--watch", options.watch, "Keep printing each new catalogue until Ctrl-C");
+  addFollow(catalog);
+  addFollow(add("progress", Command::progress, "Follow the progress of every app until Ctrl-C"));
   auto* state = add("state", Command::state, "Print the installation state of an app");
   state->add_option("BUNDLE_ID", options.bundleID, "The app's bundle identifier")->required();
   state->add_flag("--watch", options.watch, "Keep following the state until Ctrl-C");
+  addFollow(state);
 
   // For the bash completion script; not a command people type, so not in the help.
   add("__complete", Command::complete, "")
@@ -263,6 +277,12 @@ std::optional<Options> parseCommandLine(int argc, char** argv) {
       throw UsageError("vpp-install needs --item N or --bundle ID");
     if (options.vpp.bundleID && options.vpp.bundleID->empty())
       throw UsageError("vpp-install: --bundle must not be empty");
+  }
+  if (options.follow && options.command != Command::progress && !options.watch && !options.wait) {
+    throw UsageError(fmt::format(
+        "--follow goes with {} (see cvnctl --help)",
+        options.command == Command::catalog || options.command == Command::state ? "--watch"
+                                                                                 : "--wait"));
   }
   if ((options.command == Command::launch || options.command == Command::state)
       && options.bundleID.empty())

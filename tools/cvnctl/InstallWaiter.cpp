@@ -53,11 +53,25 @@ InstallWaiter::InstallWaiter(Output& output, const Options& options,
       loop_(false),
       progress_([this] {
         // Watch the connection before anything is sent, so that no interruption goes unseen.
-        loop_.watchDaemon([this] { fail(daemonWentAway(socketPath_)); });
+        loop_.watchDaemon([this] { onLost(); });
         return corvane::ManagedAppLibrary::shared().progressUpdates();
       }()),
       timer_(loop_.context()),
-      deadline_(loop_.context()) {}
+      deadline_(loop_.context()) {
+  if (options_.follow) {
+    reconnection_.emplace(
+        loop_, output_, socketPath_, std::nullopt,
+        [this](Failure failure) { fail(std::move(failure)); }, [this] { refresh(); });
+  }
+}
+
+void InstallWaiter::onLost() {
+  if (reconnection_) {
+    reconnection_->lost();
+  } else {
+    fail(daemonWentAway(socketPath_));
+  }
+}
 
 ExitStatus InstallWaiter::wait(std::set<std::string> declarationIdentifiers, std::string applied) {
   targets_ = std::move(declarationIdentifiers);
@@ -120,6 +134,7 @@ void InstallWaiter::armTimer() {
 }
 
 void InstallWaiter::onProgress(corvane::AppProgress progress) {
+  if (reconnection_) reconnection_->back();
   const bool underWay = isUnderWay(progress.state);
   if (bundles_.contains(progress.bundleID)) output_.progress(progress);
   lastProgress_.insert_or_assign(progress.bundleID, std::move(progress));
@@ -146,9 +161,15 @@ void InstallWaiter::onStatuses(const std::exception_ptr& failure,
                                const std::vector<corvane::ManagedAppStatus>& statuses) {
   refreshing_ = false;
   if (failure) {
+    // With --follow, a daemon that cannot be reached is waited for; the timer asks again.
+    if (reconnection_ && describeFailure(failure, socketPath_).status == ExitStatus::unavailable) {
+      reconnection_->lost();
+      return;
+    }
     failWith(failure);
     return;
   }
+  if (reconnection_) reconnection_->back();
   std::vector<corvane::ManagedAppStatus> concerned;
   bool allSettled = true;
   for (const auto& identifier : targets_) {

@@ -4,6 +4,7 @@
 #include "Failure.hpp"
 #include "Options.hpp"
 #include "Output.hpp"
+#include "Reconnection.hpp"
 
 #include <corvane/model/ManagedAppStatus.hpp>
 #include <corvane/push/AppProgress.hpp>
@@ -30,7 +31,9 @@ namespace cvnctl {
 ///
 /// Every outcome ends the wait: all managed (0); one failed (1); one cancelled, removed or set
 /// back to optional by someone else (6); the daemon gone (4); --timeout passed (5); SIGINT or
-/// SIGTERM (130, 143). Every failure is reported once, through the output.
+/// SIGTERM (130, 143). Every failure is reported once, through the output. With --follow, a daemon
+/// that goes away is waited for instead (see `Reconnection`) and the statuses are asked for again
+/// once it is back; --timeout still bounds the whole wait.
 ///
 /// Use: construct (this opens the progress stream, so nothing pushed after the request is
 /// missed), send the request, then `wait`.
@@ -48,6 +51,7 @@ class InstallWaiter {
 
  private:
   void onProgress(corvane::AppProgress progress);
+  void onLost();
   void refresh();
   void onStatuses(const std::exception_ptr& failure,
                   const std::vector<corvane::ManagedAppStatus>& statuses);
@@ -63,6 +67,8 @@ class InstallWaiter {
   corvane::AsyncStream<corvane::AppProgress> progress_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer deadline_;
+  /// With --follow only.
+  std::optional<Reconnection> reconnection_;
   std::set<std::string> targets_;
   std::string applied_;
   /// The bundle identifiers of the targets, as the statuses name them.

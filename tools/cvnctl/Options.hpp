@@ -62,6 +62,9 @@ struct Options {
   bool wait = false;                                 ///< add, install
   std::string completionList;                        ///< __complete
   bool watch = false;                                ///< catalog, state
+  /// catalog --watch, state --watch, progress, add --wait, install --wait: wait for a daemon
+  /// that went away to come back instead of ending.
+  bool follow = false;
 };
 
 }  // namespace cvnctl

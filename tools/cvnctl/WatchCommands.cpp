@@ -3,6 +3,7 @@
 #include "DaemonCalls.hpp"
 #include "EventLoop.hpp"
 #include "Problems.hpp"
+#include "Reconnection.hpp"
 #include "StreamFollower.hpp"
 
 #include <corvane/push/ListenerStreams.hpp>
@@ -31,15 +32,27 @@ corvane::ManagedApp appWithBundleID(const std::string& bundleID) {
 constexpr std::chrono::milliseconds stateGrace{500};
 
 /// Follows `stream` on a loop until Ctrl-C (success), SIGTERM (143) or until the daemon goes
-/// away (4).
+/// away (4); with --follow, a daemon that goes away is waited for instead (see `Reconnection`), and
+/// --timeout bounds each such wait (5).
 template <class Stream, class Value>
-ExitStatus follow(EventLoop& loop, Stream& stream, Output& output,
-                  std::function<void(Value)> onValue) {
+ExitStatus follow(EventLoop& loop, const Options& options, std::function<void()>& onLost,
+                  Stream& stream, Output& output, std::function<void(Value)> onValue) {
   const auto socketPath = daemonSocketPath();
-  StreamFollower<Stream, Value> follower(loop, stream, std::move(onValue), [&] {
-    output.failure(daemonWentAway(socketPath));
-    loop.finish(ExitStatus::unavailable);
-  });
+  auto end = [&](const Failure& failure) {
+    output.failure(failure);
+    loop.finish(failure.status);
+  };
+  std::optional<Reconnection> reconnection;
+  if (options.follow) reconnection.emplace(loop, output, socketPath, options.timeout, end);
+  if (reconnection) onLost = [&] { reconnection->lost(); };
+  StreamFollower<Stream, Value> follower(
+      loop, stream,
+      [&](Value value) {
+        // The daemon gave the registration back: its first value is the news that it is back.
+        if (reconnection) reconnection->back();
+        onValue(std::move(value));
+      },
+      [&] { end(daemonWentAway(socketPath)); });
   follower.start();
   const auto status = loop.run();
   if (const auto signal = loop.signal())
@@ -47,12 +60,16 @@ ExitStatus follow(EventLoop& loop, Stream& stream, Output& output,
   return status;
 }
 
-/// Starts a loop that reports the daemon going away, and checks that the daemon is there.
-void prepare(EventLoop& loop, const Options& options, Output& output) {
-  loop.watchDaemon([&loop, &output, socketPath = daemonSocketPath()] {
+/// Starts a loop that calls `onLost` when the daemon goes away, set here to report it and end
+/// (`follow` may change it), and checks that the daemon is there.
+void prepare(EventLoop& loop, const Options& options, Output& output,
+             std::function<void()>& onLost) {
+  onLost = [&loop, &output, socketPath = daemonSocketPath()] {
     output.failure(daemonWentAway(socketPath));
     loop.finish(ExitStatus::unavailable);
-  });
+  };
+  // The same observation throughout, so that no loss goes unseen while `follow` takes over.
+  loop.watchDaemon([&onLost] { onLost(); });
   loop.followTerminalSize([&output] { output.resized(); });
   checkDaemon(options);
 }
@@ -104,10 +121,11 @@ ExitStatus runCatalog(const Options& options, Output& output) {
     return ExitStatus::success;
   }
   EventLoop loop(true);
-  prepare(loop, options, output);
+  std::function<void()> onLost;
+  prepare(loop, options, output, onLost);
   auto apps = corvane::ManagedAppLibrary::shared().managedApps();
   return follow<corvane::ManagedAppLibrary::ManagedApps, corvane::CatalogResult>(
-      loop, apps, output, [&output](corvane::CatalogResult result) {
+      loop, options, onLost, apps, output, [&output](corvane::CatalogResult result) {
         if (auto* list = std::get_if<std::vector<corvane::ManagedApp>>(&result)) {
           output.catalog(*list);
         } else {
@@ -121,10 +139,11 @@ ExitStatus runCatalog(const Options& options, Output& output) {
 
 ExitStatus runProgress(const Options& options, Output& output) {
   EventLoop loop(true);
-  prepare(loop, options, output);
+  std::function<void()> onLost;
+  prepare(loop, options, output, onLost);
   auto progress = corvane::ManagedAppLibrary::shared().progressUpdates();
   return follow<corvane::AsyncStream<corvane::AppProgress>, corvane::AppProgress>(
-      loop, progress, output,
+      loop, options, onLost, progress, output,
       [&output](const corvane::AppProgress& value) { output.progress(value); });
 }
 
@@ -135,12 +154,13 @@ ExitStatus runState(const Options& options, Output& output) {
     return ExitStatus::success;
   }
   EventLoop loop(true);
-  prepare(loop, options, output);
+  std::function<void()> onLost;
+  prepare(loop, options, output, onLost);
   auto states = app.stateUpdates();
   // An unknown app fails here, as the one-shot does, rather than being watched for ever.
   output.state(options.bundleID, firstState(states, options.bundleID, options), true);
   return follow<corvane::AsyncStream<corvane::AppState>, corvane::AppState>(
-      loop, states, output, [&output, &options](const corvane::AppState& state) {
+      loop, options, onLost, states, output, [&output, &options](const corvane::AppState& state) {
         output.state(options.bundleID, state, true);
       });
 }
