@@ -50,9 +50,10 @@ void Daemon::changeRegistrations(Client& client, const Bytes& argument, bool add
     }
     if (client.registrations.insert(registration).second) sendCurrentState(client, registration);
   }
+  if (!client.resumeToken.empty()) rememberRegistrations(client, registrations, add);
+  // Once they are remembered: whoever reads this line may count on a restart giving them back.
   LogCategory::daemon().info("client {} ({}) {} {}", client.id, boost::uuids::to_string(clientUUID),
                              add ? "registered" : "withdrew", description(registrations));
-  if (!client.resumeToken.empty()) rememberRegistrations(client, registrations, add);
 }
 
 void Daemon::rememberRegistrations(const Client& client,
