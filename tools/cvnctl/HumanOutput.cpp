@@ -148,6 +148,8 @@ void HumanOutput::settled(const std::vector<corvane::ManagedAppStatus>& statuses
 void HumanOutput::note(std::string_view text) {
   fmt::print(err_, "{}\n", text);
   std::fflush(err_);
+  // On a terminal the note took the row below the display, which must not be drawn over.
+  display_.leave();
 }
 
 void HumanOutput::failure(const Failure& failure) {

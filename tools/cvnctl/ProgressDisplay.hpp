@@ -35,6 +35,9 @@ class ProgressDisplay {
   void update(const std::string& label, const corvane::AppState& state);
   /// Draws the lines again for the terminal's new size.
   void resized();
+  /// Something else was written below the lines (a note on standard error): they stay as they
+  /// are, and the next redraw draws them afresh below it rather than over it.
+  void leave() noexcept { drawn_.clear(); }
 
   /// What an app is doing, for the summary line.
   enum class Phase { installing, paused, waiting, installed, failed };
