@@ -110,7 +110,7 @@ TEST_F(CvnctlTest, AFollowedWatchGoesOnAcrossADaemonRestartAndOneWithoutFollowEn
 
 TEST_F(CvnctlTest, AFollowedWaitSettlesAfterARestartAndTimeoutBoundsADaemonGoneForGood) {
   // Slow steps, so that the install is under way when the daemon is killed.
-  startDaemon({"--state", (files_.path() / "state.db").native(), "--tick-ms", "50"});
+  startDaemon({"--state", (files_.path() / "state.db").native(), "--tick-ms", "50", "--verbose"});
   declare("D-maps", mapsItem, "onDemand");
   auto wait = start({"install", "D-maps", "--wait", "--follow"});
   ASSERT_TRUE(wait->waitForOutput(std::string(mapsBundle) + ": Downloading")) << wait->err();
@@ -137,6 +137,19 @@ TEST_F(CvnctlTest, AFollowedWaitSettlesAfterARestartAndTimeoutBoundsADaemonGoneF
     const auto errors = jsonLines(watch->err());
     ASSERT_EQ(errors.size(), 1U) << watch->err();
     EXPECT_EQ(errors[0].at("error"), "timedOut");
+    daemon().restart();
+  }
+
+  // While it waits for the daemon, Ctrl-C and SIGTERM end a watch as always.
+  for (const auto& [signal, expected] : {std::pair{SIGINT, 0}, std::pair{SIGTERM, 143}}) {
+    SCOPED_TRACE(signal);
+    auto watch = start({"progress", "--follow"});
+    // The daemon logs the watch's registration (the first since its restart) once it has it.
+    ASSERT_TRUE(daemon().process().waitForError(") registered ")) << daemon().process().err();
+    daemon().kill();
+    ASSERT_TRUE(watch->waitForError("waiting for it to come back")) << watch->err();
+    watch->signal(signal);
+    EXPECT_EQ(watch->wait(bound), expected) << watch->err();
     daemon().restart();
   }
 }

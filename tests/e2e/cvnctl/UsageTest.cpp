@@ -53,6 +53,10 @@ TEST_F(CvnctlTest, UsageErrorsExitWithTwoAndSayWhatIsWrong) {
       {{"--timeout", "1e400", "keys"}, "--timeout must be a positive number of seconds"},
       {{"--timeout", "soon", "keys"}, "--timeout must be a positive number of seconds"},
       {{"status", ""}, "DECLARATION_KEY must not be empty"},
+      // --follow belongs to a watch or a wait.
+      {{"keys", "--follow"}, "--follow"},
+      {{"catalog", "--follow"}, "--follow goes with --watch"},
+      {{"install", "D1", "--follow"}, "--follow goes with --wait"},
       {{"add", "/dev/zero"}, "cannot read /dev/zero: it is not a regular file"},
       {{"add", tooLarge}, "is larger than 1024 KiB"},
       {{"add", unnamed}, "unnamed.json: declarationIdentifier must not be empty"},
