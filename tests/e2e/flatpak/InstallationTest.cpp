@@ -4,8 +4,8 @@
 
 #include "FlatpakError.hpp"
 #include "Installation.hpp"
-#include "TestRepository.hpp"
 #include "Transaction.hpp"
+#include "support/TestRepository.hpp"
 
 #include <gtest/gtest.h>
 
