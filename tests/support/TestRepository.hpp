@@ -80,8 +80,6 @@ class TestRepository {
   [[nodiscard]] std::filesystem::path systemDir() const { return dir_.path() / "system"; }
   /// Flatpak's user installation ($FLATPAK_USER_DIR).
   [[nodiscard]] std::filesystem::path userDir() const { return dir_.path() / "user"; }
-  /// How long the script took (zero for the run's repository).
-  [[nodiscard]] std::chrono::milliseconds buildTime() const noexcept { return buildTime_; }
 
   /// Builds a repository of its own into `out` (for a case that changes it).
   static void build(const std::filesystem::path& out) {
@@ -116,16 +114,12 @@ class TestRepository {
     if (std::filesystem::exists(out_ / "corvane-test.flatpakrepo")) return;
 #endif
     out_ = dir_.path() / "out";
-    const auto start = std::chrono::steady_clock::now();
     build(out_);
-    buildTime_ = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
   }
 
   TemporaryDirectory dir_;
   std::filesystem::path home_;
   std::filesystem::path out_;
-  std::chrono::milliseconds buildTime_{};
 };
 
 }  // namespace corvane::testing
