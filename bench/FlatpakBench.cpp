@@ -8,12 +8,12 @@
 //
 //   build/release/bench/bench_flatpak --benchmark_repetitions=3
 
-#include "../tests/e2e/flatpak/TestRepository.hpp"
 #include "flatpak/Installation.hpp"
 #include "flatpak/Transaction.hpp"
 #include "support/DaemonProcess.hpp"
 #include "support/ServiceClient.hpp"
 #include "support/TemporaryDirectory.hpp"
+#include "support/TestRepository.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>

@@ -20,10 +20,14 @@ class DaemonProcess {
   /// What the daemon prints (after its name) once it accepts connections.
   static constexpr std::string_view readyLine = ": listening on ";
 
-  /// Starts corvaned-sim with `--runtime-dir` set to `runtimeDirectory` and `arguments` after it,
-  /// and waits until it listens. Throws std::runtime_error (with its output) if it does not.
-  DaemonProcess(std::filesystem::path runtimeDirectory, std::vector<std::string> arguments = {})
-      : runtimeDirectory_(std::move(runtimeDirectory)), arguments_(std::move(arguments)) {
+  /// Starts `program` (default: binary()) with `--runtime-dir` set to `runtimeDirectory` and
+  /// `arguments` after it, and waits until it listens. Throws std::runtime_error (with its output)
+  /// if it does not.
+  DaemonProcess(std::filesystem::path runtimeDirectory, std::vector<std::string> arguments = {},
+                std::string program = binary())
+      : runtimeDirectory_(std::move(runtimeDirectory)),
+        arguments_(std::move(arguments)),
+        program_(std::move(program)) {
     start();
   }
   DaemonProcess(const DaemonProcess&) = delete;
@@ -54,18 +58,19 @@ class DaemonProcess {
 
  private:
   void start(const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> argv{binary(), "--runtime-dir", runtimeDirectory_.native()};
+    std::vector<std::string> argv{program_, "--runtime-dir", runtimeDirectory_.native()};
     argv.insert(argv.end(), arguments_.begin(), arguments_.end());
     argv.insert(argv.end(), extra.begin(), extra.end());
     process_ = std::make_unique<Process>(argv);
     if (!process_->waitForOutput(readyLine)) {
-      throw std::runtime_error(binary() + " did not start; stdout: " + process_->out()
+      throw std::runtime_error(program_ + " did not start; stdout: " + process_->out()
                                + " stderr: " + process_->err());
     }
   }
 
   std::filesystem::path runtimeDirectory_;
   std::vector<std::string> arguments_;
+  std::string program_;
   std::unique_ptr<Process> process_;
 };
 

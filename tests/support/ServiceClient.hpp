@@ -109,6 +109,14 @@ bool readUntil(Stream& stream, Done&& done) {
   }
 }
 
+/// Reads the progress stream until `app` shows `state`.
+template <class Stream>
+bool reaches(Stream& progress, std::string_view app, const AppState& state) {
+  return readUntil(progress, [&](const AppProgress& value) {
+    return value.bundleID == app && value.state == state;
+  });
+}
+
 /// The first entry of the first non-empty catalogue `catalog` delivers; empty when none came
 /// within the bound.
 template <class Stream>

@@ -3,7 +3,7 @@
 // command, and the hub never registers a second time: the connection comes back by itself and
 // the daemon restores what the hub had registered from its store.
 
-#include "support/DaemonProcess.hpp"
+#include "support/EngineDaemon.hpp"
 #include "support/ServiceClient.hpp"
 
 #include <corvane/Corvane.hpp>
@@ -16,6 +16,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 namespace corvane::testing {
 namespace {
@@ -31,22 +32,19 @@ void PrintTo(const Restart& restart, std::ostream* out) {
   *out << restart.name;
 }
 
-class Resume : public ::testing::TestWithParam<Restart> {
+class Resume : public EngineDaemon,
+               public ::testing::WithParamInterface<std::tuple<const Engine*, Restart>> {
  protected:
-  void SetUp() override {
-    // Before the library's first use, so that its shared connection goes to this daemon.
-    ::setenv("CORVANE_RUNTIME_DIR", runtime_.path().c_str(), 1);  // NOLINT: no threads yet
+  Resume() : EngineDaemon(*std::get<0>(GetParam())) {
     // The daemon logs each registration, and each restored one, at info level.
     ::setenv("CORVANE_LOG_LEVEL", "info", 1);  // NOLINT: no threads yet
   }
-
-  TemporaryDirectory runtime_;
 };
 
 TEST_P(Resume, StreamsDeliverAgainAfterARestartWithoutASecondRegistration) {
-  DaemonProcess daemon(runtime_.path(),
-                       {"--tick-ms", "5", "--state", (runtime_.path() / "state.db").native()});
-  declare("D-notes", StoreAppIdentifier::itemID(notesItem), InstallTimingEnum::onDemand);
+  start();
+  auto& daemon = *daemon_;
+  declare("D-hello", StoreAppIdentifier::bundleID(engine_.hello), InstallTimingEnum::onDemand);
   auto catalog = ManagedAppLibrary::shared().managedApps();
   std::optional<ManagedApp> entry = firstCatalogEntry(catalog);
   ASSERT_TRUE(entry.has_value());
@@ -58,7 +56,7 @@ TEST_P(Resume, StreamsDeliverAgainAfterARestartWithoutASecondRegistration) {
     return occurrences(err, ") registered ") == 3;
   })) << daemon.process().err();
 
-  if (GetParam().kill) {
+  if (std::get<1>(GetParam()).kill) {
     daemon.kill();
   } else {
     ASSERT_EQ(daemon.stop(), 0);
@@ -91,8 +89,13 @@ TEST_P(Resume, StreamsDeliverAgainAfterARestartWithoutASecondRegistration) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Restarts, Resume,
-                         ::testing::Values(Restart{"SIGKILL", true}, Restart{"SIGTERM", false}),
-                         [](const auto& test) { return std::string(test.param.name); });
+                         ::testing::Combine(::testing::ValuesIn(engines),
+                                            ::testing::Values(Restart{"SIGKILL", true},
+                                                              Restart{"SIGTERM", false})),
+                         [](const auto& test) {
+                           return std::get<0>(test.param)->label
+                                  + std::string(std::get<1>(test.param).name);
+                         });
 
 }  // namespace
 }  // namespace corvane::testing

@@ -4,7 +4,7 @@
 #include "AppStream.hpp"
 #include "FlatpakError.hpp"
 #include "Installation.hpp"
-#include "TestRepository.hpp"
+#include "support/TestRepository.hpp"
 
 #include <gtest/gtest.h>
 

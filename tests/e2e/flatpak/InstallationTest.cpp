@@ -4,8 +4,8 @@
 
 #include "FlatpakError.hpp"
 #include "Installation.hpp"
-#include "TestRepository.hpp"
 #include "Transaction.hpp"
+#include "support/TestRepository.hpp"
 
 #include <gtest/gtest.h>
 
@@ -66,7 +66,6 @@ TEST_F(InstallationTest, InstallsAnAppWithItsRuntimeAndReportsProgressToTheEnd) 
   RecordProperty("install_ms", std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
                                                   std::chrono::steady_clock::now() - start)
                                                   .count()));
-  RecordProperty("repository_build_ms", std::to_string(repository.buildTime().count()));
 
   const auto app = installation.findInstalled(appRef(hello, branch));
   ASSERT_TRUE(app);

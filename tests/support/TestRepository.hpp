@@ -2,8 +2,9 @@
 
 // The world the Flatpak tests run in, set up once per test process: HOME, the XDG directories
 // and Flatpak's system and user installations point into a temporary directory (so nothing the
-// tests do can reach the machine's own installations), and scripts/make-test-repo has built the
-// test repository there.
+// tests do can reach the machine's own installations), and the test repository that
+// scripts/make-test-repo builds: the one built for the whole test run (CORVANE_TEST_REPOSITORY,
+// the ctest fixture TestRepository; only read), else one of this process's own.
 
 #include "support/Process.hpp"
 #include "support/TemporaryDirectory.hpp"
@@ -79,8 +80,6 @@ class TestRepository {
   [[nodiscard]] std::filesystem::path systemDir() const { return dir_.path() / "system"; }
   /// Flatpak's user installation ($FLATPAK_USER_DIR).
   [[nodiscard]] std::filesystem::path userDir() const { return dir_.path() / "user"; }
-  /// How long the script took.
-  [[nodiscard]] std::chrono::milliseconds buildTime() const noexcept { return buildTime_; }
 
   /// Builds a repository of its own into `out` (for a case that changes it).
   static void build(const std::filesystem::path& out) {
@@ -93,7 +92,7 @@ class TestRepository {
   }
 
  private:
-  TestRepository() : home_(dir_.path() / "home"), out_(dir_.path() / "out") {
+  TestRepository() : home_(dir_.path() / "home") {
     std::filesystem::create_directories(home_);
     const auto runtime = dir_.path() / "runtime";
     std::filesystem::create_directories(runtime);
@@ -110,16 +109,17 @@ class TestRepository {
     ::setenv("FLATPAK_USER_DIR", userDir().c_str(), 1);
     ::setenv("FLATPAK_CONFIG_DIR", (dir_.path() / "config").c_str(), 1);
     // NOLINTEND(concurrency-mt-unsafe)
-    const auto start = std::chrono::steady_clock::now();
+#ifdef CORVANE_TEST_REPOSITORY
+    out_ = CORVANE_TEST_REPOSITORY;
+    if (std::filesystem::exists(out_ / "corvane-test.flatpakrepo")) return;
+#endif
+    out_ = dir_.path() / "out";
     build(out_);
-    buildTime_ = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
   }
 
   TemporaryDirectory dir_;
   std::filesystem::path home_;
   std::filesystem::path out_;
-  std::chrono::milliseconds buildTime_{};
 };
 
 }  // namespace corvane::testing
