@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/coding/CorvaneError.hpp>
 #include <corvane/ipc/ExportedObject.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
