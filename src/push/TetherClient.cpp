@@ -5,23 +5,11 @@
 #include <corvane/push/TetherClient.hpp>
 #include <corvane/service/RequestOperations.hpp>
 
-#include <boost/uuid/uuid_io.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <tuple>
 
 namespace corvane {
-
-namespace service::detail {
-// The seam through which the shared connection exports the hub (declared where it is used).
-std::shared_ptr<ipc::ExportedObject> pushHub() {
-  return TetherClient::sharedPointer();
-}
-std::string pushHubResumeToken() {
-  return boost::uuids::to_string(TetherClient::shared().clientID());
-}
-}  // namespace service::detail
 
 namespace {
 
