@@ -4,6 +4,7 @@
 // its own, so the shared connection and hub start empty.
 
 #include "integration/ipc/IpcTestSupport.hpp"
+#include "push/detail/HubStorage.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>
@@ -160,7 +161,7 @@ class HubTest : public ::testing::Test {
   template <class Predicate>
   static bool waitForHub(Predicate predicate) {
     const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!predicate(TetherClient::shared().snapshot())) {
+    while (!predicate(push::detail::snapshot(TetherClient::shared()))) {
       if (std::chrono::steady_clock::now() > deadline) return false;
       std::this_thread::yield();
     }
@@ -203,8 +204,8 @@ TEST_F(HubTest, TheLastListenerWithdrawsAndALaterOneStillGetsTheCache) {
   }  // ending the sequence removes its listener and withdraws the registration
   ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
   EXPECT_EQ(daemon.calls().at(1).first, "removeMessageRegistrations:reply:");
-  EXPECT_TRUE(
-      waitForHub([](const TetherClient::Storage& hub) { return hub.activeRegistrations.empty(); }));
+  EXPECT_TRUE(waitForHub(
+      [](const push::detail::HubStorage& hub) { return hub.activeRegistrations.empty(); }));
 
   auto later = ManagedAppLibrary::shared().managedApps();
   EXPECT_EQ(describe(later.next()), "One");
@@ -232,8 +233,8 @@ TEST_F(HubTest, AWithdrawalTheDaemonNeverAnswersEndsWithinItsBoundAndStaysActive
   }
   EXPECT_EQ(failures, 1U);
   // Still active, so the hub keeps treating it as asked for and a later withdrawal tries again.
-  EXPECT_EQ(TetherClient::shared().snapshot().activeRegistrations.count(
-                MessageRegistration::appCatalog()),
+  EXPECT_EQ(push::detail::snapshot(TetherClient::shared())
+                .activeRegistrations.count(MessageRegistration::appCatalog()),
             1U);
 }
 
@@ -277,7 +278,7 @@ TEST_F(HubTest, ProgressForAnAppNobodyWatchesStillUpdatesItsCachedState) {
   daemon.push(fmt::format("[{}]", progressOf("dev.corvane.quiet", R"({"waiting": {}})")));
   ASSERT_TRUE(progress.next());
   // Progress listeners are served before the state cache is written, so wait for it.
-  EXPECT_TRUE(waitForHub([](const TetherClient::Storage& hub) {
+  EXPECT_TRUE(waitForHub([](const push::detail::HubStorage& hub) {
     return hub.cachedStates.contains("dev.corvane.quiet");
   }));
   auto state = appWithBundle("dev.corvane.quiet").stateUpdates();
@@ -298,7 +299,7 @@ TEST_F(HubTest, AStateListenerAndACallbackShareTheRegistration) {
   ASSERT_TRUE(called.waitFor(1));
 
   stream.reset();  // the stream's listener goes: cached state deleted, registration kept
-  auto hub = TetherClient::shared().snapshot();
+  auto hub = push::detail::snapshot(TetherClient::shared());
   EXPECT_FALSE(hub.cachedStates.contains(bundle));
   EXPECT_TRUE(
       hub.activeRegistrations.contains(MessageRegistration::appStateChangeByBundleID(bundle)));
@@ -309,7 +310,7 @@ TEST_F(HubTest, AStateListenerAndACallbackShareTheRegistration) {
   TetherClient::shared().removeStateChangeBlock(bundle, "observer");
   ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
   EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
-  EXPECT_EQ(TetherClient::shared().snapshot().subscriberCounts.at(bundle), 0);
+  EXPECT_EQ(push::detail::snapshot(TetherClient::shared()).subscriberCounts.at(bundle), 0);
 }
 
 TEST_F(HubTest, AFailedAddLeavesTheRegistrationInactiveSoTheNextListenerAsksAgain) {
@@ -319,7 +320,7 @@ TEST_F(HubTest, AFailedAddLeavesTheRegistrationInactiveSoTheNextListenerAsksAgai
     auto apps = ManagedAppLibrary::shared().managedApps();
     ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
     ASSERT_TRUE(waitForHub(
-        [](const TetherClient::Storage& hub) { return hub.activeRegistrations.empty(); }));
+        [](const push::detail::HubStorage& hub) { return hub.activeRegistrations.empty(); }));
     EXPECT_TRUE(log.waitFor(
         [](const platform::LogRecord& r) {
           return r.message.starts_with("Error registering for message: [App catalog changed]: ");
@@ -449,7 +450,7 @@ TEST_F(HubTest, StreamsOpenedAndEndedWhileBatchesArriveLoseNothingAndKeepTheCoun
   pushing = false;
   pusher.join();
   // Every stream ended: only the keeper is left, and the per-app counts are back to zero.
-  const auto hub = TetherClient::shared().snapshot();
+  const auto hub = push::detail::snapshot(TetherClient::shared());
   EXPECT_EQ(hub.progressListeners.size(), 1U);
   EXPECT_TRUE(hub.catalogListeners.empty());
   for (const auto& [bundle, count] : hub.subscriberCounts) EXPECT_EQ(count, 0) << bundle;
