@@ -6,7 +6,7 @@
 #include "Options.hpp"
 #include "Store.hpp"
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/ipc/ExportedObject.hpp>
 #include <corvane/ipc/Listener.hpp>
 #include <corvane/ipc/RemoteProxy.hpp>

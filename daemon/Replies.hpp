@@ -3,7 +3,7 @@
 // How the daemon's operations answer: the encoded result envelopes, and the refusal that turns
 // into a failure with a reason.
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/coding/Coding.hpp>
 #include <corvane/coding/CodingError.hpp>
 #include <corvane/coding/CorvaneError.hpp>

@@ -2,7 +2,7 @@
 
 // The whole public interface of libcorvane.
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/coding/Coding.hpp>
 #include <corvane/coding/CodingError.hpp>
 #include <corvane/coding/CorvaneError.hpp>

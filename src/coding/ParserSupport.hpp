@@ -1,7 +1,8 @@
 #pragma once
 
-// What every reader of a document shares, so that they accept exactly the same texts and read
-// exactly the same numbers.
+// How the tree decoder (Coding.cpp, `parseDocument`) parses a document: its depth limit and its
+// reading of numbers. The direct reading (TextReader) reads numbers with std::from_chars too and
+// stops at a shallower depth, leaving deeper documents to this parse.
 
 #include <boost/json/basic_parser.hpp>
 

@@ -72,10 +72,6 @@ class UniqueFd {
   int fd_;
 };
 
-std::string systemMessage(int error) {
-  return std::error_code(error, std::system_category()).message();
-}
-
 }  // namespace
 
 /// First and longest wait between the attempts of a connection that reconnects by itself.
@@ -304,14 +300,12 @@ class ConnectionCore final : public ChannelOwner,
       error.emplace(ConnectionError::connectFailed, path_.native() + ": " + systemMessage(errno));
       return nullptr;
     }
+    const auto service = peerCredentials(fd.get());
     if (options_.requiredServiceUid) {
-      ucred cred{};
-      socklen_t size = sizeof cred;
-      const bool known = ::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &size) == 0;
-      if (!known
-          || (cred.uid != *options_.requiredServiceUid
-              && !(options_.rootServiceTrusted && cred.uid == 0))) {
-        const auto reason = fmt::format("{} is served by uid {}, not {}", path_.native(), cred.uid,
+      const std::uint32_t uid = service ? service->uid : 0;
+      if (!service
+          || (uid != *options_.requiredServiceUid && !(options_.rootServiceTrusted && uid == 0))) {
+        const auto reason = fmt::format("{} is served by uid {}, not {}", path_.native(), uid,
                                         *options_.requiredServiceUid);
         invalidate(reason);
         error.emplace(ConnectionError::serviceNotTrusted, reason);
@@ -319,9 +313,9 @@ class ConnectionCore final : public ChannelOwner,
       }
     }
 
-    auto channel =
-        std::make_shared<Channel>(runtime_, fd.release(), Role::client, SessionLimits{}, nullptr,
-                                  delivery_, weak_from_this(), options_.resumeToken);
+    auto channel = std::make_shared<Channel>(
+        runtime_, fd.release(), service.value_or(PeerCredentials{}), Role::client, SessionLimits{},
+        nullptr, delivery_, weak_from_this(), options_.resumeToken);
     {
       const std::lock_guard state(mutex_);
       channel->setExportedInterface(exportedInterface_);

@@ -33,10 +33,6 @@ namespace detail {
 
 namespace {
 
-std::string systemMessage(int error) {
-  return std::error_code(error, std::system_category()).message();
-}
-
 [[noreturn]] void throwSystem(int error, const std::string& what) {
   throw std::system_error(error, std::system_category(), what);
 }
@@ -134,13 +130,6 @@ std::size_t connectionsThatFit(std::size_t wanted) noexcept {
   const std::size_t fit =
       descriptors > sparedDescriptors ? (descriptors - sparedDescriptors) / 2 : 1;
   return std::min(wanted, std::max<std::size_t>(fit, 1));
-}
-
-PeerCredentials credentialsOf(int fd) noexcept {
-  ucred cred{};
-  socklen_t size = sizeof cred;
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return {};
-  return {cred.pid, cred.uid, cred.gid};
 }
 
 void armOnce(int timerFd, std::chrono::milliseconds after) noexcept {
@@ -290,13 +279,13 @@ class ListenerCore final : public ChannelOwner,
       const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (fd >= 0) {
         pause_ = firstAcceptPause;
-        const auto credentials = credentialsOf(fd);
+        const auto credentials = peerCredentials(fd).value_or(PeerCredentials{});
         if (!admits(credentials)) {
           ::close(fd);
           continue;
         }
         try {
-          adopt(fd);
+          adopt(fd, credentials);
         } catch (const std::system_error& e) {
           // adopt has closed the descriptor. Out of descriptors (its duplicate could not be
           // made): the next accept would only fail the same way, so pause as accept4 would.
@@ -383,11 +372,11 @@ class ListenerCore final : public ChannelOwner,
     pause_ = std::min(pause_ * 2, longestAcceptPause);
   }
 
-  void adopt(int fd) {
+  void adopt(int fd, const PeerCredentials& credentials) {
     const SessionLimits limits{options_.maxCallsInFlight, options_.maxQueuedIncomingBytes,
                                options_.maxQueuedOutgoingBytes};
     auto channel =
-        std::make_shared<Channel>(runtime_, fd, Role::service, limits, budget_,
+        std::make_shared<Channel>(runtime_, fd, credentials, Role::service, limits, budget_,
                                   boost::asio::make_strand(Executor(runtime_)), weak_from_this());
     {
       const std::lock_guard state(mutex_);

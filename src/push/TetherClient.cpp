@@ -1,3 +1,5 @@
+#include "push/detail/HubStorage.hpp"
+
 #include <corvane/coding/TetherDecoder.hpp>
 #include <corvane/platform/BuildVariant.hpp>
 #include <corvane/platform/LogCategory.hpp>
@@ -5,23 +7,11 @@
 #include <corvane/push/TetherClient.hpp>
 #include <corvane/service/RequestOperations.hpp>
 
-#include <boost/uuid/uuid_io.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <tuple>
 
 namespace corvane {
-
-namespace service::detail {
-// The seam through which the shared connection exports the hub (declared where it is used).
-std::shared_ptr<ipc::ExportedObject> pushHub() {
-  return TetherClient::sharedPointer();
-}
-std::string pushHubResumeToken() {
-  return boost::uuids::to_string(TetherClient::shared().clientID());
-}
-}  // namespace service::detail
 
 namespace {
 
@@ -65,20 +55,23 @@ TetherClient& TetherClient::shared() {
   return instance;
 }
 
-TetherClient::TetherClient() : clientID_(platform::Random::uuid()) {}
+TetherClient::TetherClient()
+    : clientID_(platform::Random::uuid()), storage_(std::make_unique<push::detail::HubStorage>()) {}
 
-TetherClient::Storage TetherClient::snapshot() const {
-  const std::lock_guard hub(mutex_);
-  return storage_;
+TetherClient::~TetherClient() = default;
+
+push::detail::HubStorage push::detail::snapshot(const TetherClient& hub) {
+  const std::lock_guard lock(hub.mutex_);
+  return *hub.storage_;
 }
 
 // ---- registrations (mutex held) --------------------------------------------------------------
 
 void TetherClient::registerLocked(const std::vector<MessageRegistration>& registrations) {
-  auto pending = filter(registrations, storage_.activeRegistrations, false);
+  auto pending = filter(registrations, storage_->activeRegistrations, false);
   if (pending.empty()) return;
   LogCategory::tether().info("Registering for messages: {}", description(pending));
-  storage_.activeRegistrations.insert(pending.begin(), pending.end());
+  storage_->activeRegistrations.insert(pending.begin(), pending.end());
   // Nobody waits for it; a failure makes the registrations inactive again, so that a later
   // listener asks again.
   ServiceConnection::withAsyncService<None>(
@@ -89,12 +82,12 @@ void TetherClient::registerLocked(const std::vector<MessageRegistration>& regist
         LogCategory::tether().error("Error registering for message: {}: {}", description(pending),
                                     errorText(failure));
         const std::lock_guard hub(mutex_);
-        for (const auto& registration : pending) storage_.activeRegistrations.erase(registration);
+        for (const auto& registration : pending) storage_->activeRegistrations.erase(registration);
       });
 }
 
 void TetherClient::unregisterLocked(const std::vector<MessageRegistration>& registrations) {
-  auto withdrawn = filter(registrations, storage_.activeRegistrations, true);
+  auto withdrawn = filter(registrations, storage_->activeRegistrations, true);
   if (withdrawn.empty()) return;
   try {
     ServiceConnection::withSyncService<None>(
@@ -106,38 +99,38 @@ void TetherClient::unregisterLocked(const std::vector<MessageRegistration>& regi
                                 description(withdrawn), errorText(std::current_exception()));
     return;
   }
-  for (const auto& registration : withdrawn) storage_.activeRegistrations.erase(registration);
+  for (const auto& registration : withdrawn) storage_->activeRegistrations.erase(registration);
 }
 
 // ---- listeners -------------------------------------------------------------------------------
 
 void TetherClient::addCatalogListener(const std::shared_ptr<CatalogListener>& listener) {
   const std::lock_guard hub(mutex_);
-  storage_.catalogListeners.push_back(listener);
-  if (storage_.cachedCatalog) {
+  storage_->catalogListeners.push_back(listener);
+  if (storage_->cachedCatalog) {
     LogCategory::tether().info("Sending cached app catalog results to listener");
-    listener->yield(*storage_.cachedCatalog);
+    listener->yield(*storage_->cachedCatalog);
   }
   registerLocked({MessageRegistration::appCatalog()});
 }
 
 void TetherClient::removeCatalogListener(const std::shared_ptr<CatalogListener>& listener) {
   const std::lock_guard hub(mutex_);
-  eraseListener(storage_.catalogListeners, listener);
-  if (storage_.catalogListeners.empty()) unregisterLocked({MessageRegistration::appCatalog()});
+  eraseListener(storage_->catalogListeners, listener);
+  if (storage_->catalogListeners.empty()) unregisterLocked({MessageRegistration::appCatalog()});
 }
 
 void TetherClient::addProgressListener(const std::shared_ptr<ProgressListener>& listener) {
   const std::lock_guard hub(mutex_);
   // Every listener is stored; the kind is asked for once, when the first one comes.
-  storage_.progressListeners.push_back(listener);
+  storage_->progressListeners.push_back(listener);
   registerLocked({MessageRegistration::globalAppProgress()});
 }
 
 void TetherClient::removeProgressListener(const std::shared_ptr<ProgressListener>& listener) {
   const std::lock_guard hub(mutex_);
-  eraseListener(storage_.progressListeners, listener);
-  if (storage_.progressListeners.empty())
+  eraseListener(storage_->progressListeners, listener);
+  if (storage_->progressListeners.empty())
     unregisterLocked({MessageRegistration::globalAppProgress()});
 }
 
@@ -145,9 +138,9 @@ void TetherClient::addStateListener(const std::shared_ptr<StateListener>& listen
                                     const ManagedApp& app) {
   const std::string& bundleID = app.bundleID();
   const std::lock_guard hub(mutex_);
-  storage_.stateListeners[bundleID].push_back(listener);
-  ++storage_.subscriberCounts[bundleID];
-  if (auto cached = storage_.cachedStates.find(bundleID); cached != storage_.cachedStates.end()) {
+  storage_->stateListeners[bundleID].push_back(listener);
+  ++storage_->subscriberCounts[bundleID];
+  if (auto cached = storage_->cachedStates.find(bundleID); cached != storage_->cachedStates.end()) {
     LogCategory::tether().info("Sending cached app state results to listener for {}", bundleID);
     listener->yield(cached->second);
   }
@@ -158,10 +151,10 @@ void TetherClient::removeStateListener(const std::shared_ptr<StateListener>& lis
                                        const ManagedApp& app) {
   const std::string& bundleID = app.bundleID();
   const std::lock_guard hub(mutex_);
-  auto& remaining = storage_.stateListeners[bundleID];
+  auto& remaining = storage_->stateListeners[bundleID];
   const auto removed = static_cast<std::int64_t>(eraseListener(remaining, listener));
-  if (remaining.empty()) storage_.cachedStates.erase(bundleID);
-  auto& count = storage_.subscriberCounts[bundleID];
+  if (remaining.empty()) storage_->cachedStates.erase(bundleID);
+  auto& count = storage_->subscriberCounts[bundleID];
   count -= removed;
   if (count < 1) unregisterLocked({MessageRegistration::appStateChangeByBundleID(bundleID)});
 }
@@ -169,17 +162,17 @@ void TetherClient::removeStateListener(const std::shared_ptr<StateListener>& lis
 void TetherClient::addStateChangeBlock(const std::string& bundleID, std::string id,
                                        std::function<void(const AppState&)> block) {
   const std::lock_guard hub(mutex_);
-  storage_.stateChangeBlocks[bundleID].push_back({std::move(id), std::move(block)});
-  ++storage_.subscriberCounts[bundleID];
+  storage_->stateChangeBlocks[bundleID].push_back({std::move(id), std::move(block)});
+  ++storage_->subscriberCounts[bundleID];
   registerLocked({MessageRegistration::appStateChangeByBundleID(bundleID)});
 }
 
 void TetherClient::removeStateChangeBlock(const std::string& bundleID, const std::string& id) {
   const std::lock_guard hub(mutex_);
-  auto& remaining = storage_.stateChangeBlocks[bundleID];
+  auto& remaining = storage_->stateChangeBlocks[bundleID];
   const auto removed = static_cast<std::int64_t>(
       std::erase_if(remaining, [&](const auto& block) { return block.id == id; }));
-  auto& count = storage_.subscriberCounts[bundleID];
+  auto& count = storage_->subscriberCounts[bundleID];
   count -= removed;
   if (count < 1) unregisterLocked({MessageRegistration::appStateChangeByBundleID(bundleID)});
 }
@@ -218,15 +211,15 @@ void TetherClient::handle(const TetherClientMessage& message) {
           std::vector<std::shared_ptr<ProgressListener>> progressListeners;
           {
             const std::lock_guard hub(mutex_);
-            progressListeners = storage_.progressListeners;
+            progressListeners = storage_->progressListeners;
           }
           for (const auto& listener : progressListeners) listener->yield(progress);
           std::vector<std::shared_ptr<StateListener>> stateListeners;
           {
             const std::lock_guard hub(mutex_);
-            storage_.cachedStates.insert_or_assign(progress.bundleID, progress.state);
-            if (auto found = storage_.stateListeners.find(progress.bundleID);
-                found != storage_.stateListeners.end()) {
+            storage_->cachedStates.insert_or_assign(progress.bundleID, progress.state);
+            if (auto found = storage_->stateListeners.find(progress.bundleID);
+                found != storage_->stateListeners.end()) {
               stateListeners = found->second;
             }
           }
@@ -234,8 +227,8 @@ void TetherClient::handle(const TetherClientMessage& message) {
           std::vector<IdentifiableAppStateChangeBlock> blocks;
           {
             const std::lock_guard hub(mutex_);
-            if (auto found = storage_.stateChangeBlocks.find(progress.bundleID);
-                found != storage_.stateChangeBlocks.end()) {
+            if (auto found = storage_->stateChangeBlocks.find(progress.bundleID);
+                found != storage_->stateChangeBlocks.end()) {
               blocks = found->second;
             }
           }
@@ -254,8 +247,8 @@ void TetherClient::handle(const TetherClientMessage& message) {
           std::vector<std::shared_ptr<CatalogListener>> listeners;
           {
             const std::lock_guard hub(mutex_);
-            storage_.cachedCatalog = result;
-            listeners = storage_.catalogListeners;
+            storage_->cachedCatalog = result;
+            listeners = storage_->catalogListeners;
           }
           for (const auto& listener : listeners) listener->yield(result);
         } else {  // connectionEstablished

@@ -13,12 +13,6 @@
 namespace corvane {
 
 namespace service::detail {
-/// The push hub that the connection exports. Defined by the push layer above this one, so that
-/// the includes keep pointing down while the link brings the hub in with the connection.
-std::shared_ptr<ipc::ExportedObject> pushHub();
-/// The hub's client identifier in text form: the connection's resume token, so that the daemon
-/// gives the hub back its registrations when the connection comes back after a loss.
-std::string pushHubResumeToken();
 /// The observers of a connection's losses, shared with the observations that remove them.
 struct LossObservers {
   std::mutex mutex;
@@ -62,7 +56,8 @@ constexpr std::string_view systemRuntimeDirectory = "/run/corvane";
 
 /// The connection's options: the service must be root in the system runtime directory, and the
 /// caller's own user or root in a private one.
-ipc::ConnectionOptions connectionOptions(const std::filesystem::path& runtimeDirectory) {
+ipc::ConnectionOptions connectionOptions(const std::filesystem::path& runtimeDirectory,
+                                         std::string resumeToken) {
   ipc::ConnectionOptions options;
   options.runtimeDirectory =
       runtimeDirectory.empty() ? ipc::defaultRuntimeDirectory() : runtimeDirectory;
@@ -72,7 +67,7 @@ ipc::ConnectionOptions connectionOptions(const std::filesystem::path& runtimeDir
   options.rootServiceTrusted = true;
   // The hub never asks again for what it registered; the connection comes back by itself and
   // names the hub, and the daemon restores its registrations and sends what it missed.
-  options.resumeToken = service::detail::pushHubResumeToken();
+  options.resumeToken = std::move(resumeToken);
   options.reconnects = true;
   return options;
 }
@@ -108,13 +103,15 @@ ServiceConnection& ServiceConnection::shared() {
   return instance;
 }
 
-ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirectory) {
+ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirectory,
+                                     std::shared_ptr<ipc::ExportedObject> hub,
+                                     std::string resumeToken) {
   if (!isServiceEnabled())
     throw Error(CorvaneError::unrecoverableError, "the service is switched off");
-  connection_ = std::make_unique<ipc::Connection>(std::string(agentServiceName),
-                                                  connectionOptions(runtimeDirectory));
+  connection_ = std::make_unique<ipc::Connection>(
+      std::string(agentServiceName), connectionOptions(runtimeDirectory, std::move(resumeToken)));
   connection_->setExportedInterface(TetherClientProtocolDescription::interface());
-  connection_->setExportedObject(service::detail::pushHub());
+  connection_->setExportedObject(std::move(hub));
   connection_->setRemoteObjectInterface(ServiceProtocol::interface());
   // Neither handler holds on to this object; the connection reconnects by itself.
   lossObservers_ = std::make_shared<service::detail::LossObservers>();

@@ -2,7 +2,7 @@
 
 // Helpers that compare buffers structurally: both sides parsed, never compared as strings.
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>

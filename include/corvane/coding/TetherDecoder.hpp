@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/coding/Coding.hpp>
 #include <corvane/coding/detail/TextReader.hpp>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 
 #include <cstdint>
 #include <functional>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/ipc/ConnectionError.hpp>
 #include <corvane/ipc/Executor.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>

@@ -67,6 +67,7 @@ struct ManagedAppStatus {
 
   /// The installed build.
   struct InstalledVersionInfo {
+    /// The store's identifier of the installed version, when the daemon reports one.
     std::optional<std::int64_t> pomeralVersionID;
     std::string bundleVersion;
     std::string bundleShortVersion;
@@ -76,13 +77,14 @@ struct ManagedAppStatus {
   };
 
   std::string bundleID;
+  /// The declaration that manages the app, by its identifier and its key.
   std::string declarationIdentifier;
   std::string declarationKey;
   State state = State::optional;
-  std::optional<UpdateState> updateState;
-  std::vector<Reason> reasons;
-  std::string name;
-  std::optional<InstalledVersionInfo> installedVersionInfo;
+  std::optional<UpdateState> updateState;  ///< absent when there is no update to report
+  std::vector<Reason> reasons;             ///< in the daemon's order; may be empty
+  std::string name;                        ///< the app's display name
+  std::optional<InstalledVersionInfo> installedVersionInfo;  ///< absent when no build is reported
 
   BOOST_DESCRIBE_CLASS(ManagedAppStatus, (),
                        (bundleID, declarationIdentifier, declarationKey, state, updateState,

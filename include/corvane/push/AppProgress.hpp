@@ -14,7 +14,7 @@ namespace corvane {
 /// interpreted here. Coded as {"state", "bundleID", "uuid"}, all required.
 struct AppProgress {
   AppState state = AppState::waiting();
-  std::string bundleID;
+  std::string bundleID;  ///< the app the state belongs to
   boost::uuids::uuid uuid{};
 
   friend bool operator==(const AppProgress&, const AppProgress&) = default;

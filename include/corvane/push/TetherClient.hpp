@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/coding/CorvaneError.hpp>
 #include <corvane/ipc/ExportedObject.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
@@ -16,12 +16,10 @@
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <variant>
 #include <vector>
 
@@ -46,13 +44,20 @@ class AsyncStreamListener {
   typename AsyncStream<Element>::Continuation continuation;
 };
 
+class TetherClient;
+
+namespace push::detail {
+struct HubStorage;  // the hub's state, in src/push/detail/HubStorage.hpp
+[[nodiscard]] HubStorage snapshot(const TetherClient& hub);
+}  // namespace push::detail
+
 /// The process's one receiver of pushed messages. The shared service connection exports it to
 /// the daemon (`handleMessages:`); it asks the daemon for the kinds of message its listeners want
 /// and withdraws a kind when the last listener of it goes, keeps the last catalogue and the last
 /// state of each app, hands a new listener the cached value at once, and fans every pushed value
 /// out to the listeners that want it.
 ///
-/// Locking: one mutex guards the whole `Storage`. Every listener operation holds it for its
+/// Locking: one mutex guards the hub's whole state. Every listener operation holds it for its
 /// whole run, including the synchronous "removeMessageRegistrations:reply:" call that withdrawing
 /// a kind makes (so ending a stream blocks other hub users until the daemon answers). Values
 /// from the daemon are yielded and callbacks called without it, on the connection's delivery
@@ -70,18 +75,6 @@ class TetherClient final : public ipc::ExportedObject, public TetherClientProtoc
     std::function<void(const AppState&)> block;
   };
 
-  /// The hub's state, all of it behind the hub's mutex.
-  struct Storage {
-    std::unordered_set<MessageRegistration> activeRegistrations;
-    std::map<std::string, std::vector<IdentifiableAppStateChangeBlock>> stateChangeBlocks;
-    std::vector<std::shared_ptr<ProgressListener>> progressListeners;
-    std::map<std::string, std::vector<std::shared_ptr<StateListener>>> stateListeners;
-    std::vector<std::shared_ptr<CatalogListener>> catalogListeners;
-    std::optional<CatalogResult> cachedCatalog;
-    std::map<std::string, std::int64_t> subscriberCounts;
-    std::map<std::string, AppState> cachedStates;
-  };
-
   /// How long a withdrawal waits for the daemon's answer, with the hub's mutex held. Past it the
   /// withdrawal counts as failed: its error line is written and the registration stays active, so
   /// a later withdrawal tries again. It bounds how long ending a stream can block.
@@ -93,6 +86,7 @@ class TetherClient final : public ipc::ExportedObject, public TetherClientProtoc
   [[nodiscard]] static std::shared_ptr<TetherClient> sharedPointer();
 
   TetherClient();
+  ~TetherClient() override;
   TetherClient(const TetherClient&) = delete;
   TetherClient& operator=(const TetherClient&) = delete;
 
@@ -115,9 +109,6 @@ class TetherClient final : public ipc::ExportedObject, public TetherClientProtoc
   /// The exported object's entry point: "handleMessages:" goes to `handleMessages`.
   void handle(std::string_view operation, std::optional<Bytes> argument, ipc::Reply reply) override;
 
-  /// A copy of the state, for inspection (tests, diagnostics).
-  [[nodiscard]] Storage snapshot() const;
-
  private:
   /// Asks the daemon for the registrations not active yet (mutex held); the request is sent
   /// from a task nobody awaits, which makes them inactive again if it fails.
@@ -126,9 +117,11 @@ class TetherClient final : public ipc::ExportedObject, public TetherClientProtoc
   void unregisterLocked(const std::vector<MessageRegistration>& registrations);
   void handle(const TetherClientMessage& message);
 
+  friend push::detail::HubStorage push::detail::snapshot(const TetherClient& hub);
+
   const boost::uuids::uuid clientID_;
   mutable std::mutex mutex_;
-  Storage storage_;
+  const std::unique_ptr<push::detail::HubStorage> storage_;  // behind `mutex_`
 };
 
 }  // namespace corvane

@@ -13,6 +13,7 @@ namespace corvane {
 /// An enterprise app, named by the address of its manifest. Coded as {"manifestURL": "..."}.
 class EnterpriseApp {
  public:
+  /// Takes the manifest's address as it is; nothing is fetched or checked here.
   explicit EnterpriseApp(boost::urls::url manifestURL) : stored_{std::move(manifestURL)} {}
 
   [[nodiscard]] const boost::urls::url& manifestURL() const noexcept { return stored_.manifestURL; }

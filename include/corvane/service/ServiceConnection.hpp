@@ -81,8 +81,9 @@ class ServiceConnection {
   /// no instance exists yet; the next call tries again. Thread-safe.
   [[nodiscard]] static ServiceConnection& shared();
 
-  /// A connection of its own (tests, tools). Throws `corvane::Error` (unrecoverableError) while
-  /// the service is switched off: no object is made then.
+  /// A connection of its own (tests, tools), exporting the process's push hub like the shared
+  /// one. Throws `corvane::Error` (unrecoverableError) while the service is switched off: no
+  /// object is made then. Defined in src/push/Wiring.cpp, where the hub is known.
   explicit ServiceConnection(const std::filesystem::path& runtimeDirectory = {});
   ~ServiceConnection();
   ServiceConnection(const ServiceConnection&) = delete;
@@ -156,6 +157,10 @@ class ServiceConnection {
       std::optional<std::chrono::steady_clock::time_point> deadline = std::nullopt);
 
  private:
+  /// Connects and exports `hub`, which the daemon knows across reconnections by `resumeToken`.
+  ServiceConnection(const std::filesystem::path& runtimeDirectory,
+                    std::shared_ptr<ipc::ExportedObject> hub, std::string resumeToken);
+
   std::shared_ptr<service::detail::LossObservers> lossObservers_;
   std::unique_ptr<ipc::Connection> connection_;
   // Made once: a proxy holds no state of a call, so every call shares them.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
 #include <corvane/ipc/RemoteProxy.hpp>
 
@@ -57,6 +57,8 @@ class ServiceProtocol : public ipc::ProtocolProxy<ServiceProtocol> {
 
   using ProtocolProxy::ProtocolProxy;
 
+  // One member per operation, named after it: each sends its argument buffer (the reply-only
+  // operations send none) and returns without waiting unless the proxy is synchronous.
   void installManagedApp(Bytes argument, ipc::Completion reply) const {
     call(Selectors::installManagedApp, std::move(argument), std::move(reply));
   }

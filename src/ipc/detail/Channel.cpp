@@ -31,22 +31,11 @@ constexpr std::size_t partsPerWrite = 64;
 /// Reading is edge-triggered: a worker is told of each arrival without arming anything again.
 constexpr std::uint32_t readEvents = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
-std::string systemMessage(int error) {
-  return std::error_code(error, std::system_category()).message();
-}
-
 /// This thread's buffer to read into before the bytes go to a session (one per thread, made on
 /// its first read).
 std::span<std::byte> scratch() {
   thread_local std::vector<std::byte> buffer(readChunk);
   return buffer;
-}
-
-PeerCredentials peerCredentials(int fd) {
-  ucred cred{};
-  socklen_t size = sizeof cred;
-  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return {};
-  return {cred.pid, cred.uid, cred.gid};
 }
 
 int duplicate(int fd) {
@@ -125,15 +114,27 @@ void refuse(Outgoing& outgoing, CallError error, const DeliveryExecutor& deliver
   }
 }
 
+std::string systemMessage(int error) {
+  return std::error_code(error, std::system_category()).message();
+}
+
+std::optional<PeerCredentials> peerCredentials(int fd) noexcept {
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return std::nullopt;
+  return PeerCredentials{cred.pid, cred.uid, cred.gid};
+}
+
 // ---- the channel -----------------------------------------------------------------------------
 
-Channel::Channel(std::shared_ptr<Runtime> runtime, int fd, Role role, SessionLimits limits,
-                 std::shared_ptr<ReceiveBudget> budget, DeliveryExecutor delivery,
-                 std::weak_ptr<ChannelOwner> owner, std::string_view resumeToken)
+Channel::Channel(std::shared_ptr<Runtime> runtime, int fd, PeerCredentials credentials, Role role,
+                 SessionLimits limits, std::shared_ptr<ReceiveBudget> budget,
+                 DeliveryExecutor delivery, std::weak_ptr<ChannelOwner> owner,
+                 std::string_view resumeToken)
     : runtime_(std::move(runtime)),
       fd_(fd),
       writeFd_(duplicate(fd)),
-      credentials_(peerCredentials(fd)),
+      credentials_(credentials),
       delivery_(std::move(delivery)),
       owner_(std::move(owner)),
       session_(role, limits, std::move(budget), resumeToken) {

@@ -11,12 +11,18 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace corvane::ipc::detail {
 
 class Channel;
+
+/// The text of an errno value, for log lines and close reasons.
+[[nodiscard]] std::string systemMessage(int error);
+/// Who is on the other end of a connected socket (SO_PEERCRED); empty when it cannot be read.
+[[nodiscard]] std::optional<PeerCredentials> peerCredentials(int fd) noexcept;
 
 /// Told, on the channel's delivery executor after every outcome the close caused, that a channel
 /// has closed.
@@ -54,10 +60,11 @@ class ChannelOwner {
 /// it.
 class Channel final : public Watcher, public std::enable_shared_from_this<Channel> {
  public:
-  /// Takes ownership of `fd` (a connected AF_UNIX stream socket). A client's HELLO carries
-  /// `resumeToken` when it is not empty.
-  Channel(std::shared_ptr<Runtime> runtime, int fd, Role role, SessionLimits limits,
-          std::shared_ptr<ReceiveBudget> budget, DeliveryExecutor delivery,
+  /// Takes ownership of `fd` (a connected AF_UNIX stream socket) whose peer is `credentials`,
+  /// read by the caller (which decides by them whether to make the channel). A client's HELLO
+  /// carries `resumeToken` when it is not empty.
+  Channel(std::shared_ptr<Runtime> runtime, int fd, PeerCredentials credentials, Role role,
+          SessionLimits limits, std::shared_ptr<ReceiveBudget> budget, DeliveryExecutor delivery,
           std::weak_ptr<ChannelOwner> owner, std::string_view resumeToken = {});
   ~Channel() override;
   Channel(const Channel&) = delete;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <corvane/coding/Bytes.hpp>
+#include <corvane/base/Bytes.hpp>
 #include <corvane/ipc/FrameDecoder.hpp>
 #include <corvane/ipc/InterfaceDescription.hpp>
 #include <corvane/ipc/RemoteProxy.hpp>

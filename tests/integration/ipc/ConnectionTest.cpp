@@ -190,7 +190,8 @@ TEST_F(ConnectionTest, ConcurrentAsyncAndSyncCallsGetTheirOwnReplies) {
       }
     });
     workers.emplace_back([&, t] {
-      // Threads without an io_uring make the plain system calls; both kinds share the socket.
+      // Synchronous callers read their own answers while workers read the asynchronous ones;
+      // both kinds share the socket.
       for (int i = 0; i < syncPerThread; ++i) {
         auto expected = fmt::format("[\"sync\",{},{}]", t, i);
         bool replied = false;

@@ -1,9 +1,11 @@
-// The push channel end to end: an in-process daemon built on the facility's listener records the
-// registration calls it gets and pushes batches to the client through the real connection; the
+// The push channel end to end: the in-process daemon of tests/support records the registration
+// calls it gets and pushes batches to the client through the real connection; the
 // library's hub and streams are observed from the outside. Each test case runs in a process of
 // its own, so the shared connection and hub start empty.
 
 #include "integration/ipc/IpcTestSupport.hpp"
+#include "push/detail/HubStorage.hpp"
+#include "support/FakeDaemon.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>
@@ -31,86 +33,6 @@ namespace asio = boost::asio;
 using ipc::testing::bound;
 using ipc::testing::Counter;
 using ipc::testing::TemporaryDirectory;
-
-constexpr std::string_view successWithoutValue = R"([{"success": {"_0": null}}])";
-
-/// A daemon that records registration calls and pushes batches to its one client.
-class PushingDaemon {
- public:
-  explicit PushingDaemon(const std::filesystem::path& directory)
-      : listener_(std::string(agentServiceName), ipc::ListenerOptions{directory, false}) {
-    listener_.setConnectionHandler([this](ipc::Peer& peer) {
-      auto table = std::make_shared<ipc::OperationTable>();
-      for (const auto* operation : {&ServiceProtocol::Selectors::addMessageRegistrations,
-                                    &ServiceProtocol::Selectors::removeMessageRegistrations}) {
-        table->on(std::string(operation->name),
-                  [this, name = std::string(operation->name)](std::optional<Bytes> argument,
-                                                              ipc::Reply reply) {
-                    std::string answer(successWithoutValue);
-                    {
-                      const std::lock_guard state(mutex_);
-                      calls_.emplace_back(name, std::string(argument->view()));
-                      if (failAdds_ && name == "addMessageRegistrations:reply:")
-                        answer = R"([{"failure": {"_0": {"networkError": {}}}}])";
-                      if (holdRemovals_ && name == "removeMessageRegistrations:reply:") {
-                        held_.push_back(std::move(reply));
-                        registrationCalls.add();
-                        return;
-                      }
-                    }
-                    reply.send(Bytes(answer));
-                    registrationCalls.add();
-                  });
-      }
-      peer.setExportedObject(table);
-      peer.setRemoteObjectInterface(TetherClientProtocolDescription::interface());
-      {
-        const std::lock_guard state(mutex_);
-        client_ = peer.remoteObjectProxy([](const ipc::CallError&) {});
-      }
-      connected.add();
-      return true;
-    });
-    listener_.resume();
-  }
-
-  /// Pushes one batch, as raw JSON (a list of messages).
-  void push(std::string_view batch) {
-    ASSERT_TRUE(connected.waitFor(1));
-    ipc::RemoteProxy client;
-    {
-      const std::lock_guard state(mutex_);
-      client = client_;
-    }
-    client.send("handleMessages:", Bytes(fmt::format("[{}]", batch)));
-  }
-  void failAdds() {
-    const std::lock_guard state(mutex_);
-    failAdds_ = true;
-  }
-  /// Leaves every withdrawal unanswered from now on.
-  void holdRemovals() {
-    const std::lock_guard state(mutex_);
-    holdRemovals_ = true;
-  }
-  /// The registration calls so far: operation and argument document.
-  [[nodiscard]] std::vector<std::pair<std::string, std::string>> calls() const {
-    const std::lock_guard state(mutex_);
-    return calls_;
-  }
-
-  Counter connected;
-  Counter registrationCalls;
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<std::string, std::string>> calls_;
-  ipc::RemoteProxy client_;
-  bool failAdds_ = false;
-  bool holdRemovals_ = false;
-  std::vector<ipc::Reply> held_;
-  ipc::Listener listener_;
-};
 
 std::string catalogOf(std::string_view name) {
   return fmt::format(
@@ -160,7 +82,7 @@ class HubTest : public ::testing::Test {
   template <class Predicate>
   static bool waitForHub(Predicate predicate) {
     const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!predicate(TetherClient::shared().snapshot())) {
+    while (!predicate(push::detail::snapshot(TetherClient::shared()))) {
       if (std::chrono::steady_clock::now() > deadline) return false;
       std::this_thread::yield();
     }
@@ -172,9 +94,9 @@ class HubTest : public ::testing::Test {
 };
 
 TEST_F(HubTest, ASecondCatalogListenerGetsTheCacheFirstAndNoSecondRegistration) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto first = ManagedAppLibrary::shared().managedApps();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   daemon.push(fmt::format("[{}]", catalogOf("One")));
   EXPECT_EQ(describe(first.next()), "One");
 
@@ -183,45 +105,45 @@ TEST_F(HubTest, ASecondCatalogListenerGetsTheCacheFirstAndNoSecondRegistration) 
   daemon.push(fmt::format("[{}]", catalogOf("Two")));
   EXPECT_EQ(describe(first.next()), "Two");
   EXPECT_EQ(describe(second.next()), "Two");
-  const auto calls = daemon.calls();
+  const auto calls = daemon.received();
   ASSERT_EQ(calls.size(), 1U) << "appCatalog was active already";
-  EXPECT_EQ(calls[0].first, "addMessageRegistrations:reply:");
-  EXPECT_EQ(boost::json::parse(calls[0].second),
+  EXPECT_EQ(calls[0].operation, "addMessageRegistrations:reply:");
+  EXPECT_EQ(boost::json::parse(calls[0].argument.value()),
             boost::json::parse(
                 fmt::format(R"([[{{"appCatalog": {{}}}}], "{}"])",
                             upperCase(boost::uuids::to_string(TetherClient::shared().clientID())))))
-      << calls[0].second;
+      << calls[0].argument.value();
 }
 
 TEST_F(HubTest, TheLastListenerWithdrawsAndALaterOneStillGetsTheCache) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   {
     auto apps = ManagedAppLibrary::shared().managedApps();
-    ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+    ASSERT_TRUE(daemon.calls.waitFor(1));
     daemon.push(fmt::format("[{}]", catalogOf("One")));
     EXPECT_EQ(describe(apps.next()), "One");
   }  // ending the sequence removes its listener and withdraws the registration
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
-  EXPECT_EQ(daemon.calls().at(1).first, "removeMessageRegistrations:reply:");
-  EXPECT_TRUE(
-      waitForHub([](const TetherClient::Storage& hub) { return hub.activeRegistrations.empty(); }));
+  ASSERT_TRUE(daemon.calls.waitFor(2));
+  EXPECT_EQ(daemon.received().at(1).operation, "removeMessageRegistrations:reply:");
+  EXPECT_TRUE(waitForHub(
+      [](const push::detail::HubStorage& hub) { return hub.activeRegistrations.empty(); }));
 
   auto later = ManagedAppLibrary::shared().managedApps();
   EXPECT_EQ(describe(later.next()), "One");
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(3)) << "the later listener registers again";
+  ASSERT_TRUE(daemon.calls.waitFor(3)) << "the later listener registers again";
 }
 
 TEST_F(HubTest, AWithdrawalTheDaemonNeverAnswersEndsWithinItsBoundAndStaysActive) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   std::optional<ManagedAppLibrary::ManagedApps> apps(ManagedAppLibrary::shared().managedApps());
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
-  daemon.holdRemovals();
+  ASSERT_TRUE(daemon.calls.waitFor(1));
+  daemon.hold("removeMessageRegistrations:reply:");
   const auto started = std::chrono::steady_clock::now();
   apps.reset();  // ends the stream: the withdrawal is made, and never answered
   const auto waited = std::chrono::steady_clock::now() - started;
   EXPECT_GE(waited, TetherClient::withdrawalTimeout);
   EXPECT_LT(waited, TetherClient::withdrawalTimeout + bound);
-  EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
+  EXPECT_EQ(daemon.received().back().operation, "removeMessageRegistrations:reply:");
   std::size_t failures = 0;
   for (const auto& record : log.records()) {
     if (record.message.starts_with("Error removing registration for message: ")) {
@@ -232,16 +154,16 @@ TEST_F(HubTest, AWithdrawalTheDaemonNeverAnswersEndsWithinItsBoundAndStaysActive
   }
   EXPECT_EQ(failures, 1U);
   // Still active, so the hub keeps treating it as asked for and a later withdrawal tries again.
-  EXPECT_EQ(TetherClient::shared().snapshot().activeRegistrations.count(
-                MessageRegistration::appCatalog()),
+  EXPECT_EQ(push::detail::snapshot(TetherClient::shared())
+                .activeRegistrations.count(MessageRegistration::appCatalog()),
             1U);
 }
 
 TEST_F(HubTest, CatalogueMessagesBecomeResultsInBatchOrder) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto apps = ManagedAppLibrary::shared().managedApps();
   auto progress = ManagedAppLibrary::shared().progressUpdates();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  ASSERT_TRUE(daemon.calls.waitFor(2));
   // Neither list nor error, then an error, then a list; the newest-only buffer of the catalogue
   // keeps only the last one, so each is taken before the next is pushed.
   daemon.push(R"([{"type": {"managedAppCatalog": {}}}])");
@@ -258,9 +180,9 @@ TEST_F(HubTest, CatalogueMessagesBecomeResultsInBatchOrder) {
 }
 
 TEST_F(HubTest, AnUndecodableBatchChangesNothingAndWritesOneLine) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto apps = ManagedAppLibrary::shared().managedApps();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   daemon.push(fmt::format("[{}, {{\"type\": {{\"bogus\": {{}}}}}}]", catalogOf("Never")));
   daemon.push(fmt::format("[{}]", catalogOf("After")));
   EXPECT_EQ(describe(apps.next()), "After") << "the bad batch was dropped whole";
@@ -271,13 +193,13 @@ TEST_F(HubTest, AnUndecodableBatchChangesNothingAndWritesOneLine) {
 }
 
 TEST_F(HubTest, ProgressForAnAppNobodyWatchesStillUpdatesItsCachedState) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto progress = ManagedAppLibrary::shared().progressUpdates();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   daemon.push(fmt::format("[{}]", progressOf("dev.corvane.quiet", R"({"waiting": {}})")));
   ASSERT_TRUE(progress.next());
   // Progress listeners are served before the state cache is written, so wait for it.
-  EXPECT_TRUE(waitForHub([](const TetherClient::Storage& hub) {
+  EXPECT_TRUE(waitForHub([](const push::detail::HubStorage& hub) {
     return hub.cachedStates.contains("dev.corvane.quiet");
   }));
   auto state = appWithBundle("dev.corvane.quiet").stateUpdates();
@@ -286,40 +208,40 @@ TEST_F(HubTest, ProgressForAnAppNobodyWatchesStillUpdatesItsCachedState) {
 }
 
 TEST_F(HubTest, AStateListenerAndACallbackShareTheRegistration) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   const std::string bundle = "dev.corvane.notes";
   Counter called;
   auto stream = std::make_optional(appWithBundle(bundle).stateUpdates());
   TetherClient::shared().addStateChangeBlock(bundle, "observer",
                                              [&](const AppState&) { called.add(); });
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   daemon.push(fmt::format("[{}]", progressOf(bundle, R"({"installing": {"_0": 0.5}})")));
   ASSERT_TRUE(stream->next());
   ASSERT_TRUE(called.waitFor(1));
 
   stream.reset();  // the stream's listener goes: cached state deleted, registration kept
-  auto hub = TetherClient::shared().snapshot();
+  auto hub = push::detail::snapshot(TetherClient::shared());
   EXPECT_FALSE(hub.cachedStates.contains(bundle));
   EXPECT_TRUE(
       hub.activeRegistrations.contains(MessageRegistration::appStateChangeByBundleID(bundle)));
-  EXPECT_EQ(daemon.calls().size(), 1U);
+  EXPECT_EQ(daemon.received().size(), 1U);
   daemon.push(fmt::format("[{}]", progressOf(bundle, R"({"waiting": {}})")));
   ASSERT_TRUE(called.waitFor(2)) << "the callback still gets states";
 
   TetherClient::shared().removeStateChangeBlock(bundle, "observer");
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
-  EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
-  EXPECT_EQ(TetherClient::shared().snapshot().subscriberCounts.at(bundle), 0);
+  ASSERT_TRUE(daemon.calls.waitFor(2));
+  EXPECT_EQ(daemon.received().back().operation, "removeMessageRegistrations:reply:");
+  EXPECT_EQ(push::detail::snapshot(TetherClient::shared()).subscriberCounts.at(bundle), 0);
 }
 
 TEST_F(HubTest, AFailedAddLeavesTheRegistrationInactiveSoTheNextListenerAsksAgain) {
-  PushingDaemon daemon(directory.path());
-  daemon.failAdds();
+  FakeDaemon daemon(directory.path());
+  daemon.script("addMessageRegistrations:reply:", R"([{"failure": {"_0": {"networkError": {}}}}])");
   {
     auto apps = ManagedAppLibrary::shared().managedApps();
-    ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+    ASSERT_TRUE(daemon.calls.waitFor(1));
     ASSERT_TRUE(waitForHub(
-        [](const TetherClient::Storage& hub) { return hub.activeRegistrations.empty(); }));
+        [](const push::detail::HubStorage& hub) { return hub.activeRegistrations.empty(); }));
     EXPECT_TRUE(log.waitFor(
         [](const platform::LogRecord& r) {
           return r.message.starts_with("Error registering for message: [App catalog changed]: ");
@@ -327,15 +249,15 @@ TEST_F(HubTest, AFailedAddLeavesTheRegistrationInactiveSoTheNextListenerAsksAgai
         bound));
   }
   auto again = ManagedAppLibrary::shared().managedApps();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
-  EXPECT_EQ(daemon.calls().at(1).first, "addMessageRegistrations:reply:");
+  ASSERT_TRUE(daemon.calls.waitFor(2));
+  EXPECT_EQ(daemon.received().at(1).operation, "addMessageRegistrations:reply:");
 }
 
 TEST_F(HubTest, ASlowCatalogueConsumerSeesTheNewestWhileProgressKeepsEveryValue) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto apps = ManagedAppLibrary::shared().managedApps();
   auto progress = ManagedAppLibrary::shared().progressUpdates();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  ASSERT_TRUE(daemon.calls.waitFor(2));
   daemon.push(fmt::format("[{}, {}, {}, {}]", catalogOf("A"), catalogOf("B"), catalogOf("C"),
                           progressOf("dev.corvane.marker", R"({"waiting": {}})")));
   for (int i = 0; i < 3; ++i)
@@ -349,7 +271,7 @@ TEST_F(HubTest, ASlowCatalogueConsumerSeesTheNewestWhileProgressKeepsEveryValue)
 }
 
 TEST_F(HubTest, EndingStreamsFromACallbackAndFromACoroutineDoesNotDeadlock) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   // From a delivery callback: the state-change callback ends a progress stream, which withdraws
   // its registration with a synchronous call from the connection's delivery thread.
   auto progress = std::make_shared<std::optional<AsyncStream<AppProgress>>>(
@@ -362,11 +284,11 @@ TEST_F(HubTest, EndingStreamsFromACallbackAndFromACoroutineDoesNotDeadlock) {
                                                  ended.set_value();
                                                }
                                              });
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
+  ASSERT_TRUE(daemon.calls.waitFor(2));
   daemon.push(fmt::format("[{}]", progressOf("dev.corvane.cb", R"({"waiting": {}})")));
   ASSERT_EQ(ended.get_future().wait_for(bound), std::future_status::ready);
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(3));
-  EXPECT_EQ(daemon.calls().back().first, "removeMessageRegistrations:reply:");
+  ASSERT_TRUE(daemon.calls.waitFor(3));
+  EXPECT_EQ(daemon.received().back().operation, "removeMessageRegistrations:reply:");
 
   // From a coroutine: it takes one catalogue and lets its sequence go.
   asio::io_context io;
@@ -380,20 +302,20 @@ TEST_F(HubTest, EndingStreamsFromACallbackAndFromACoroutineDoesNotDeadlock) {
       },
       asio::detached);
   std::thread pusher([&] {
-    ASSERT_TRUE(daemon.registrationCalls.waitFor(4));
+    ASSERT_TRUE(daemon.calls.waitFor(4));
     daemon.push(fmt::format("[{}]", catalogOf("Co")));
   });
   io.run();
   pusher.join();
   EXPECT_EQ(seen, "Co");
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(5)) << "the coroutine's sequence withdrew";
+  ASSERT_TRUE(daemon.calls.waitFor(5)) << "the coroutine's sequence withdrew";
 }
 
 TEST_F(HubTest, OnAnInternalBuildDaemonLinesArePrintedAndLoggingIsAskedFor) {
   ::setenv("CORVANE_INTERNAL_BUILD", "1", 1);  // NOLINT: before the connection's threads
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto apps = ManagedAppLibrary::shared().managedApps();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   ::testing::internal::CaptureStdout();
   // The catalogue comes behind the other two in the batch, so once it is here they were handled.
   daemon.push(fmt::format(
@@ -401,30 +323,30 @@ TEST_F(HubTest, OnAnInternalBuildDaemonLinesArePrintedAndLoggingIsAskedFor) {
       catalogOf("Marker")));
   EXPECT_EQ(describe(apps.next()), "Marker");
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "daemon says hi\n");
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(2));
-  const auto calls = daemon.calls();
-  EXPECT_EQ(boost::json::parse(calls.at(1).second).as_array().at(0),
+  ASSERT_TRUE(daemon.calls.waitFor(2));
+  const auto calls = daemon.received();
+  EXPECT_EQ(boost::json::parse(calls.at(1).argument.value()).as_array().at(0),
             boost::json::parse(R"([{"logging": {}}])"));
 }
 
 TEST_F(HubTest, ElsewhereDaemonLinesAndTheConnectionMessageAreIgnored) {
   ::unsetenv("CORVANE_INTERNAL_BUILD");  // NOLINT
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto apps = ManagedAppLibrary::shared().managedApps();
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   ::testing::internal::CaptureStdout();
   daemon.push(fmt::format(
       R"([{{"type": {{"connectionEstablished": {{}}}}}}, {{"type": {{"log": {{"log": "quiet"}}}}}}, {}])",
       catalogOf("Marker")));
   EXPECT_EQ(describe(apps.next()), "Marker");
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  EXPECT_EQ(daemon.calls().size(), 1U) << "no logging registration";
+  EXPECT_EQ(daemon.received().size(), 1U) << "no logging registration";
 }
 
 TEST_F(HubTest, StreamsOpenedAndEndedWhileBatchesArriveLoseNothingAndKeepTheCountsRight) {
-  PushingDaemon daemon(directory.path());
+  FakeDaemon daemon(directory.path());
   auto keeper = ManagedAppLibrary::shared().progressUpdates();  // keeps progress registered
-  ASSERT_TRUE(daemon.registrationCalls.waitFor(1));
+  ASSERT_TRUE(daemon.calls.waitFor(1));
   constexpr int rounds = 40;
   std::atomic<bool> pushing{true};
   std::thread pusher([&] {
@@ -449,7 +371,7 @@ TEST_F(HubTest, StreamsOpenedAndEndedWhileBatchesArriveLoseNothingAndKeepTheCoun
   pushing = false;
   pusher.join();
   // Every stream ended: only the keeper is left, and the per-app counts are back to zero.
-  const auto hub = TetherClient::shared().snapshot();
+  const auto hub = push::detail::snapshot(TetherClient::shared());
   EXPECT_EQ(hub.progressListeners.size(), 1U);
   EXPECT_TRUE(hub.catalogListeners.empty());
   for (const auto& [bundle, count] : hub.subscriberCounts) EXPECT_EQ(count, 0) << bundle;

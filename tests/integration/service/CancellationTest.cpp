@@ -3,7 +3,7 @@
 // with the documented error; the late reply is dropped and the connection goes on.
 
 #include "integration/ipc/IpcTestSupport.hpp"
-#include "integration/service/FakeDaemon.hpp"
+#include "support/FakeDaemon.hpp"
 
 #include <corvane/Corvane.hpp>
 

@@ -4,7 +4,7 @@
 // and (where the record has it) the synchronous twin.
 
 #include "integration/ipc/IpcTestSupport.hpp"
-#include "integration/service/FakeDaemon.hpp"
+#include "support/FakeDaemon.hpp"
 #include "support/Json.hpp"
 #include "unit/model/ValueTesting.hpp"
 

@@ -1,10 +1,14 @@
 #pragma once
 
-// An in-process daemon for the service-call tests, built on the facility's listener.
+// An in-process daemon for the tests of the service calls and of the push hub, built on the
+// facility's listener.
 
 #include "integration/ipc/IpcTestSupport.hpp"
 
 #include <corvane/Corvane.hpp>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <map>
@@ -25,14 +29,13 @@ struct Received {
 };
 
 /// An in-process daemon on the agent's service name: answers every operation of the service
-/// protocol with its scripted reply (success without a value by default), or holds the call
-/// unanswered while `hold` is set.
+/// protocol with its scripted reply (success without a value by default) or holds it unanswered,
+/// records every call, and pushes batches to the client that connected last.
 class FakeDaemon {
  public:
   explicit FakeDaemon(const std::filesystem::path& directory)
       : listener_(std::string(agentServiceName), ipc::ListenerOptions{directory, false}) {
     listener_.setConnectionHandler([this](ipc::Peer& peer) {
-      connections.add();
       auto table = std::make_shared<ipc::OperationTable>();
       for (const auto& operation : ServiceProtocol::operations) {
         table->on(std::string(operation.name),
@@ -42,6 +45,12 @@ class FakeDaemon {
                   });
       }
       peer.setExportedObject(table);
+      peer.setRemoteObjectInterface(TetherClientProtocolDescription::interface());
+      {
+        const std::lock_guard state(mutex_);
+        client_ = peer.remoteObjectProxy([](const ipc::CallError&) {});
+      }
+      connections.add();
       return true;
     });
     listener_.resume();
@@ -51,16 +60,17 @@ class FakeDaemon {
     const std::lock_guard state(mutex_);
     replies_[std::string(operation)] = std::string(reply);
   }
-  void hold() {
+  /// Holds the calls of `operation` (every call, without one) unanswered until `release`.
+  void hold(std::optional<std::string_view> operation = std::nullopt) {
     const std::lock_guard state(mutex_);
-    holding_ = true;
+    holding_ = operation ? std::string(*operation) : std::string();
   }
   /// Stops holding and answers the held calls (with the default reply).
   void release() {
     std::vector<ipc::Reply> held;
     {
       const std::lock_guard state(mutex_);
-      holding_ = false;
+      holding_.reset();
       held.swap(held_);
     }
     for (auto& reply : held) reply.send(Bytes(successWithoutValue));
@@ -68,6 +78,17 @@ class FakeDaemon {
   [[nodiscard]] std::vector<Received> received() const {
     const std::lock_guard state(mutex_);
     return received_;
+  }
+
+  /// Pushes one batch, given as the JSON list of its messages, to the client.
+  void push(std::string_view batch) {
+    ASSERT_TRUE(connections.waitFor(1));
+    ipc::RemoteProxy client;
+    {
+      const std::lock_guard state(mutex_);
+      client = client_;
+    }
+    client.send("handleMessages:", Bytes(fmt::format("[{}]", batch)));
   }
 
   ipc::testing::Counter connections;
@@ -80,7 +101,7 @@ class FakeDaemon {
       const std::lock_guard state(mutex_);
       received_.push_back(
           {operation, argument ? std::optional(std::string(argument->view())) : std::nullopt});
-      if (holding_) {
+      if (holding_ && (holding_->empty() || *holding_ == operation)) {
         held_.push_back(std::move(reply));
       } else if (auto scripted = replies_.find(operation); scripted != replies_.end()) {
         answer = scripted->second;
@@ -94,7 +115,8 @@ class FakeDaemon {
   std::map<std::string, std::string> replies_;
   std::vector<Received> received_;
   std::vector<ipc::Reply> held_;
-  bool holding_ = false;
+  std::optional<std::string> holding_;  // the operation held; empty: every one
+  ipc::RemoteProxy client_;
   ipc::Listener listener_;
 };
 

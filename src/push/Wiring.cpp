@@ -1,11 +1,24 @@
+// Where the process-wide objects meet: the service connection exports the push hub, and the
+// observation operations that lower layers declare (`ManagedAppLibrary::managedApps` and
+// `progressUpdates`, `ManagedApp::stateUpdates`) open the hub's streams. The push layer is the
+// only one that knows both the connection and the hub, so this is the one place they are wired.
+
 #include <corvane/push/ListenerStreams.hpp>
+#include <corvane/push/TetherClient.hpp>
 #include <corvane/service/ServiceConnection.hpp>
 
 #include <boost/asio/post.hpp>
+#include <boost/uuid/uuid_io.hpp>
 
 #include <exception>
 
 namespace corvane {
+
+// The hub's client identifier is the resume token, so that the daemon gives the hub back its
+// registrations when the connection comes back after a loss.
+ServiceConnection::ServiceConnection(const std::filesystem::path& runtimeDirectory)
+    : ServiceConnection(runtimeDirectory, TetherClient::sharedPointer(),
+                        boost::uuids::to_string(TetherClient::shared().clientID())) {}
 
 namespace {
 
