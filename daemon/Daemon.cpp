@@ -79,6 +79,8 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
 Daemon::~Daemon() {
   // The workers call into this object; they are joined here, before any member goes.
   listener_.reset();
+  fetches_.stop();
+  launches_.stop();
 }
 
 void Daemon::start() {
@@ -111,6 +113,11 @@ void Daemon::stop() {
   idleTimer_.cancel();
   if (listener_) listener_->invalidate();
   clients_.clear();
+  // A download under way gives up; the calls waiting for one are answered "no reply" as their
+  // connections close.
+  fetches_.stop();
+  launches_.stop();
+  deferred_.clear();
   if (stoppedHandler_) std::exchange(stoppedHandler_, nullptr)();
 }
 
@@ -165,28 +172,46 @@ void Daemon::dispatch(std::uint64_t clientID, const Operation& operation,
     answer(std::move(reply), failure(injected->second, std::nullopt));
     return;
   }
-  Bytes result;
+  auto result = perform(operation.name, clientID, [&]() -> std::optional<Bytes> {
+    if (operation.deferring != nullptr)
+      return (this->*operation.deferring)(client, argument, reply);
+    return (this->*operation.handler)(client, argument);
+  });
+  if (result) answer(std::move(reply), std::move(*result));
+}
+
+std::optional<Bytes> Daemon::perform(std::string_view operation, std::uint64_t clientID,
+                                     const std::function<std::optional<Bytes>()>& body) {
   std::optional<std::string> reason;
   try {
-    result = (this->*operation.handler)(client, argument);
+    return body();
   } catch (const CodingError& error) {
-    log(LogLevel::error, fmt::format("{}: malformed argument from client {}: {}", operation.name,
+    log(LogLevel::error, fmt::format("{}: malformed argument from client {}: {}", operation,
                                      clientID, error.what()));
     reason = malformedArgument(error);
   } catch (const Refusal& refusal) {
-    log(LogLevel::error, fmt::format("{}: {}", operation.name, refusal.what()));
+    log(LogLevel::error, fmt::format("{}: {}", operation, refusal.what()));
     reason = refusal.what();
   } catch (const StoreError& error) {
     log(LogLevel::fault,
-        fmt::format("{}: the state could not be stored: {}", operation.name, error.what()));
+        fmt::format("{}: the state could not be stored: {}", operation, error.what()));
     reason = fmt::format("the change could not be stored: {}", error.what());
   }
-  if (reason) {
-    // A call that fails changes nothing: whatever it began in the engine is undone.
-    engine_.rollback();
-    result = failure(CorvaneError::unrecoverableError, std::move(reason));
-  }
-  answer(std::move(reply), std::move(result));
+  // A call that fails changes nothing: whatever it began in the engine is undone.
+  engine_.rollback();
+  return failure(CorvaneError::unrecoverableError, std::move(reason));
+}
+
+std::uint64_t Daemon::defer(ipc::Reply& reply) {
+  const std::uint64_t ticket = nextTicket_++;
+  deferred_.emplace(ticket, std::move(reply));
+  return ticket;
+}
+
+std::optional<ipc::Reply> Daemon::takeDeferred(std::uint64_t ticket) {
+  auto kept = deferred_.extract(ticket);
+  if (kept.empty()) return std::nullopt;
+  return std::move(kept.mapped());
 }
 
 void Daemon::answer(ipc::Reply reply, Bytes result) {
