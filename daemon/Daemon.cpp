@@ -70,6 +70,15 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
   }
   // A backend with a catalogue of its own (the remotes' apps) replaces the configured one.
   if (auto own = backend_->catalog()) catalog_ = std::move(*own);
+  // Apps installed from manifests are installed from them again after a restart.
+  for (const auto& manifest : store_.manifests()) {
+    try {
+      (void)backend_->takeManifest(manifest.url, manifest.contents);
+    } catch (const BackendError& error) {
+      log(LogLevel::error, fmt::format("stored manifest of {} unreadable ({}); dropped",
+                                       manifest.bundleID, error.what()));
+    }
+  }
   for (auto& record : store_.apps()) engine_.put(std::move(record));
   (void)engine_.takeChanges();
   // Clients away for longer than the retention are not coming back for their registrations.
@@ -233,10 +242,12 @@ void Daemon::commit(const std::function<void()>& extra) {
       if (extra) extra();
       for (const auto& change : engine_.changes()) {
         if (!change.phaseChanged) continue;
-        if (change.removed)
+        if (change.removed) {
           store_.removeApp(change.record.bundleID);
-        else
+          store_.removeManifest(change.record.bundleID);
+        } else {
           store_.putApp(change.record);
+        }
         store_.addHistory(change.record.bundleID, historyEvent(change.record, change.removed));
       }
     });

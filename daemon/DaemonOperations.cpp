@@ -279,7 +279,10 @@ void Daemon::manifestFetched(std::uint64_t ticket, const std::string& url,
         } catch (const BackendError& error) {
           throw Refusal(error.what());
         }
-        return installEnterprise(url, bundleID, bundleID);
+        // Kept with the app, so that an install a restart cuts short is made from it again.
+        return installEnterprise(url, bundleID, bundleID, [&] {
+          store_.putManifest(Store::Manifest{bundleID, url, fetched.contents});
+        });
       });
   answer(std::move(*reply), std::move(*result));
 }

@@ -174,10 +174,20 @@ Catalog FlatpakBackend::survey(flatpak::Installation& installation) {
   std::map<std::string, std::optional<Source>, std::less<>> sources;
   std::map<std::string, std::string, std::less<>> newest;  // ref -> the remote's commit
   for (const auto& remote : installation.remotes()) {
-    const auto refs = installation.remoteRefs(remote.name);
+    std::vector<flatpak::RemoteRef> refs;
+    std::vector<flatpak::AppStreamComponent> components;
+    try {
+      refs = installation.remoteRefs(remote.name);
+      components = flatpak::readAppStream(installation.updateAppStream(remote.name));
+    } catch (const flatpak::FlatpakError& error) {
+      // One remote that cannot be read (unreachable, or one a .flatpakref added without
+      // signatures on its AppStream data) takes nothing from what the others offer.
+      LogCategory::install().error("the remote {} is left out of the catalogue: {}", remote.name,
+                                   error.what());
+      continue;
+    }
     for (const auto& ref : refs)
       if (ref.kind == flatpak::RefKind::app) newest.emplace(ref.ref, ref.commit);
-    const auto components = flatpak::readAppStream(installation.updateAppStream(remote.name));
     for (const auto& component : components) {
       if (sources.contains(component.id)) continue;  // the first remote that offers it
       const flatpak::RemoteRef* build = nullptr;

@@ -1,13 +1,13 @@
 // corvaned on the Flatpak engine with .flatpakref manifests at http addresses, served by
 // scripts/serve-test-repo: a manifest installs the app it names, and one that cannot be fetched
 // (unreachable, an HTTP error status, too large) or does not parse is refused with its reason;
-// stopping the daemon abandons a download under way. https goes through the same code (libcurl),
-// but no test server speaks it offline.
+// stopping the daemon abandons a download under way; an install from a manifest that SIGKILL cuts
+// short is made from the manifest again after a restart. https goes through the same code
+// (libcurl), but no test server speaks it offline.
 
-#include "TestRepository.hpp"
-#include "support/DaemonProcess.hpp"
+#include "FlatpakDaemon.hpp"
+#include "Installation.hpp"
 #include "support/ServiceClient.hpp"
-#include "support/TemporaryDirectory.hpp"
 
 #include <corvane/Corvane.hpp>
 #include <corvane/push/ListenerStreams.hpp>
@@ -19,9 +19,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace corvane::testing {
@@ -36,34 +36,7 @@ std::future<void> installManifest(const std::string& url) {
       .perform(boost::asio::use_future);
 }
 
-class FlatpakManifests : public ::testing::Test {
- protected:
-  void SetUp() override {
-    (void)TestRepository::get();  // the environment first: nothing may reach the machine's own
-    ::setenv("CORVANE_RUNTIME_DIR", runtime_.path().c_str(), 1);  // NOLINT: no threads yet
-    std::filesystem::create_directories(served());
-  }
-  void start() {
-    daemon_ = std::make_unique<DaemonProcess>(
-        runtime_.path(),
-        std::vector<std::string>{"--engine", "flatpak", "--installation", installation().native(),
-                                 "--remote", "corvane-test=" + TestRepository::get().url(),
-                                 "--state", (state_.path() / "state.db").native(), "--tick-ms",
-                                 "20", "--verbose"});
-  }
-  [[nodiscard]] std::filesystem::path installation() const {
-    return state_.path() / "installation";
-  }
-  /// What the test's server serves.
-  [[nodiscard]] std::filesystem::path served() const { return state_.path() / "served"; }
-  void serve(const std::string& name, const std::string& contents) const {
-    std::ofstream(served() / name, std::ios::binary) << contents;
-  }
-
-  TemporaryDirectory runtime_;
-  TemporaryDirectory state_;
-  std::unique_ptr<DaemonProcess> daemon_;
-};
+using FlatpakManifests = FlatpakDaemon;
 
 TEST_F(FlatpakManifests, AManifestIsFetchedOverHttpOrRefusedWithItsReason) {
   serve("hello.flatpakref",
@@ -116,6 +89,36 @@ TEST_F(FlatpakManifests, StoppingTheDaemonAbandonsAFetchUnderWay) {
   EXPECT_EQ(daemon_->process().terminate(15s), 0);
   ASSERT_EQ(call.wait_for(bound), std::future_status::ready);
   EXPECT_TRUE(failureOf([&] { call.get(); }).has_value());
+}
+
+TEST_F(FlatpakManifests, AnInstallFromAManifestCutShortBySigkillFinishesFromItAfterARestart) {
+  // Big from a remote only the manifest names, served slowly so that SIGKILL comes mid-download;
+  // the daemon's own remote offers Big as well, from another address.
+  const RepositoryServer server(TestRepository::get().outDir(), 1 << 20);
+  constexpr std::string_view big = "org.corvane.Test.Big";
+  serve("big.flatpakref", fmt::format("[Flatpak Ref]\nName={}\nBranch=stable\nUrl={}repo\n"
+                                      "SuggestRemoteName=manifest-remote\nGPGVerify=false\n",
+                                      big, server.url()));
+  start();
+  {
+    auto progress = ManagedAppLibrary::shared().progressUpdates();
+    installManifest("file://" + (served() / "big.flatpakref").native()).get();
+    // Into the download proper: the remote the manifest names is set up by then.
+    ASSERT_TRUE(readUntil(progress, [&](const AppProgress& value) {
+      const auto* downloading = std::get_if<AppState::Downloading>(&value.state.cases());
+      return value.bundleID == big && downloading != nullptr && downloading->_0 > 0;
+    }));
+  }
+  daemon_->kill();
+  daemon_->restart();
+  auto progress = ManagedAppLibrary::shared().progressUpdates();
+  ASSERT_TRUE(readUntil(progress, [&](const AppProgress& value) {
+    return value.bundleID == big && value.state == AppState::managed();
+  })) << daemon_->process().err();
+  const auto installed = flatpak::Installation::openAt(installation())
+                             .findInstalled(flatpak::appRef(std::string(big), "stable"));
+  ASSERT_TRUE(installed.has_value());
+  EXPECT_EQ(installed->origin, "manifest-remote");
 }
 
 }  // namespace
