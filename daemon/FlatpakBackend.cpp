@@ -21,6 +21,7 @@
 #include <flatpak.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -558,6 +559,9 @@ void FlatpakBackend::launch(const AppRecord& app, const ipc::PeerCredentials& ca
     const ::pid_t launcher = ::fork();
     if (launcher != 0) ::_exit(launcher < 0 ? 1 : 0);
     ::setsid();
+    // Nothing of the daemon's reaches the app, even a descriptor a library opened without
+    // O_CLOEXEC: everything past standard error is closed.
+    ::syscall(SYS_close_range, 3U, ~0U, 0U);
     if (drop && (::setgroups(1, &gid) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0))
       ::_exit(126);
     ::execve(argv[0], argv.data(), envp.data());
