@@ -70,6 +70,15 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
   }
   // A backend with a catalogue of its own (the remotes' apps) replaces the configured one.
   if (auto own = backend_->catalog()) catalog_ = std::move(*own);
+  // Apps installed from manifests are installed from them again after a restart.
+  for (const auto& manifest : store_.manifests()) {
+    try {
+      (void)backend_->takeManifest(manifest.url, manifest.contents);
+    } catch (const BackendError& error) {
+      log(LogLevel::error, fmt::format("stored manifest of {} unreadable ({}); dropped",
+                                       manifest.bundleID, error.what()));
+    }
+  }
   for (auto& record : store_.apps()) engine_.put(std::move(record));
   (void)engine_.takeChanges();
   // Clients away for longer than the retention are not coming back for their registrations.
@@ -79,6 +88,8 @@ Daemon::Daemon(asio::io_context& io, Options options, Catalog catalog)
 Daemon::~Daemon() {
   // The workers call into this object; they are joined here, before any member goes.
   listener_.reset();
+  fetches_.stop();
+  launches_.stop();
 }
 
 void Daemon::start() {
@@ -111,6 +122,11 @@ void Daemon::stop() {
   idleTimer_.cancel();
   if (listener_) listener_->invalidate();
   clients_.clear();
+  // A download under way gives up; the calls waiting for one are answered "no reply" as their
+  // connections close.
+  fetches_.stop();
+  launches_.stop();
+  deferred_.clear();
   if (stoppedHandler_) std::exchange(stoppedHandler_, nullptr)();
 }
 
@@ -165,28 +181,46 @@ void Daemon::dispatch(std::uint64_t clientID, const Operation& operation,
     answer(std::move(reply), failure(injected->second, std::nullopt));
     return;
   }
-  Bytes result;
+  auto result = perform(operation.name, clientID, [&]() -> std::optional<Bytes> {
+    if (operation.deferring != nullptr)
+      return (this->*operation.deferring)(client, argument, reply);
+    return (this->*operation.handler)(client, argument);
+  });
+  if (result) answer(std::move(reply), std::move(*result));
+}
+
+std::optional<Bytes> Daemon::perform(std::string_view operation, std::uint64_t clientID,
+                                     const std::function<std::optional<Bytes>()>& body) {
   std::optional<std::string> reason;
   try {
-    result = (this->*operation.handler)(client, argument);
+    return body();
   } catch (const CodingError& error) {
-    log(LogLevel::error, fmt::format("{}: malformed argument from client {}: {}", operation.name,
+    log(LogLevel::error, fmt::format("{}: malformed argument from client {}: {}", operation,
                                      clientID, error.what()));
     reason = malformedArgument(error);
   } catch (const Refusal& refusal) {
-    log(LogLevel::error, fmt::format("{}: {}", operation.name, refusal.what()));
+    log(LogLevel::error, fmt::format("{}: {}", operation, refusal.what()));
     reason = refusal.what();
   } catch (const StoreError& error) {
     log(LogLevel::fault,
-        fmt::format("{}: the state could not be stored: {}", operation.name, error.what()));
+        fmt::format("{}: the state could not be stored: {}", operation, error.what()));
     reason = fmt::format("the change could not be stored: {}", error.what());
   }
-  if (reason) {
-    // A call that fails changes nothing: whatever it began in the engine is undone.
-    engine_.rollback();
-    result = failure(CorvaneError::unrecoverableError, std::move(reason));
-  }
-  answer(std::move(reply), std::move(result));
+  // A call that fails changes nothing: whatever it began in the engine is undone.
+  engine_.rollback();
+  return failure(CorvaneError::unrecoverableError, std::move(reason));
+}
+
+std::uint64_t Daemon::defer(ipc::Reply& reply) {
+  const std::uint64_t ticket = nextTicket_++;
+  deferred_.emplace(ticket, std::move(reply));
+  return ticket;
+}
+
+std::optional<ipc::Reply> Daemon::takeDeferred(std::uint64_t ticket) {
+  auto kept = deferred_.extract(ticket);
+  if (kept.empty()) return std::nullopt;
+  return std::move(kept.mapped());
 }
 
 void Daemon::answer(ipc::Reply reply, Bytes result) {
@@ -208,10 +242,12 @@ void Daemon::commit(const std::function<void()>& extra) {
       if (extra) extra();
       for (const auto& change : engine_.changes()) {
         if (!change.phaseChanged) continue;
-        if (change.removed)
+        if (change.removed) {
           store_.removeApp(change.record.bundleID);
-        else
+          store_.removeManifest(change.record.bundleID);
+        } else {
           store_.putApp(change.record);
+        }
         store_.addHistory(change.record.bundleID, historyEvent(change.record, change.removed));
       }
     });

@@ -3,8 +3,10 @@
 #include "Catalog.hpp"
 #include "Engine.hpp"
 #include "InstallBackend.hpp"
+#include "ManifestFetch.hpp"
 #include "Options.hpp"
 #include "Store.hpp"
+#include "Worker.hpp"
 
 #include <corvane/base/Bytes.hpp>
 #include <corvane/ipc/ExportedObject.hpp>
@@ -77,11 +79,19 @@ class Daemon {
   /// Performs an operation for `caller`; returns the encoded reply, or throws Refusal,
   /// CodingError (a malformed argument) or StoreError.
   using Handler = Bytes (Daemon::*)(Client& caller, const std::optional<Bytes>& argument);
-  /// One operation of the service, described once: its name, what it may do, what performs it.
+  /// Performs an operation that may answer later, when blocking work done on a worker is over:
+  /// it returns the encoded reply now, or nothing once it has kept `reply` (`defer`) to answer
+  /// it when the work is done. Throws as a Handler does, before it keeps the reply.
+  using DeferringHandler = std::optional<Bytes> (Daemon::*)(Client& caller,
+                                                            const std::optional<Bytes>& argument,
+                                                            ipc::Reply& reply);
+  /// One operation of the service, described once: its name, what it may do, what performs it
+  /// (`handler`, or `deferring` for one that may answer later).
   struct Operation {
     std::string_view name;
     Effect effect;
-    Handler handler;
+    Handler handler = nullptr;
+    DeferringHandler deferring = nullptr;
   };
   /// Every operation the daemon serves; each client's calls reach them through an
   /// ipc::OperationTable made from this list.
@@ -103,6 +113,14 @@ class Daemon {
   void dispatch(std::uint64_t clientID, const Operation& operation, std::optional<Bytes> argument,
                 ipc::Reply reply);
   void answer(ipc::Reply reply, Bytes result);
+  /// Runs `body`, the work of `operation`, and returns its reply: a refusal, a malformed
+  /// argument or a store failure becomes a failure reply, and what the body began in the engine
+  /// is undone. Nothing: the body kept the call's reply to answer later.
+  std::optional<Bytes> perform(std::string_view operation, std::uint64_t clientID,
+                               const std::function<std::optional<Bytes>()>& body);
+  /// Keeps `reply` until `takeDeferred(ticket)`; the ticket is returned.
+  std::uint64_t defer(ipc::Reply& reply);
+  [[nodiscard]] std::optional<ipc::Reply> takeDeferred(std::uint64_t ticket);
 
   // The operations (DaemonOperations.cpp).
   Bytes addOrUpdate(Client& caller, const std::optional<Bytes>& argument);
@@ -112,10 +130,19 @@ class Daemon {
   Bytes resetHistory(Client& caller, const std::optional<Bytes>& argument);
   Bytes poll(Client& caller, const std::optional<Bytes>& argument);
   Bytes vppInstall(Client& caller, const std::optional<Bytes>& argument);
-  Bytes enterpriseInstall(Client& caller, const std::optional<Bytes>& argument);
+  std::optional<Bytes> enterpriseInstall(Client& caller, const std::optional<Bytes>& argument,
+                                         ipc::Reply& reply);
+  /// The manifest fetched for the call `ticket` came (or failed): its app is installed from it
+  /// and the call answered.
+  void manifestFetched(std::uint64_t ticket, const std::string& url,
+                       const FetchedManifest& fetched);
+  /// Records (when new) and installs the enterprise app `bundleID` named `name` from `url`.
+  Bytes installEnterprise(const std::string& url, const std::string& bundleID,
+                          const std::string& name, const std::function<void()>& extra = {});
   Bytes install(Client& caller, const std::optional<Bytes>& argument);
   Bytes cancel(Client& caller, const std::optional<Bytes>& argument);
-  Bytes launch(Client& caller, const std::optional<Bytes>& argument);
+  std::optional<Bytes> launch(Client& caller, const std::optional<Bytes>& argument,
+                              ipc::Reply& reply);
   Bytes addRegistrations(Client& caller, const std::optional<Bytes>& argument);
   Bytes removeRegistrations(Client& caller, const std::optional<Bytes>& argument);
   [[nodiscard]] std::optional<std::string> bundleOfDeclaration(std::string_view identifier) const;
@@ -161,6 +188,13 @@ class Daemon {
   std::atomic<bool> updatePosted_{false};
   std::unique_ptr<InstallBackend> backend_;
   Engine engine_;
+  // Calls answered once their work on a worker is done, by ticket.
+  std::map<std::uint64_t, ipc::Reply> deferred_;
+  std::uint64_t nextTicket_ = 1;
+  // Blocking work off the serving thread, one worker each so that a slow download never holds up
+  // a launch; joined by stop(), before the backend they use goes.
+  Worker fetches_;
+  Worker launches_;
   std::map<std::string, ManagedAppDeclaration, std::less<>> declarations_;
   std::map<std::uint64_t, Client> clients_;
   std::atomic<std::uint64_t> nextClientID_{1};

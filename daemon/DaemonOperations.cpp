@@ -12,6 +12,7 @@
 #include <corvane/requests/VPPInstallRequest.hpp>
 #include <corvane/service/ServiceProtocol.hpp>
 
+#include <boost/asio/post.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/url/url.hpp>
 #include <boost/url/url_view.hpp>
@@ -19,9 +20,7 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <fmt/format.h>
 
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -29,6 +28,7 @@
 
 namespace corvane::sim {
 
+namespace asio = boost::asio;
 using Selectors = ServiceProtocol::Selectors;
 using platform::LogLevel;
 
@@ -62,10 +62,11 @@ const std::array<Daemon::Operation, 13> Daemon::operations{{
     // A poll only publishes the catalogue again.
     {Selectors::pollForMediaAPIUpdates.name, Effect::readsState, &Daemon::poll},
     {Selectors::handleVPPInstallRequest.name, Effect::changesState, &Daemon::vppInstall},
-    {Selectors::installEnterpriseManifest.name, Effect::changesState, &Daemon::enterpriseInstall},
+    {Selectors::installEnterpriseManifest.name, Effect::changesState, nullptr,
+     &Daemon::enterpriseInstall},
     {Selectors::installManagedApp.name, Effect::changesState, &Daemon::install},
     {Selectors::cancelManagedApp.name, Effect::changesState, &Daemon::cancel},
-    {Selectors::handleLaunchAppRequest.name, Effect::changesState, &Daemon::launch},
+    {Selectors::handleLaunchAppRequest.name, Effect::changesState, nullptr, &Daemon::launch},
     {Selectors::addMessageRegistrations.name, Effect::concernsCaller, &Daemon::addRegistrations},
     {Selectors::removeMessageRegistrations.name, Effect::concernsCaller,
      &Daemon::removeRegistrations},
@@ -235,37 +236,64 @@ Bytes Daemon::vppInstall(Client& /*caller*/, const std::optional<Bytes>& argumen
   return done();
 }
 
-Bytes Daemon::enterpriseInstall(Client& /*caller*/, const std::optional<Bytes>& argument) {
+std::optional<Bytes> Daemon::enterpriseInstall(Client& /*caller*/,
+                                               const std::optional<Bytes>& argument,
+                                               ipc::Reply& reply) {
   auto [app] = TetherDecoder<EnterpriseApp>::decode(required(argument));
   const auto& url = app.manifestURL();
-  std::string bundleID;
-  std::string name;
-  if (options_.engine == EngineKind::flatpak) {
-    // The manifest is a .flatpakref, read now so that a bad one is refused with its reason.
-    if (url.scheme() != "file")
-      throw Refusal(fmt::format(
-          "the Flatpak engine reads manifests from file addresses only, not {}", url.buffer()));
-    const std::ifstream in(std::string(url.path()), std::ios::binary);
-    if (!in) throw Refusal(fmt::format("the manifest {} cannot be read", url.buffer()));
-    std::ostringstream contents;
-    contents << in.rdbuf();
-    try {
-      bundleID = backend_->takeManifest(url.buffer(), contents.str()).value_or("");
-    } catch (const BackendError& error) {
-      throw Refusal(error.what());
-    }
-    name = bundleID;
-  } else {
+  if (options_.engine != EngineKind::flatpak) {
     if (url.scheme() != "https" && url.scheme() != "http")
       throw Refusal(fmt::format("a manifest must be fetched over http(s), not {}", url.buffer()));
-    bundleID = enterpriseBundle(url);
-    name = bundleID.substr(std::string_view("enterprise.").size());
+    const std::string bundleID = enterpriseBundle(url);
+    return installEnterprise(std::string(url.buffer()), bundleID,
+                             bundleID.substr(std::string_view("enterprise.").size()));
   }
-  if (bundleID.empty()) throw Refusal(fmt::format("{} names no app", url.buffer()));
+  // The manifest is a .flatpakref, fetched and read before the call is answered, so that a bad
+  // one is refused with its reason. The download blocks: it runs on a worker.
+  if (url.scheme() != "file" && url.scheme() != "http" && url.scheme() != "https")
+    throw Refusal(fmt::format(
+        "the Flatpak engine reads manifests from file, http and https addresses, not {}",
+        url.buffer()));
+  const std::uint64_t ticket = defer(reply);
+  std::string address(url.buffer());
+  log(LogLevel::info, fmt::format("fetching the manifest {}", address));
+  fetches_.post([this, ticket, address] {
+    auto fetched = fetchManifest(address, FetchLimits{}, fetches_.stopping());
+    asio::post(io_, [this, ticket, address, fetched = std::move(fetched)] {
+      manifestFetched(ticket, address, fetched);
+    });
+  });
+  return std::nullopt;
+}
+
+void Daemon::manifestFetched(std::uint64_t ticket, const std::string& url,
+                             const FetchedManifest& fetched) {
+  auto reply = takeDeferred(ticket);
+  if (!reply || stopped_) return;
+  auto result =
+      perform(Selectors::installEnterpriseManifest.name, 0, [&]() -> std::optional<Bytes> {
+        if (!fetched.failure.empty()) throw Refusal(fetched.failure);
+        std::string bundleID;
+        try {
+          bundleID = backend_->takeManifest(url, fetched.contents).value_or("");
+        } catch (const BackendError& error) {
+          throw Refusal(error.what());
+        }
+        // Kept with the app, so that an install a restart cuts short is made from it again.
+        return installEnterprise(url, bundleID, bundleID, [&] {
+          store_.putManifest(Store::Manifest{bundleID, url, fetched.contents});
+        });
+      });
+  answer(std::move(*reply), std::move(*result));
+}
+
+Bytes Daemon::installEnterprise(const std::string& url, const std::string& bundleID,
+                                const std::string& name, const std::function<void()>& extra) {
+  if (bundleID.empty()) throw Refusal(fmt::format("{} names no app", url));
   if (engine_.find(bundleID) == nullptr) {
     AppRecord record;
     record.bundleID = bundleID;
-    record.declarationIdentifier = "enterprise." + std::string(url.buffer());
+    record.declarationIdentifier = "enterprise." + url;
     record.name = name;
     record.version = "1.0";
     record.uuid = boost::uuids::random_generator()();
@@ -275,8 +303,8 @@ Bytes Daemon::enterpriseInstall(Client& /*caller*/, const std::optional<Bytes>& 
     engine_.fail(bundleID, ManagedAppStatus::Reason::unmanagedAppAlreadyInstalled);
   else
     engine_.install(bundleID);
-  commit();
-  log(LogLevel::info, fmt::format("enterprise install of {} from {}", bundleID, url.buffer()));
+  commit(extra);
+  log(LogLevel::info, fmt::format("enterprise install of {} from {}", bundleID, url));
   return done();
 }
 
@@ -330,18 +358,35 @@ Bytes Daemon::cancel(Client& /*caller*/, const std::optional<Bytes>& argument) {
   return done();
 }
 
-Bytes Daemon::launch(Client& caller, const std::optional<Bytes>& argument) {
+std::optional<Bytes> Daemon::launch(Client& caller, const std::optional<Bytes>& argument,
+                                    ipc::Reply& reply) {
   auto [bundleID] = TetherDecoder<std::string>::decode(required(argument));
   const AppRecord* record = engine_.find(bundleID);
   if (record == nullptr || (record->phase != Phase::managed && record->phase != Phase::updating))
     throw Refusal(fmt::format("{} is not installed, so it cannot be launched", bundleID));
-  try {
-    backend_->launch(*record, caller.credentials);
-  } catch (const BackendError& error) {
-    throw Refusal(fmt::format("{} cannot be launched: {}", bundleID, error.what()));
-  }
-  log(LogLevel::info, fmt::format("launched {} for uid {}", bundleID, caller.credentials.uid));
-  return done();
+  // The backend reads the installation and starts the launcher: blocking, so on a worker.
+  const std::uint64_t ticket = defer(reply);
+  launches_.post([this, ticket, app = *record, credentials = caller.credentials] {
+    std::string failed;
+    try {
+      backend_->launch(app, credentials);
+    } catch (const BackendError& error) {
+      failed = error.what();
+    }
+    asio::post(io_, [this, ticket, bundleID = app.bundleID, uid = credentials.uid, failed] {
+      auto waiting = takeDeferred(ticket);
+      if (!waiting) return;
+      auto result =
+          perform(Selectors::handleLaunchAppRequest.name, 0, [&]() -> std::optional<Bytes> {
+            if (!failed.empty())
+              throw Refusal(fmt::format("{} cannot be launched: {}", bundleID, failed));
+            log(LogLevel::info, fmt::format("launched {} for uid {}", bundleID, uid));
+            return done();
+          });
+      answer(std::move(*waiting), std::move(*result));
+    });
+  });
+  return std::nullopt;
 }
 
 Bytes Daemon::addRegistrations(Client& caller, const std::optional<Bytes>& argument) {

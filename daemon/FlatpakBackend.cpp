@@ -21,6 +21,7 @@
 #include <flatpak.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -174,10 +175,20 @@ Catalog FlatpakBackend::survey(flatpak::Installation& installation) {
   std::map<std::string, std::optional<Source>, std::less<>> sources;
   std::map<std::string, std::string, std::less<>> newest;  // ref -> the remote's commit
   for (const auto& remote : installation.remotes()) {
-    const auto refs = installation.remoteRefs(remote.name);
+    std::vector<flatpak::RemoteRef> refs;
+    std::vector<flatpak::AppStreamComponent> components;
+    try {
+      refs = installation.remoteRefs(remote.name);
+      components = flatpak::readAppStream(installation.updateAppStream(remote.name));
+    } catch (const flatpak::FlatpakError& error) {
+      // One remote that cannot be read (unreachable, or one a .flatpakref added without
+      // signatures on its AppStream data) takes nothing from what the others offer.
+      LogCategory::install().error("the remote {} is left out of the catalogue: {}", remote.name,
+                                   error.what());
+      continue;
+    }
     for (const auto& ref : refs)
       if (ref.kind == flatpak::RefKind::app) newest.emplace(ref.ref, ref.commit);
-    const auto components = flatpak::readAppStream(installation.updateAppStream(remote.name));
     for (const auto& component : components) {
       if (sources.contains(component.id)) continue;  // the first remote that offers it
       const flatpak::RemoteRef* build = nullptr;
@@ -548,6 +559,9 @@ void FlatpakBackend::launch(const AppRecord& app, const ipc::PeerCredentials& ca
     const ::pid_t launcher = ::fork();
     if (launcher != 0) ::_exit(launcher < 0 ? 1 : 0);
     ::setsid();
+    // Nothing of the daemon's reaches the app, even a descriptor a library opened without
+    // O_CLOEXEC: everything past standard error is closed.
+    ::syscall(SYS_close_range, 3U, ~0U, 0U);
     if (drop && (::setgroups(1, &gid) != 0 || ::setgid(gid) != 0 || ::setuid(uid) != 0))
       ::_exit(126);
     ::execve(argv[0], argv.data(), envp.data());

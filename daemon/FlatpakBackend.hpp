@@ -45,13 +45,13 @@ struct FlatpakSettings {
 /// application ID.
 ///
 /// Threads: `start`, `cancel`, `uninstall`, `takeReports` and `catalog` are called from the
-/// daemon's thread; the transactions run on the backend's own workers, at most
-/// `FlatpakSettings::workers` at once. `wake` is called on a worker thread whenever reports wait,
-/// without any lock held; it must only hand the work over (post it). A watcher thread iterates a
-/// GMainContext of its own for the installation's monitor: when the installation changes, the
-/// next `takeReports()` lists what it holds (an inventory report), so that the engine notices a
-/// managed app taken off behind the daemon's back. The destructor cancels every transaction and
-/// joins the workers and the watcher.
+/// daemon's thread, `launch` from a worker of the daemon's (it reads only what never changes); the
+/// transactions run on the backend's own workers, at most `FlatpakSettings::workers` at once.
+/// `wake` is called on a worker thread whenever reports wait, without any lock held; it must only
+/// hand the work over (post it). A watcher thread iterates a GMainContext of its own for the
+/// installation's monitor: when the installation changes, the next `takeReports()` lists what it
+/// holds (an inventory report), so that the engine notices a managed app taken off behind the
+/// daemon's back. The destructor cancels every transaction and joins the workers and the watcher.
 ///
 /// Launching: the app is started by a short-lived launcher, the daemon's own executable run with
 /// `--launch-flatpak-app`, forked twice (so that no zombie is left and the daemon waits only for

@@ -59,8 +59,9 @@ class BackendError : public std::runtime_error {
 /// install and reports on it. The engine calls a backend only once its own changes are committed,
 /// so a backend never acts on a change the store refused.
 ///
-/// Threads: every call comes from the engine's owner (the daemon's thread). A backend that works
-/// on other threads hands its reports over through `takeReports()`.
+/// Threads: every call comes from the engine's owner (the daemon's thread), except `launch`,
+/// which blocks and comes from a worker of the daemon's, at the same time as the other calls. A
+/// backend that works on other threads hands its reports over through `takeReports()`.
 class InstallBackend {
  public:
   virtual ~InstallBackend() = default;
@@ -91,7 +92,9 @@ class InstallBackend {
   [[nodiscard]] virtual std::optional<Catalog> takeCatalog() { return std::nullopt; }
 
   /// Starts the installed `app` for the user `caller` names, detached from the daemon. A backend
-  /// with nothing to start only logs it. Throws BackendError saying why it cannot.
+  /// with nothing to start only logs it. Throws BackendError saying why it cannot. Called on a
+  /// worker thread (`app` is a copy): it may block, and must not touch what the other calls
+  /// change without a lock.
   virtual void launch(const AppRecord& app, const ipc::PeerCredentials& /*caller*/) {
     LogCategory::appLaunch().notice("launching {}", app.bundleID);
   }

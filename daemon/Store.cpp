@@ -42,6 +42,11 @@ CREATE TABLE IF NOT EXISTS resumable_registrations (
   registration TEXT NOT NULL,
   UNIQUE (token, uid, registration)
 );
+CREATE TABLE IF NOT EXISTS manifests (
+  bundle_id TEXT PRIMARY KEY,
+  url       TEXT NOT NULL,
+  contents  TEXT NOT NULL
+);
 CREATE TABLE IF NOT EXISTS history (
   id        INTEGER PRIMARY KEY AUTOINCREMENT,
   bundle_id TEXT NOT NULL,
@@ -230,6 +235,28 @@ void Store::addHistory(std::string_view bundleID, std::string_view event) {
 
 void Store::clearHistory() {
   execute("DELETE FROM history");
+}
+
+std::vector<Store::Manifest> Store::manifests() const {
+  auto query = prepare("SELECT bundle_id, url, contents FROM manifests ORDER BY bundle_id");
+  std::vector<Manifest> all;
+  while (sqlite3_step(query.get()) == SQLITE_ROW)
+    all.push_back(
+        {columnText(query.get(), 0), columnText(query.get(), 1), columnText(query.get(), 2)});
+  return all;
+}
+
+void Store::putManifest(const Manifest& manifest) {
+  auto statement =
+      prepare("INSERT OR REPLACE INTO manifests (bundle_id, url, contents) VALUES (?1, ?2, ?3)");
+  bindText(statement.get(), 1, manifest.bundleID);
+  bindText(statement.get(), 2, manifest.url);
+  bindText(statement.get(), 3, manifest.contents);
+  if (sqlite3_step(statement.get()) != SQLITE_DONE) fail("store a manifest");
+}
+
+void Store::removeManifest(std::string_view bundleID) {
+  executeWith("DELETE FROM manifests WHERE bundle_id = ?1", bundleID, "remove a manifest");
 }
 
 namespace {

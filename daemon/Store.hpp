@@ -39,7 +39,9 @@ class StoreError : public std::runtime_error {
 /// Not thread-safe: one owner uses it.
 class Store {
  public:
-  static constexpr int schemaVersion = 2;
+  /// 1: declarations, apps, history; 2: returning clients' registrations; 3: manifests. A
+  /// database of an older version gains the tables it lacks and keeps what it holds.
+  static constexpr int schemaVersion = 3;
 
   /// How many returning clients one uid may have remembered; its least recently seen one is
   /// forgotten to make room for another.
@@ -55,6 +57,13 @@ class Store {
     std::string document;
   };
 
+  /// An enterprise manifest an app is installed from: its address and its text, as fetched.
+  struct Manifest {
+    std::string bundleID;
+    std::string url;
+    std::string contents;
+  };
+
   /// Opens (creating if needed) the database at `file`; an empty path keeps everything in
   /// memory. Throws StoreError when the file cannot be opened or has a newer schema.
   explicit Store(const std::filesystem::path& file);
@@ -68,6 +77,10 @@ class Store {
   void putApp(const AppRecord& record);
   void removeApp(std::string_view bundleID);
   void addHistory(std::string_view bundleID, std::string_view event);
+  [[nodiscard]] std::vector<Manifest> manifests() const;
+  /// Keeps the manifest of `manifest.bundleID`, replacing the one it had.
+  void putManifest(const Manifest& manifest);
+  void removeManifest(std::string_view bundleID);
   void clearHistory();
 
   // Registrations of returning clients, by resume token and uid: a client gets back only what

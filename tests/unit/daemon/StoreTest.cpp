@@ -1,5 +1,5 @@
-// The store on a real SQLite file: what is put survives closing and reopening, and a database of
-// a newer schema is refused rather than misread.
+// The store on a real SQLite file: what is put survives closing and reopening, a database of an
+// older schema is brought up to date, and one of a newer schema is refused rather than misread.
 
 #include "Store.hpp"
 #include "support/TemporaryDirectory.hpp"
@@ -63,6 +63,35 @@ TEST(Store, EverythingPutIsThereAfterReopening) {
   EXPECT_EQ(reopened.historySize(), 1);
   reopened.clearHistory();
   EXPECT_EQ(reopened.historySize(), 0);
+}
+
+TEST(Store, AnOlderDatabaseGainsTheManifestsAndKeepsWhatItHolds) {
+  const TemporaryDirectory directory;
+  const auto file = directory.path() / "state.db";
+  {
+    // A version 2 database: everything but the manifests.
+    Store store(file);
+    store.putDeclaration({"D1", "K1", "{}"});
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(
+        sqlite3_exec(db, "DROP TABLE manifests; PRAGMA user_version=2", nullptr, nullptr, nullptr),
+        SQLITE_OK);
+    sqlite3_close(db);
+  }
+  {
+    Store store(file);
+    EXPECT_EQ(store.declarations().size(), 1U);
+    store.putManifest({"a.b", "http://h/a.flatpakref", "[Flatpak Ref]\nName=a.b\n"});
+    store.putManifest({"c.d", "file:///c.flatpakref", "x"});
+    store.putManifest({"a.b", "http://h/a2.flatpakref", "y"});  // replaces
+    store.removeManifest("c.d");
+  }
+  const auto manifests = Store(file).manifests();
+  ASSERT_EQ(manifests.size(), 1U);
+  EXPECT_EQ(manifests[0].bundleID, "a.b");
+  EXPECT_EQ(manifests[0].url, "http://h/a2.flatpakref");
+  EXPECT_EQ(manifests[0].contents, "y");
 }
 
 TEST(Store, ATransactionThatThrowsLeavesNothingBehind) {
