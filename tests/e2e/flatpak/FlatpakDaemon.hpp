@@ -4,9 +4,9 @@
 // test repository as its remote, state in a temporary directory, and a directory for the test's
 // server to serve.
 
-#include "support/TestRepository.hpp"
 #include "support/DaemonProcess.hpp"
 #include "support/TemporaryDirectory.hpp"
+#include "support/TestRepository.hpp"
 
 #include <gtest/gtest.h>
 
