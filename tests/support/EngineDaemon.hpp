@@ -47,7 +47,7 @@ inline const Engine flatpakEngine{"Flatpak", true,
     "org.corvane.Test.Hello", "org.corvane.Test.Quiet", "org.corvane.Test.Big",
     "org.corvane.Test.Broken" /* its runtime is in no repository */,
     "Corvane Hello", "Corvane Test Developers", "1.0", 1,
-    "the Flatpak engine reads manifests from file addresses only, not "
+    "the Flatpak engine reads manifests from file, http and https addresses, not "
     "ftp://corvane.dev/apps/Tool.plist", false};
 // clang-format on
 
