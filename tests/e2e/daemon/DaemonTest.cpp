@@ -537,6 +537,12 @@ TEST_P(Daemon, UnderSocketActivationItServesAndExitsWhenIdle) {
                                 "--idle-exit",
                                 "1"};
   std::ranges::copy(engineArguments(Pace::quick), std::back_inserter(argv));
+  // The activator hands the daemon an empty environment unless told otherwise; it gets the test's,
+  // as any daemon here does (the sanitizers' options, the Flatpak engine's private directories).
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string_view entry(*variable);
+    argv.insert(argv.begin() + 1, {"-E", std::string(entry.substr(0, entry.find('=')))});
+  }
   Process activator(argv);
   ASSERT_TRUE(activator.waitForError("Listening on")) << activator.err();
   Process probe({CORVANE_PROBE_PATH, "keys"}, {{"CORVANE_RUNTIME_DIR", runtime_.path().native()}});
